@@ -1,0 +1,170 @@
+#include "platform/Http.h"
+
+#include <QNetworkAccessManager>
+#include <QNetworkCookie>
+#include <QNetworkCookieJar>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QPointer>
+#include <qcoro/qcoronetworkreply.h>
+
+#include "platform/Clock.h"
+#include "platform/HttpCache.h"
+
+namespace vt {
+
+namespace {
+
+// Cookies are dropped for ephemeral sessions.
+class NoCookies final : public QNetworkCookieJar {
+ public:
+  bool setCookiesFromUrl(const QList<QNetworkCookie>&, const QUrl&) override { return false; }
+  QList<QNetworkCookie> cookiesForUrl(const QUrl&) const override { return {}; }
+};
+
+}  // namespace
+
+QNetworkAccessManager& sharedNetworkManager() {
+  static auto* manager = new QNetworkAccessManager();
+  return *manager;
+}
+
+void installSharedHttpCache(int64_t memoryBytes, int64_t diskBytes, const QString& diskDirectory) {
+  auto* cache = new TieredNetworkCache(memoryBytes, diskBytes, diskDirectory);
+  sharedNetworkManager().setCache(cache);  // takes ownership
+}
+
+std::optional<QByteArray> HttpResponse::header(const QByteArray& name) const {
+  for (const auto& [k, v] : headers)
+    if (k.compare(name, Qt::CaseInsensitive) == 0) return v;
+  return std::nullopt;
+}
+
+HttpClient::HttpClient(Clock& clock, Session session)
+    : clock_(clock),
+      manager_(session == Session::shared ? &sharedNetworkManager() : new QNetworkAccessManager()),
+      ownsManager_(session == Session::ephemeral) {
+  if (ownsManager_) manager_->setCookieJar(new NoCookies());
+}
+
+HttpClient::~HttpClient() {
+  if (ownsManager_) manager_->deleteLater();
+}
+
+QCoro::Task<HttpResponse> HttpClient::send(HttpRequest request, CancelToken token) {
+  HttpResponse response;
+  if (token.isCancelled()) {
+    response.failure = HttpFailure::cancelled;
+    response.errorText = "cancelled";
+    co_return response;
+  }
+  QNetworkRequest req(request.url);
+  req.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                   request.followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy
+                                           : QNetworkRequest::ManualRedirectPolicy);
+  req.setTransferTimeout(0);  // the clock below owns the time limit
+  for (const auto& [k, v] : request.headers) req.setRawHeader(k, v);
+  if (request.range) {
+    QByteArray value = "bytes=" + QByteArray::number(static_cast<qlonglong>(request.range->first)) + "-";
+    if (request.range->second) value += QByteArray::number(static_cast<qlonglong>(*request.range->second));
+    req.setRawHeader("Range", value);
+    // A cached full body must not answer a ranged read.
+    req.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
+    req.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+  }
+
+  QNetworkReply* raw = nullptr;
+  if (request.method == "GET")
+    raw = manager_->get(req);
+  else if (request.method == "HEAD")
+    raw = manager_->head(req);
+  else if (request.method == "POST")
+    raw = manager_->post(req, request.body);
+  else if (request.method == "PUT")
+    raw = manager_->put(req, request.body);
+  else if (request.method == "DELETE" && request.body.isEmpty())
+    raw = manager_->deleteResource(req);
+  else
+    raw = manager_->sendCustomRequest(req, request.method, request.body);
+  std::unique_ptr<QNetworkReply, void (*)(QNetworkReply*)> reply(raw, [](QNetworkReply* r) { r->deleteLater(); });
+
+  bool timedOut = false;
+  bool cancelled = false;
+  QPointer<QNetworkReply> guard(raw);
+  const auto timer = clock_.schedule(request.timeoutSeconds, [&timedOut, guard] {
+    if (guard && guard->isRunning()) {
+      timedOut = true;
+      guard->abort();
+    }
+  });
+  const auto cb = token.onCancel([&cancelled, guard] {
+    if (guard && guard->isRunning()) {
+      cancelled = true;
+      guard->abort();
+    }
+  });
+
+  if (raw->isRunning()) co_await qCoro(raw).waitForFinished(std::chrono::milliseconds(-1));
+  clock_.cancelTimer(timer);
+  token.removeCallback(cb);
+
+  response.finalUrl = raw->url();
+  const auto statusAttr = raw->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+  response.fromCache = raw->attribute(QNetworkRequest::SourceIsFromCacheAttribute).toBool();
+  if (timedOut) {
+    response.failure = HttpFailure::timeout;
+    response.errorText = "The request timed out.";
+    co_return response;
+  }
+  if (cancelled) {
+    response.failure = HttpFailure::cancelled;
+    response.errorText = "cancelled";
+    co_return response;
+  }
+  if (!statusAttr.isValid()) {
+    response.failure = HttpFailure::network;
+    response.errorText = raw->errorString().toStdString();
+    co_return response;
+  }
+  response.status = statusAttr.toInt();
+  for (const auto& pair : raw->rawHeaderPairs()) response.headers.emplace_back(pair.first, pair.second);
+  response.body = raw->readAll();
+  co_return response;
+}
+
+QCoro::Task<HttpResponse> HttpClient::get(QUrl url, double timeoutSeconds, CancelToken token) {
+  HttpRequest r;
+  r.url = std::move(url);
+  r.timeoutSeconds = timeoutSeconds;
+  co_return co_await send(std::move(r), std::move(token));
+}
+
+QCoro::Task<HttpResponse> HttpClient::head(QUrl url, double timeoutSeconds, CancelToken token) {
+  HttpRequest r;
+  r.url = std::move(url);
+  r.method = "HEAD";
+  r.timeoutSeconds = timeoutSeconds;
+  co_return co_await send(std::move(r), std::move(token));
+}
+
+QCoro::Task<HttpResponse> HttpClient::getRange(QUrl url, int64_t first, std::optional<int64_t> last,
+                                               double timeoutSeconds, CancelToken token) {
+  HttpRequest r;
+  r.url = std::move(url);
+  r.range = std::make_pair(first, last);
+  r.timeoutSeconds = timeoutSeconds;
+  co_return co_await send(std::move(r), std::move(token));
+}
+
+QCoro::Task<HttpResponse> HttpClient::postJson(QUrl url, const Json& body, double timeoutSeconds,
+                                               CancelToken token) {
+  HttpRequest r;
+  r.url = std::move(url);
+  r.method = "POST";
+  r.headers.emplace_back("Content-Type", "application/json");
+  r.body = QByteArray::fromStdString(json::encode(body));
+  r.timeoutSeconds = timeoutSeconds;
+  co_return co_await send(std::move(r), std::move(token));
+}
+
+}  // namespace vt

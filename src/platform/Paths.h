@@ -1,0 +1,30 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace vt {
+
+// Where the application keeps its files. Normally the XDG folders; under a
+// test home (VT_UITEST_HOME) everything lies inside that folder, so that a
+// test run never touches the user's data.
+struct AppPaths {
+  std::optional<std::string> homeOverride;
+  std::string dataDirectory;  // $XDG_DATA_HOME/Vantory, or the test home
+  std::string settingsPath;   // $XDG_CONFIG_HOME/Vantory/settings.ini, or <home>/settings.ini
+  std::string httpCacheDirectory;
+
+  static AppPaths fromEnvironment();
+  static AppPaths forTestHome(const std::string& home);
+
+  bool isTestHome() const { return homeOverride.has_value(); }
+  // Creates the data folder with its parents; false when that failed.
+  bool ensureDataDirectory() const;
+  // A path inside the data folder.
+  std::string data(const std::string& relative) const;
+};
+
+// The process-wide paths, read from the environment once.
+const AppPaths& appPaths();
+
+}  // namespace vt

@@ -1,0 +1,151 @@
+#include "platform/SerialFileWriter.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+namespace vt {
+
+bool writeFileAtomically(const std::string& path, const std::string& bytes) {
+  namespace fs = std::filesystem;
+  const fs::path target(path);
+  const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+  std::string tmpl = (dir / ("." + target.filename().string() + ".XXXXXX")).string();
+  const int fd = ::mkstemp(tmpl.data());
+  if (fd < 0) return false;
+  bool ok = true;
+  size_t written = 0;
+  while (ok && written < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      ok = false;
+    } else {
+      written += static_cast<size_t>(n);
+    }
+  }
+  ok = ok && ::fchmod(fd, 0644) == 0;
+  ok = ok && ::fdatasync(fd) == 0;
+  ok = (::close(fd) == 0) && ok;
+  ok = ok && ::rename(tmpl.c_str(), path.c_str()) == 0;
+  if (!ok) ::unlink(tmpl.c_str());
+  return ok;
+}
+
+std::optional<std::string> readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  if (in.bad()) return std::nullopt;
+  return std::move(ss).str();
+}
+
+namespace {
+
+// One low-priority thread for the writes of every store, in FIFO order.
+class WriteQueue {
+ public:
+  static WriteQueue& shared() {
+    static auto* queue = new WriteQueue();  // lives until the process ends
+    return *queue;
+  }
+
+  void post(std::function<void()> job) {
+    {
+      std::lock_guard lock(mutex_);
+      jobs_.push_back(std::move(job));
+    }
+    cv_.notify_one();
+  }
+
+ private:
+  WriteQueue() {
+    std::thread([this] { loop(); }).detach();
+  }
+
+  void loop() {
+    // Utility priority: below the interface and the network jobs.
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 10);
+    for (;;) {
+      std::function<void()> job;
+      {
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [this] { return !jobs_.empty(); });
+        job = std::move(jobs_.front());
+        jobs_.pop_front();
+      }
+      job();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  std::deque<std::function<void()>> jobs_;
+};
+
+}  // namespace
+
+struct SerialFileWriter::State {
+  std::mutex mutex;
+  std::condition_variable idle;
+  uint64_t issued = 0;     // saves handed over
+  uint64_t finished = 0;   // saves done or skipped
+  uint64_t completed = 0;  // writes that reached the disk
+};
+
+SerialFileWriter::SerialFileWriter() : state_(std::make_shared<State>()) {}
+
+SerialFileWriter::~SerialFileWriter() = default;
+
+void SerialFileWriter::save(std::string path, Producer produce) {
+  uint64_t seq;
+  {
+    std::lock_guard lock(state_->mutex);
+    seq = ++state_->issued;
+  }
+  WriteQueue::shared().post([state = state_, seq, path = std::move(path), produce = std::move(produce)] {
+    bool superseded;
+    {
+      std::lock_guard lock(state->mutex);
+      superseded = state->issued > seq;
+    }
+    bool wrote = false;
+    if (!superseded) {
+      try {
+        if (auto bytes = produce()) wrote = writeFileAtomically(path, *bytes);
+      } catch (...) {
+        // Dropped: the next save writes everything again.
+      }
+    }
+    {
+      std::lock_guard lock(state->mutex);
+      state->finished = seq;
+      if (wrote) ++state->completed;
+    }
+    state->idle.notify_all();
+  });
+}
+
+void SerialFileWriter::waitUntilIdle() {
+  std::unique_lock lock(state_->mutex);
+  state_->idle.wait(lock, [this] { return state_->finished >= state_->issued; });
+}
+
+uint64_t SerialFileWriter::completedWrites() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->completed;
+}
+
+}  // namespace vt

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include <QByteArray>
+#include <QHttpServer>
+#include <QString>
+#include <QUrl>
+
+#include "platform/Json.h"
+
+class QHttpServerResponder;
+
+namespace vt::test {
+
+// A real HTTP server on 127.0.0.1 with a free port, for tests. Routes are
+// matched by method and path (exact, or by prefix); every request is recorded
+// so that tests can assert on paths, query order and headers. Services'
+// fakes (Plex, Real-Debrid, add-ons...) derive from it and add their routes.
+class FakeHttpServer {
+ public:
+  struct Request {
+    QByteArray method;
+    QString path;          // decoded path
+    QString rawQuery;      // the query as it arrived, percent-encoding kept
+    QUrl url;
+    std::vector<std::pair<QByteArray, QByteArray>> headers;
+    QByteArray body;
+
+    std::optional<QByteArray> header(const QByteArray& name) const;
+    // First value of a query item, decoded.
+    std::optional<QString> query(const QString& name) const;
+  };
+
+  // The answer to one request. Copies share the connection, so a handler can
+  // keep one and answer later; hold() keeps it open without an answer.
+  class Reply {
+   public:
+    void send(int status, const QByteArray& body = {}, std::vector<std::pair<QByteArray, QByteArray>> headers = {},
+              const QByteArray& contentType = "text/plain");
+    void json(const Json& value, int status = 200);
+    void hold();
+    bool answered() const { return state_->answered; }
+
+   private:
+    friend class FakeHttpServer;
+    struct State {
+      std::unique_ptr<QHttpServerResponder> responder;
+      bool head = false;
+      bool answered = false;
+      bool held = false;
+    };
+    std::shared_ptr<State> state_;
+  };
+
+  using Handler = std::function<void(const Request&, Reply&)>;
+
+  FakeHttpServer();
+  virtual ~FakeHttpServer();
+  FakeHttpServer(const FakeHttpServer&) = delete;
+  FakeHttpServer& operator=(const FakeHttpServer&) = delete;
+
+  quint16 port() const { return port_; }
+  QUrl baseUrl() const;
+  QUrl url(const QString& pathAndQuery) const;
+
+  // Method "*" matches any method. Later routes win over earlier ones.
+  void on(const QByteArray& method, const QString& path, Handler handler);
+  void onPrefix(const QByteArray& method, const QString& prefix, Handler handler);
+
+  const std::vector<Request>& requests() const { return requests_; }
+  std::vector<Request> requestsTo(const QString& path) const;
+  void clearRequests() { requests_.clear(); }
+
+ private:
+  struct Route {
+    QByteArray method;
+    QString path;
+    bool prefix;
+    Handler handler;
+  };
+  void dispatch(const Request& request, Reply& reply);
+
+  QHttpServer server_;
+  quint16 port_ = 0;
+  std::vector<Route> routes_;
+  std::vector<Request> requests_;
+  std::vector<Reply> held_;
+};
+
+}  // namespace vt::test

@@ -1,9 +1,67 @@
 #include <QCoreApplication>
-#include <csignal>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "app/SingleInstance.h"
+#include "app/VantoryApp.h"
+#include "platform/Job.h"
+#include "platform/Log.h"
+#include "platform/Signals.h"
+
+namespace {
+
+bool hasFlag(int argc, char** argv, const char* flag) {
+  for (int i = 1; i < argc; ++i)
+    if (std::strcmp(argv[i], flag) == 0) return true;
+  return false;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-  QCoreApplication app(argc, argv);
-  return app.exec();
+  QCoreApplication qapp(argc, argv);
+  QCoreApplication::setApplicationName("Vantory");
+
+  // Hosting unit tests: a bare event loop, nothing of the application.
+  if (std::getenv("XCTestConfigurationFilePath")) return qapp.exec();
+
+  if (!hasFlag(argc, argv, "--headless")) {
+    std::fprintf(stderr, "vantory: the window is not part of this build yet; run with --headless\n");
+  }
+
+  const auto& paths = vt::appPaths();
+  std::unique_ptr<vt::SingleInstance> instance;
+  if (!paths.isTestHome()) {
+    const auto name = vt::SingleInstance::defaultName();
+    if (vt::SingleInstance::activateRunningInstance(name)) {
+      std::printf("[Vantory] already running; asked it to come forward\n");
+      return 0;
+    }
+    instance = std::make_unique<vt::SingleInstance>(name, [] { vt::logLine("[Vantory] another launch asked for the window"); });
+  }
+
+  // Headless: log lines go to standard output.
+  vt::addLogSink([](std::string_view line) {
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+  });
+
+  vt::AppWiring wiring;
+  wiring.paths = paths;
+  vt::VantoryApp app(std::move(wiring));
+  vt::logLine("[Vantory] started; " + std::to_string(app.library().size()) + " titles in the library");
+
+  vt::onTerminationSignal([&app] {
+    app.willTerminate();
+    vt::logLine("[Vantory] quitting");
+    QCoreApplication::quit();
+  });
+
+  auto boot = vt::Job::start([&app](vt::CancelToken) -> QCoro::Task<> { co_await app.bootstrap(); });
+  const int rc = qapp.exec();
+  boot.cancel();
+  app.library().waitForSaves();
+  return rc;
 }

@@ -1,0 +1,37 @@
+#pragma once
+
+// Stand-ins for subsystems that are not part of this build yet. They hold
+// nothing, do nothing and say so once in the log, so that the spine runs end
+// to end and each subsystem later replaces its stand-in through AppWiring.
+
+#include "app/Spine.h"
+
+namespace vt {
+
+class AbsentCatalog final : public CatalogApi {
+ public:
+  void deferRefresh(Date) override {}
+  QCoro::Task<> materialiseExisting() override { co_return; }
+  std::vector<std::string> takeRetiredPlexGroupings() override { return {}; }
+  std::set<std::string> protectedIds() const override { return {}; }
+  std::vector<MaterialisedCollection> materialisedCollections() const override { return {}; }
+  bool isStaging(const std::string&) const override { return false; }
+  void finishStaging(const std::string&) override {}
+};
+
+class AbsentEngineSupervisor final : public EngineSupervisorApi {
+ public:
+  void attach(CatalogApi&) override {}
+  QCoro::Task<> prepare(bool) override { co_return; }
+  QCoro::Task<> start() override;
+  EngineState movieState() const override { return EngineState::stopped; }
+  void pruneOrphans(const std::set<std::string>&) override {}
+  std::vector<std::string> collectionsMissingTitles(CatalogApi&) override { return {}; }
+  void resolveAndPublish(const std::vector<std::string>&, CatalogApi&, const std::set<std::string>&, bool) override {}
+  void kickPlexSync() override {}
+  void measureLink(double) override {}
+  void stopLogTails() override {}
+  void shutdownForTestHome() override {}
+};
+
+}  // namespace vt

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <QObject>
+#include <qcoro/qcorotask.h>
+
+#include "app/Spine.h"
+#include "platform/Date.h"
+#include "platform/Job.h"
+
+namespace vt {
+
+class AppConfig;
+class Clock;
+
+// The connection state of the Plex server and the 3-second poll that keeps
+// it current, with rediscovery of a moved server. Main thread only.
+class BridgeViewModel : public QObject {
+  Q_OBJECT
+ public:
+  static constexpr double kInterval = 3.0;
+  static constexpr int kRediscoveryThreshold = 10;
+  static constexpr double kRediscoveryInterval = 45.0;
+
+  // `console` receives the rediscovery lines, which go to standard output
+  // and never to the log file.
+  BridgeViewModel(AppConfig& config, Clock& clock, PlexAccessFactory plexAccess, PlexDiscovery discovery,
+                  std::function<void(const std::string&)> console = {});
+  ~BridgeViewModel() override;
+
+  bool reachable() const { return reachable_; }
+  bool needsReauth() const { return needsReauth_; }
+  const std::optional<std::string>& lastError() const { return lastError_; }
+  int consecutiveFailures() const { return consecutiveFailures_; }
+  std::optional<Date> lastRediscoveryAttempt() const { return lastRediscoveryAttempt_; }
+
+  EngineSupervisorApi* engine() const { return engine_; }
+  void setEngine(EngineSupervisorApi* engine) { engine_ = engine; }
+  // Where the Plex movie section lives; used to announce a pending folder.
+  static constexpr const char* kMovieSectionName = "Vantory";
+
+  // Idempotent: does nothing while the poll runs.
+  void startPolling();
+  void stopPolling();
+  bool isPolling() const { return pollJob_.isRunning(); }
+  // Cancels the poll, clears needsReauth, signs the settings out, polls again.
+  void reconnect();
+
+  QCoro::Task<> pollOnce();
+  QCoro::Task<> applyPendingPlexSync();
+  QCoro::Task<> rediscoverIfDue();
+
+ signals:
+  void stateChanged();
+
+ private:
+  AppConfig& config_;
+  Clock& clock_;
+  PlexAccessFactory plexAccess_;
+  PlexDiscovery discovery_;
+  std::function<void(const std::string&)> console_;
+  EngineSupervisorApi* engine_ = nullptr;
+
+  bool reachable_ = false;
+  bool needsReauth_ = false;
+  std::optional<std::string> lastError_;
+  Job pollJob_;
+  int consecutiveFailures_ = 0;
+  std::optional<Date> lastRediscoveryAttempt_;
+};
+
+}  // namespace vt

@@ -1,0 +1,114 @@
+#include "app/VantoryApp.h"
+
+#include "app/Absent.h"
+#include "platform/Clock.h"
+#include "platform/Http.h"
+#include "platform/Job.h"
+#include "platform/Log.h"
+
+namespace vt {
+
+namespace {
+EngineSupervisorApi* g_engine = nullptr;
+}
+
+EngineSupervisorApi* currentEngineSupervisor() { return g_engine; }
+
+QCoro::Task<> AbsentEngineSupervisor::start() {
+  logLine("[supervisor] the engine supervision is not part of this build; nothing started");
+  co_return;
+}
+
+VantoryApp::VantoryApp(AppWiring wiring)
+    : wiring_(std::move(wiring)), clock_(wiring_.clock ? *wiring_.clock : systemClock()) {
+  // 1. The shared HTTP cache: 48 MB in memory, 200 MB on disk.
+  if (wiring_.installHttpCache) installSharedHttpCache(48'000'000, 200'000'000, QString::fromStdString(wiring_.paths.httpCacheDirectory));
+
+  // 2. Settings.
+  settings_ = wiring_.paths.isTestHome() ? SettingsStore::openForTestHome(*wiring_.paths.homeOverride)
+                                         : std::make_unique<SettingsStore>(wiring_.paths.settingsPath);
+  config_ = std::make_unique<AppConfig>(*settings_, wiring_.registrySync);
+
+  // 3. The data folder; a failure here is not fatal.
+  wiring_.paths.ensureDataDirectory();
+  const auto libraryPath = wiring_.paths.data("library.json");
+
+  // 4. The title library, loaded synchronously.
+  library_ = std::make_unique<LibraryStore>(libraryPath, clock_);
+
+  // 5. Engine supervision.
+  engine_ = wiring_.makeEngine ? wiring_.makeEngine(*config_, *library_) : nullptr;
+  if (!engine_) engine_ = std::make_unique<AbsentEngineSupervisor>();
+
+  // 6. The catalog, with the data folder as its directory.
+  catalog_ = wiring_.makeCatalog ? wiring_.makeCatalog(wiring_.paths.dataDirectory, *config_) : nullptr;
+  if (!catalog_) catalog_ = std::make_unique<AbsentCatalog>();
+
+  // 7. The server connection state.
+  viewModel_ = std::make_unique<BridgeViewModel>(*config_, clock_, wiring_.plexAccess, wiring_.plexDiscovery,
+                                                 wiring_.console);
+  viewModel_->setEngine(engine_.get());
+
+  // 8. The connect gate. The watch-now service and the poster actions plug
+  // in after it when their subsystems land.
+  connectGate_ = std::make_unique<ConnectGate>();
+  connectGate_->mustShowConnect = !config_->isConfigured();
+
+  // 11. The process-wide reference used at quit.
+  g_engine = engine_.get();
+}
+
+VantoryApp::~VantoryApp() {
+  if (g_engine == engine_.get()) g_engine = nullptr;
+}
+
+QCoro::Task<> VantoryApp::bootstrap() {
+  auto& engine = *engine_;
+  auto& catalog = *catalog_;
+
+  engine.attach(catalog);
+
+  catalog.deferRefresh(clock_.now() + 120);
+  co_await catalog.materialiseExisting();
+
+  auto retired = catalog.takeRetiredPlexGroupings();
+  if (!retired.empty() && wiring_.plexAccess) {
+    Job::start([retired, factory = wiring_.plexAccess, config = config_.get()](CancelToken) -> QCoro::Task<> {
+      for (const auto& title : retired) {
+        auto client = factory(*config);
+        if (!client) co_return;
+        co_await client->deleteCollectionNamed(title);
+      }
+    });
+  }
+
+  viewModel_->startPolling();
+
+  co_await engine.prepare(wiring_.paths.isTestHome());
+
+  engine.pruneOrphans(catalog.protectedIds());
+
+  if (engine.movieState() == EngineState::stopped && config_->isConfigured() && !config_->rdKey().empty())
+    co_await engine.start();
+
+  engine.kickPlexSync();
+  engine.measureLink(30);
+
+  for (const auto& c : catalog.materialisedCollections())
+    if (c.resolvePaused && catalog.isStaging(c.id)) catalog.finishStaging(c.id);
+
+  const auto missing = engine.collectionsMissingTitles(catalog);
+  if (!missing.empty()) engine.resolveAndPublish(missing, catalog, {}, false);
+}
+
+void VantoryApp::willTerminate() {
+  viewModel_->stopPolling();
+  if (wiring_.paths.isTestHome()) {
+    engine_->shutdownForTestHome();
+  } else {
+    // Engines and their mounts stay up so playback goes on; the next launch adopts them.
+    engine_->stopLogTails();
+  }
+}
+
+}  // namespace vt

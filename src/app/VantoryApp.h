@@ -1,0 +1,79 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <qcoro/qcorotask.h>
+
+#include "app/BridgeViewModel.h"
+#include "app/Spine.h"
+#include "app/core/AppConfig.h"
+#include "app/core/LibraryStore.h"
+#include "platform/Paths.h"
+#include "platform/Settings.h"
+
+namespace vt {
+
+class Clock;
+
+// Whether the first-run connect sheet must show, and what to do after it.
+class ConnectGate {
+ public:
+  bool mustShowConnect = false;
+  std::function<void()> pendingAction;
+};
+
+// How the application is put together. The subsystems not built yet are
+// plugged in here by their factories; a missing factory gives the stand-in
+// that reports the subsystem as absent.
+struct AppWiring {
+  AppPaths paths = appPaths();
+  Clock* clock = nullptr;  // the system clock when none
+  bool installHttpCache = true;
+  AppConfig::RegistrySync registrySync;
+  std::function<std::unique_ptr<EngineSupervisorApi>(AppConfig&, LibraryStore&)> makeEngine;
+  std::function<std::unique_ptr<CatalogApi>(const std::string& directory, AppConfig&)> makeCatalog;
+  PlexAccessFactory plexAccess;
+  PlexDiscovery plexDiscovery;
+  std::function<void(const std::string&)> console;
+};
+
+// The application: creates the long-lived objects once, in order, runs the
+// first-launch sequence, and decides what survives a quit.
+class VantoryApp {
+ public:
+  explicit VantoryApp(AppWiring wiring);
+  ~VantoryApp();
+
+  // The first-launch sequence; run once when the root view first shows.
+  QCoro::Task<> bootstrap();
+  // At quit: engines and mounts stay alive unless this is a test home.
+  void willTerminate();
+
+  AppConfig& config() { return *config_; }
+  LibraryStore& library() { return *library_; }
+  EngineSupervisorApi& engine() { return *engine_; }
+  CatalogApi& catalog() { return *catalog_; }
+  BridgeViewModel& viewModel() { return *viewModel_; }
+  ConnectGate& connectGate() { return *connectGate_; }
+  const AppPaths& paths() const { return wiring_.paths; }
+
+ private:
+  AppWiring wiring_;
+  Clock& clock_;
+  std::unique_ptr<SettingsStore> settings_;
+  std::unique_ptr<AppConfig> config_;
+  std::unique_ptr<LibraryStore> library_;
+  std::unique_ptr<EngineSupervisorApi> engine_;
+  std::unique_ptr<CatalogApi> catalog_;
+  std::unique_ptr<BridgeViewModel> viewModel_;
+  std::unique_ptr<ConnectGate> connectGate_;
+};
+
+// The running application's engine supervisor, for the quit path; none
+// before creation has finished.
+EngineSupervisorApi* currentEngineSupervisor();
+
+}  // namespace vt

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vt {
+
+// The resolution a release name tells ("4K", "1080p", "720p", "480p"), or
+// none. Every reader of a release's resolution outside the full parser goes
+// through this one function.
+std::optional<std::string> releaseResolution(std::string_view releaseName);
+
+// The shared normalisation of release names: the video extension (lowercased)
+// when it is a known one, and the rest of the name with runs of "._-()[]"
+// turned into one blank and upper-cased.
+struct NormalisedReleaseName {
+  std::optional<std::string> container;
+  std::string upper;
+};
+NormalisedReleaseName normaliseReleaseName(std::string_view name);
+
+}  // namespace vt

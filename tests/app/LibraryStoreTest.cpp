@@ -1,0 +1,309 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "app/core/LibraryStore.h"
+#include "platform/Clock.h"
+#include "platform/SerialFileWriter.h"
+#include "support/TestKit.h"
+
+using namespace vt;
+
+namespace {
+
+LibraryTitle film(const std::string& name, const std::string& url = "http://cdn/x", std::optional<Date> at = 100.0) {
+  LibraryTitle t;
+  t.name = name;
+  t.url = url;
+  t.size = 1000;
+  t.sizeVerified = true;
+  t.source = "stremio";
+  t.resolvedAt = at;
+  return t;
+}
+
+void writeText(const std::string& path, const std::string& text) { ASSERT_TRUE(writeFileAtomically(path, text)); }
+
+struct Fixture {
+  test::TestHome home;
+  ManualClock clock{5000};
+  std::string path = home.file("library.json");
+  std::unique_ptr<LibraryStore> open() {
+    auto s = std::make_unique<LibraryStore>(path, clock);
+    return s;
+  }
+  std::string file() { return readFile(path).value_or("<none>"); }
+};
+
+}  // namespace
+
+TEST(LibraryStore, DuplicateIdsOnLoadKeepTheBestRecordAndRewriteTheFile) {
+  Fixture f;
+  // tt1: the one with a url wins although it is older. tt2: both have urls,
+  // the newer wins. tt3: a tie keeps the first. Episodes of one series in two
+  // folders are one id; different episodes are different ids.
+  writeText(f.path, R"([
+    {"name":"One (2001) {imdb-tt1}.mkv","url":"","size":1,"source":"stremio","resolvedAt":900},
+    {"name":"One again (2001) {imdb-tt1}.mkv","url":"http://a","size":1,"source":"stremio","resolvedAt":10},
+    {"name":"Two (2002) {imdb-tt2}.mkv","url":"http://b","size":1,"source":"stremio","resolvedAt":10},
+    {"name":"Two newer (2002) {imdb-tt2}.mkv","url":"http://c","size":1,"source":"stremio","resolvedAt":20},
+    {"name":"Three (2003) {imdb-tt3}.mkv","url":"http://d","size":1,"source":"stremio","resolvedAt":30},
+    {"name":"Three copy (2003) {imdb-tt3}.mp4","url":"http://e","size":1,"source":"stremio","resolvedAt":30},
+    {"name":"Show (2010) {imdb-tt9}/Season 01/Show (2010) - s01e02.mkv","url":"http://f","size":1,"source":"stremio","resolvedAt":1},
+    {"name":"Show (2010) {imdb-tt9}/Extra/Show (2010) - s01e02.mkv","url":"http://g","size":1,"source":"stremio","resolvedAt":2},
+    {"name":"Show (2010) {imdb-tt9}/Season 01/Show (2010) - s01e03.mkv","url":"http://h","size":1,"source":"stremio","resolvedAt":1},
+    {"name":"No id here.mkv","url":"http://i","size":1,"source":"stremio","resolvedAt":1},
+    {"name":"No id here.mkv","url":"http://j","size":1,"source":"stremio","resolvedAt":1}
+  ])");
+  auto store = f.open();
+  std::vector<std::string> names;
+  for (const auto& t : store->titles()) names.push_back(t.name);
+  EXPECT_EQ(names, (std::vector<std::string>{
+                       "One again (2001) {imdb-tt1}.mkv",
+                       "Two newer (2002) {imdb-tt2}.mkv",
+                       "Three (2003) {imdb-tt3}.mkv",
+                       "Show (2010) {imdb-tt9}/Extra/Show (2010) - s01e02.mkv",
+                       "Show (2010) {imdb-tt9}/Season 01/Show (2010) - s01e03.mkv",
+                       "No id here.mkv",
+                       "No id here.mkv",
+                   }));
+  store->waitForSaves();
+  auto reloaded = f.open();
+  EXPECT_EQ(reloaded->titles(), store->titles()) << "the deduplicated list was written back";
+  EXPECT_EQ(reloaded->titleByImdb("tt2")->url, "http://c");
+  EXPECT_EQ(reloaded->titlesBySeries("tt9").size(), 2u);
+}
+
+TEST(LibraryStore, BadFilesStartEmptyAndAreLeftAlone) {
+  for (const std::string& text : {
+           std::string(""),
+           std::string("[{\"name\":\"A (1) {imdb-tt1}.mkv\",\"url\":\"u\",\"size\":1,\"sou"),
+           std::string("{\"not\":\"an array\"}"),
+           // One malformed record spoils the whole file: size is text.
+           std::string(R"([{"name":"A (1) {imdb-tt1}.mkv","url":"u","size":1,"source":"s"},
+                          {"name":"B (1) {imdb-tt2}.mkv","url":"u","size":"big","source":"s"}])"),
+           // A required key missing.
+           std::string(R"([{"name":"A (1) {imdb-tt1}.mkv","size":1,"source":"s"}])"),
+           std::string(R"([{"name":"A (1) {imdb-tt1}.mkv","url":"u","size":1,"source":"s","subtitleState":"weird"}])"),
+           std::string("\xff\xfe garbage"),
+       }) {
+    Fixture f;
+    writeText(f.path, text);
+    auto store = f.open();
+    store->waitForSaves();
+    EXPECT_EQ(store->size(), 0u) << text;
+    EXPECT_EQ(f.file(), text) << "the file is kept until the next save";
+  }
+  Fixture missing;
+  auto store = missing.open();
+  EXPECT_EQ(store->size(), 0u);
+  store->waitForSaves();
+  EXPECT_FALSE(std::filesystem::exists(missing.path));
+}
+
+TEST(LibraryStore, EncodesTheExactKeysInOrderAndIgnoresUnknownKeys) {
+  Fixture f;
+  writeText(f.path, R"([{"extra":1,"name":"A (1999) {imdb-tt1}.mkv","url":"u","size":7,"source":"stremio","resolvedAt":1.5}])");
+  auto store = f.open();
+  ASSERT_EQ(store->size(), 1u);
+
+  LibraryTitle t = film("Film (1999) {imdb-tt0000001}.mkv", "http://cdn/a", 786297600.25);
+  t.rdLink = "https://rd/l";
+  t.resolveURL = "http://addon/r";
+  t.rdFilename = "Film.1999.2160p.mkv";
+  t.subtitlePath = "/subs/a.srt";
+  t.subtitleLang = "en";
+  t.subtitleLang2 = "fr";
+  t.subtitleState = SubtitleState::synced;
+  t.seriesImdbId = "tt5";
+  t.season = 1;
+  t.episode = 2;
+  t.altVersion = AltStreamVersion{"Film (1999) {imdb-tt0000001} - 1080p.mkv", "http://addon/c", kPlaceholderSize,
+                                  std::nullopt, 3.0};
+  t.mirrorURLs = std::vector<std::string>{"http://m1", "http://m2"};
+  store->upsert(t);
+  store->waitForSaves();
+  EXPECT_EQ(f.file(),
+            R"([{"name":"A (1999) {imdb-tt1}.mkv","url":"u","size":7,"source":"stremio","resolvedAt":1.5},)"
+            R"({"name":"Film (1999) {imdb-tt0000001}.mkv","url":"http://cdn/a","size":1000,"sizeVerified":true,)"
+            R"("rdLink":"https://rd/l","resolveURL":"http://addon/r","source":"stremio","rdFilename":"Film.1999.2160p.mkv",)"
+            R"("subtitlePath":"/subs/a.srt","subtitleLang":"en","subtitleLang2":"fr","subtitleState":"synced",)"
+            R"("resolvedAt":786297600.25,"seriesImdbId":"tt5","season":1,"episode":2,)"
+            R"("altVersion":{"name":"Film (1999) {imdb-tt0000001} - 1080p.mkv","resolveURL":"http://addon/c",)"
+            R"("size":1610612736,"resolvedAt":3},"mirrorURLs":["http://m1","http://m2"]}])");
+  auto back = f.open();
+  ASSERT_EQ(back->size(), 2u);
+  EXPECT_EQ(back->at(1), t) << "every field round-trips";
+}
+
+TEST(LibraryStore, LoadFillsMissingDatesAndDropsInvalidCompanions) {
+  Fixture f;
+  writeText(f.path, R"([
+    {"name":"A (1) {imdb-tt1}.mkv","url":"u","size":1,"source":"s","resolvedAt":4,"rdFilename":"A.2160p.mkv",
+     "altVersion":{"name":"c1","resolveURL":"r1","size":1}},
+    {"name":"B (1) {imdb-tt2}.mkv","url":"u","size":1,"source":"s","resolvedAt":4,"rdFilename":"B.1080p.mkv",
+     "altVersion":{"name":"c2","resolveURL":"r2","size":1}},
+    {"name":"C (1) {imdb-tt3}.mkv","url":"u","size":1,"source":"s","resolvedAt":4,"resolveURL":"same",
+     "altVersion":{"name":"c3","resolveURL":"same","size":1}},
+    {"name":"D (1) {imdb-tt4}.mkv","url":"u","size":1,"source":"s","resolvedAt":4,
+     "altVersion":{"name":"c4","resolveURL":"r4","size":1}},
+    {"name":"E (1) {imdb-tt5}.mkv","url":"u","size":1,"source":"s","rdFilename":"E.mkv",
+     "altVersion":{"name":"c5","resolveURL":"r5","size":1}}
+  ])");
+  auto store = f.open();
+  EXPECT_TRUE(store->titleByImdb("tt1")->altVersion) << "a 4K release keeps its companion";
+  EXPECT_FALSE(store->titleByImdb("tt2")->altVersion) << "not 4K";
+  EXPECT_FALSE(store->titleByImdb("tt3")->altVersion) << "same stream as the title";
+  EXPECT_TRUE(store->titleByImdb("tt4")->altVersion) << "no release name: passes";
+  EXPECT_FALSE(store->titleByImdb("tt5")->altVersion) << "no resolution in the name";
+  EXPECT_EQ(store->titleByImdb("tt5")->resolvedAt, 5000.0);
+  store->waitForSaves();
+  EXPECT_EQ(f.open()->titleByImdb("tt5")->resolvedAt, 5000.0) << "the repaired list was saved";
+}
+
+TEST(LibraryStore, UpsertKeepsTheStoredNameAndCarriesSubtitlesOnlyForTheSameRelease) {
+  Fixture f;
+  auto store = f.open();
+  auto first = film("Old Title (2000) {imdb-tt7}.mkv");
+  first.rdFilename = "Rel.A.1080p.mkv";
+  first.subtitlePath = "/s/a.srt";
+  first.subtitleLang = "en";
+  first.subtitleLang2 = "de";
+  first.subtitleState = SubtitleState::automatic;
+  store->upsert(first);
+  store->upsert(film("Other (2001) {imdb-tt8}.mkv"));
+
+  // Same id, new text of the title, same release: name and subtitle stay.
+  auto same = film("New Title (2000) {imdb-tt7}.mkv", "http://new");
+  same.rdFilename = "Rel.A.1080p.mkv";
+  store->upsert(same);
+  ASSERT_EQ(store->size(), 2u);
+  const auto* t = store->titleByImdb("tt7");
+  EXPECT_EQ(t->name, "Old Title (2000) {imdb-tt7}.mkv");
+  EXPECT_EQ(t->url, "http://new");
+  EXPECT_EQ(t->subtitlePath, "/s/a.srt");
+  EXPECT_EQ(t->subtitleLang, "en");
+  EXPECT_EQ(t->subtitleLang2, "de");
+  EXPECT_EQ(t->subtitleState, std::nullopt) << "only path and languages carry over";
+  EXPECT_EQ(store->at(0).name, "Old Title (2000) {imdb-tt7}.mkv") << "replaced in place";
+
+  // A different release drops the subtitle.
+  auto other = film("Old Title (2000) {imdb-tt7}.mkv");
+  other.rdFilename = "Rel.B.1080p.mkv";
+  store->upsert(other);
+  EXPECT_EQ(store->titleByImdb("tt7")->subtitlePath, std::nullopt);
+
+  // Empty release names never count as the same release.
+  auto withSub = film("Old Title (2000) {imdb-tt7}.mkv");
+  withSub.rdFilename = "";
+  withSub.subtitlePath = "/s/b.srt";
+  store->upsert(withSub);
+  auto bare = film("Old Title (2000) {imdb-tt7}.mkv");
+  bare.rdFilename = "";
+  store->upsert(bare);
+  EXPECT_EQ(store->titleByImdb("tt7")->subtitlePath, std::nullopt);
+
+  // An invalid companion is cleared on upsert too.
+  auto withAlt = film("Z (2000) {imdb-tt9}.mkv");
+  withAlt.rdFilename = "Z.720p.mkv";
+  withAlt.altVersion = AltStreamVersion{"Z - 1080p.mkv", "r", 1};
+  store->upsert(withAlt);
+  EXPECT_FALSE(store->titleByImdb("tt9")->altVersion);
+
+  // Titles without an id: found by name only.
+  store->upsert(film("Loose file.mkv", "http://1"));
+  store->upsert(film("Loose file.mkv", "http://2"));
+  EXPECT_EQ(store->size(), 4u);
+  EXPECT_EQ(store->titleNamed("Loose file.mkv")->url, "http://2");
+
+  store->remove("Loose file.mkv");
+  store->remove("nothing by that name");
+  EXPECT_EQ(store->size(), 3u);
+  store->waitForSaves();
+  EXPECT_EQ(f.open()->titles(), store->titles());
+}
+
+TEST(LibraryStore, EpisodeKeysAndTheirIndexes) {
+  EXPECT_EQ(episodeKeyOf("Show (2010) {imdb-tt0000001}/Season 01/Show (2010) - s01e02.mkv"), "tt0000001:1:2");
+  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/Show - S10E20.mp4"), "tt5:10:20");
+  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/Show - s1e2.mkv"), std::nullopt) << "single digits";
+  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/Show - s01e02"), std::nullopt) << "no extension";
+  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/s01e02 extra.mkv"), std::nullopt) << "not right before the extension";
+  EXPECT_EQ(episodeKeyOf("Show/Show - s01e02.mkv"), std::nullopt) << "no imdb tag";
+  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/Show - s٠١e02.mkv"), std::nullopt) << "non-ASCII digits";
+  EXPECT_EQ(imdbIdOf("A {imdb-tt12} {imdb-tt34}.mkv"), "tt12");
+  EXPECT_EQ(imdbIdOf("A {imdb-tt}.mkv"), std::nullopt);
+  EXPECT_EQ(seriesIdOf("tt1:2:3"), "tt1");
+  for (const char* bad : {"tt1:2", "tt1:2:3:4", "nm1:2:3", "tt1::3", "tt1:x:3", "tt1:2:"})
+    EXPECT_EQ(seriesIdOf(bad), std::nullopt) << bad;
+
+  Fixture f;
+  auto store = f.open();
+  auto ep = [](int s, int e, std::optional<std::string> series = std::nullopt) {
+    auto t = film(episodeFileName("Show", "2010", "tt9", s, e));
+    t.season = s;
+    t.episode = e;
+    t.seriesImdbId = series;
+    return t;
+  };
+  store->upsert(ep(2, 1));
+  store->upsert(ep(1, 10));
+  store->upsert(ep(1, 2, "tt9"));
+  auto single = film("Show (2010) {imdb-tt9}/Season 1/Show - s1e5.mkv");
+  store->upsert(single);
+  // The single-digit episode counts as a film of its series id.
+  EXPECT_EQ(store->titleByImdb("tt9")->name, single.name);
+  EXPECT_EQ(store->episodeIndexSize(), 3u);
+  auto series = store->titlesBySeries("tt9");
+  ASSERT_EQ(series.size(), 3u);
+  EXPECT_EQ(series[0]->episode, 2);
+  EXPECT_EQ(series[1]->episode, 10);
+  EXPECT_EQ(series[2]->season, 2);
+  EXPECT_EQ(store->titleByEpisodeKey("tt9:1:10")->episode, 10);
+}
+
+TEST(LibraryStore, ApplyVerifiedSizes) {
+  Fixture f;
+  auto store = f.open();
+  auto a = film("A (1) {imdb-tt1}.mkv");
+  a.size = 100;
+  a.sizeVerified = std::nullopt;
+  a.rdFilename = "A.2160p.mkv";
+  a.altVersion = AltStreamVersion{"A (1) {imdb-tt1} - 1080p.mkv", "r", kPlaceholderSize};
+  store->upsert(a);
+  auto b = film("B (1) {imdb-tt2}.mkv");
+  b.size = 200;
+  b.sizeVerified = true;
+  store->upsert(b);
+  store->waitForSaves();
+
+  EXPECT_FALSE(store->applyVerifiedSizes({}));
+  EXPECT_FALSE(store->applyVerifiedSizes({{"B (1) {imdb-tt2}.mkv", 200}})) << "same size, already verified";
+  EXPECT_FALSE(store->applyVerifiedSizes({{"B (1) {imdb-tt2}.mkv", 0}, {"B (1) {imdb-tt2}.mkv", -5}}));
+  EXPECT_FALSE(store->applyVerifiedSizes({{"unknown", 5}}));
+
+  // The same size still marks it verified.
+  EXPECT_TRUE(store->applyVerifiedSizes({{"A (1) {imdb-tt1}.mkv", 100}}));
+  EXPECT_EQ(store->titleByImdb("tt1")->sizeVerified, true);
+  EXPECT_EQ(store->titleByImdb("tt1")->altVersion->size, kPlaceholderSize);
+
+  EXPECT_TRUE(store->applyVerifiedSizes({{"A (1) {imdb-tt1} - 1080p.mkv", 777}, {"B (1) {imdb-tt2}.mkv", 201}}));
+  EXPECT_EQ(store->titleByImdb("tt1")->altVersion->size, 777);
+  EXPECT_EQ(store->titleByImdb("tt1")->altVersion->sizeVerified, true);
+  EXPECT_EQ(store->titleByImdb("tt2")->size, 201);
+  store->waitForSaves();
+  EXPECT_EQ(f.open()->titleByImdb("tt2")->size, 201);
+}
+
+TEST(LibraryStore, FileNames) {
+  EXPECT_EQ(safeName("AC/DC: Live"), "AC-DC - Live");
+  EXPECT_EQ(safeName("...  .Hidden "), "Hidden");
+  EXPECT_EQ(safeName(" \t"), "");
+  EXPECT_EQ(filmFileName("Film Title", "1999", "tt0000001", "Film.Title.1999.1080p.WEB.mp4"),
+            "Film Title (1999) {imdb-tt0000001}.mp4");
+  EXPECT_EQ(filmFileName("Film", "1999", "tt1", "Film.1999.1080p.iso"), "Film (1999) {imdb-tt1}.mkv");
+  EXPECT_EQ(companionFileName("Film", "1999", "tt1", "Film.1999.1080p.M2TS"), "Film (1999) {imdb-tt1} - 1080p.m2ts");
+  EXPECT_EQ(episodeFileName("Show: Part/2", "2010", "tt9", 1, 2),
+            "Show - Part-2 (2010) {imdb-tt9}/Season 01/Show - Part-2 (2010) - s01e02.mkv");
+  EXPECT_EQ(episodeFileName("S", "2010", "tt9", 12, 105), "S (2010) {imdb-tt9}/Season 12/S (2010) - s12e105.mkv");
+}

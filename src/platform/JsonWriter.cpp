@@ -67,6 +67,18 @@ void JsonWriter::value(std::string_view s) {
   out_ += '"';
   static const char* hex = "0123456789abcdef";
   for (size_t i = 0; i < s.size();) {
+    // Runs of plain ASCII go out in one piece.
+    size_t run = i;
+    while (run < s.size()) {
+      const auto b = static_cast<unsigned char>(s[run]);
+      if (b < 0x20 || b >= 0x80 || b == '"' || b == '\\') break;
+      ++run;
+    }
+    if (run > i) {
+      out_.append(s.data() + i, run - i);
+      i = run;
+      continue;
+    }
     const auto c = static_cast<unsigned char>(s[i]);
     if (c == '"' || c == '\\') {
       out_ += '\\';

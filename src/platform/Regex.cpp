@@ -7,24 +7,35 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <vector>
 
 namespace vt {
 
 namespace {
 
-struct UTextCloser {
-  void operator()(UText* t) const { utext_close(t); }
-};
-using UTextPtr = std::unique_ptr<UText, UTextCloser>;
+// A UTF-8 UText on the stack over the caller's bytes.
+class Utf8Text {
+ public:
+  explicit Utf8Text(std::string_view text) {
+    static const char empty = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    utext_openUTF8(&ut_, text.empty() ? &empty : text.data(), static_cast<int64_t>(text.size()), &status);
+    ok_ = U_SUCCESS(status);
+  }
+  ~Utf8Text() { utext_close(&ut_); }
+  Utf8Text(const Utf8Text&) = delete;
+  Utf8Text& operator=(const Utf8Text&) = delete;
+  UText* get() { return ok_ ? &ut_ : nullptr; }
 
-UTextPtr openUtf8(std::string_view text) {
-  UErrorCode status = U_ZERO_ERROR;
-  // ICU takes a length of int64; an empty view may have a null pointer.
-  static const char empty = 0;
-  UText* t = utext_openUTF8(nullptr, text.empty() ? &empty : text.data(), static_cast<int64_t>(text.size()), &status);
-  if (U_FAILURE(status)) return nullptr;
-  return UTextPtr(t);
-}
+ private:
+  UText ut_ = UTEXT_INITIALIZER;
+  bool ok_ = false;
+};
+
+// Matching is bounded so that a hostile input can't hang a caller (about
+// two seconds of work).
+constexpr int32_t kTimeLimitSteps = 2000;
 
 [[noreturn]] void badPattern(const std::string& source, UErrorCode status) {
   std::fprintf(stderr, "invalid regular expression /%s/: %s\n", source.c_str(), u_errorName(status));
@@ -33,7 +44,46 @@ UTextPtr openUtf8(std::string_view text) {
 
 }  // namespace
 
-Regex::Regex(std::string_view pattern, unsigned flags) : source_(pattern) {
+struct Regex::Pool {
+  std::mutex mutex;
+  std::vector<std::unique_ptr<icu::RegexMatcher>> idle;
+};
+
+class Regex::Lease {
+ public:
+  explicit Lease(const Regex& r) : regex_(r) {
+    {
+      std::lock_guard lock(r.pool_->mutex);
+      if (!r.pool_->idle.empty()) {
+        matcher_ = std::move(r.pool_->idle.back());
+        r.pool_->idle.pop_back();
+      }
+    }
+    if (!matcher_) {
+      UErrorCode status = U_ZERO_ERROR;
+      matcher_.reset(r.pattern_->matcher(status));
+      if (U_FAILURE(status)) matcher_.reset();
+      if (matcher_) {
+        matcher_->setTimeLimit(kTimeLimitSteps, status);
+      }
+    }
+  }
+  ~Lease() {
+    if (!matcher_) return;
+    // Drop the reference to the caller's text before the matcher is pooled.
+    static const icu::UnicodeString kEmpty;
+    matcher_->reset(kEmpty);
+    std::lock_guard lock(regex_.pool_->mutex);
+    regex_.pool_->idle.push_back(std::move(matcher_));
+  }
+  icu::RegexMatcher* get() { return matcher_.get(); }
+
+ private:
+  const Regex& regex_;
+  std::unique_ptr<icu::RegexMatcher> matcher_;
+};
+
+Regex::Regex(std::string_view pattern, unsigned flags) : source_(pattern), pool_(std::make_unique<Pool>()) {
   uint32_t icuFlags = 0;
   if (flags & caseInsensitive) icuFlags |= UREGEX_CASE_INSENSITIVE;
   if (flags & multiline) icuFlags |= UREGEX_MULTILINE;
@@ -74,43 +124,49 @@ Regex::Match captureMatch(icu::RegexMatcher& m, std::string_view text) {
 
 std::optional<Regex::Match> Regex::search(std::string_view text, size_t from) const {
   if (from > text.size()) return std::nullopt;
-  auto ut = openUtf8(text);
-  if (!ut) return std::nullopt;
+  Utf8Text ut(text);
+  Lease lease(*this);
+  auto* m = lease.get();
+  if (!ut.get() || !m) return std::nullopt;
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::RegexMatcher> m(pattern_->matcher(status));
-  if (U_FAILURE(status)) return std::nullopt;
   m->reset(ut.get());
-  // Matching is bounded so that a hostile input can't hang a caller.
-  m->setTimeLimit(2000, status);
-  status = U_ZERO_ERROR;
   const bool found = from == 0 ? m->find(status) : m->find(static_cast<int64_t>(from), status);
+  if (U_FAILURE(status) || !found) return std::nullopt;
+  return captureMatch(*m, text);
+}
+
+std::optional<Regex::Match> Regex::matchAt(std::string_view text, size_t at) const {
+  if (at > text.size()) return std::nullopt;
+  Utf8Text ut(text);
+  Lease lease(*this);
+  auto* m = lease.get();
+  if (!ut.get() || !m) return std::nullopt;
+  UErrorCode status = U_ZERO_ERROR;
+  m->reset(ut.get());
+  const bool found = m->lookingAt(static_cast<int64_t>(at), status);
   if (U_FAILURE(status) || !found) return std::nullopt;
   return captureMatch(*m, text);
 }
 
 std::vector<Regex::Match> Regex::searchAll(std::string_view text) const {
   std::vector<Match> out;
-  auto ut = openUtf8(text);
-  if (!ut) return out;
+  Utf8Text ut(text);
+  Lease lease(*this);
+  auto* m = lease.get();
+  if (!ut.get() || !m) return out;
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::RegexMatcher> m(pattern_->matcher(status));
-  if (U_FAILURE(status)) return out;
   m->reset(ut.get());
-  m->setTimeLimit(2000, status);
-  status = U_ZERO_ERROR;
   while (m->find(status) && U_SUCCESS(status)) out.push_back(captureMatch(*m, text));
   return out;
 }
 
 bool Regex::fullMatch(std::string_view text) const {
-  auto ut = openUtf8(text);
-  if (!ut) return false;
+  Utf8Text ut(text);
+  Lease lease(*this);
+  auto* m = lease.get();
+  if (!ut.get() || !m) return false;
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::RegexMatcher> m(pattern_->matcher(status));
-  if (U_FAILURE(status)) return false;
   m->reset(ut.get());
-  m->setTimeLimit(2000, status);
-  status = U_ZERO_ERROR;
   const bool ok = m->matches(status);
   return U_SUCCESS(status) && ok;
 }
@@ -120,7 +176,7 @@ std::string Regex::replaceAll(std::string_view text, std::string_view replacemen
   const auto input = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
   std::unique_ptr<icu::RegexMatcher> m(pattern_->matcher(input, status));
   if (U_FAILURE(status)) return std::string(text);
-  m->setTimeLimit(2000, status);
+  m->setTimeLimit(kTimeLimitSteps, status);
   status = U_ZERO_ERROR;
   const auto rep =
       icu::UnicodeString::fromUTF8(icu::StringPiece(replacement.data(), static_cast<int32_t>(replacement.size())));

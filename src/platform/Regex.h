@@ -12,6 +12,7 @@
 
 U_NAMESPACE_BEGIN
 class RegexPattern;
+class RegexMatcher;
 U_NAMESPACE_END
 
 namespace vt {
@@ -45,6 +46,9 @@ class Regex {
   // The first match at or after byte offset `from`.
   std::optional<Match> search(std::string_view text, size_t from = 0) const;
   std::vector<Match> searchAll(std::string_view text) const;
+  // A match that starts exactly at byte offset `at` (look-behind still sees
+  // the text before it).
+  std::optional<Match> matchAt(std::string_view text, size_t at) const;
   // Replaces every match; the template may use $0..$9 and \$ as in ICU.
   std::string replaceAll(std::string_view text, std::string_view replacement) const;
   // True when the whole text matches.
@@ -53,8 +57,14 @@ class Regex {
   const std::string& pattern() const { return source_; }
 
  private:
+  // A matcher borrowed from the pool for one search, returned afterwards, so
+  // that a search allocates nothing in the common case.
+  class Lease;
+  struct Pool;
+
   std::string source_;
   std::unique_ptr<icu::RegexPattern> pattern_;
+  std::unique_ptr<Pool> pool_;
 };
 
 // Upper-cases with full Unicode rules in the root locale ("ß" becomes "SS",

@@ -10,9 +10,7 @@
 #include <cstdio>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 namespace vt {
@@ -21,7 +19,9 @@ bool writeFileAtomically(const std::string& path, const std::string& bytes) {
   namespace fs = std::filesystem;
   const fs::path target(path);
   const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
-  std::string tmpl = (dir / ("." + target.filename().string() + ".XXXXXX")).string();
+  std::string hidden = ".";
+  hidden.append(target.filename().string()).append(".XXXXXX");
+  std::string tmpl = (dir / hidden).string();
   const int fd = ::mkstemp(tmpl.data());
   if (fd < 0) return false;
   bool ok = true;
@@ -44,12 +44,28 @@ bool writeFileAtomically(const std::string& path, const std::string& bytes) {
 }
 
 std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  if (in.bad()) return std::nullopt;
-  return std::move(ss).str();
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat st {};
+  std::string out;
+  out.resize(::fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) + 1 : 65536);
+  size_t used = 0;
+  bool ok = true;
+  for (;;) {
+    if (used == out.size()) out.resize(out.size() * 2);
+    const ssize_t n = ::read(fd, out.data() + used, out.size() - used);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ok = false;
+      break;
+    }
+    if (n == 0) break;
+    used += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  if (!ok) return std::nullopt;
+  out.resize(used);
+  return out;
 }
 
 namespace {

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <random>
+
+#include "platform/Regex.h"
 
 #include "app/core/LibraryStore.h"
 #include "platform/Clock.h"
@@ -306,4 +309,64 @@ TEST(LibraryStore, FileNames) {
   EXPECT_EQ(episodeFileName("Show: Part/2", "2010", "tt9", 1, 2),
             "Show - Part-2 (2010) {imdb-tt9}/Season 01/Show - Part-2 (2010) - s01e02.mkv");
   EXPECT_EQ(episodeFileName("S", "2010", "tt9", 12, 105), "S (2010) {imdb-tt9}/Season 12/S (2010) - s12e105.mkv");
+}
+
+TEST(LibraryStore, NameScansAgreeWithTheIcuPatterns) {
+  // The scans in imdbIdOf and episodeKeyOf must give what the patterns give.
+  const Regex imdb(R"((?<=\{imdb-)tt\d+(?=\}))");
+  const Regex marker(R"([sS](\d{2})[eE](\d{2})(?=\.[^./]+$))");
+  std::vector<std::string> names = {
+      "A (1) {imdb-tt1}.mkv", "{imdb-{imdb-tt12}", "{imdb-tt12x} {imdb-tt3}", "{imdb-tt}", "{imdb-tt١٢}",
+      "{imdb-tt12٣}.mkv", "{imdb-TT1}", "x{imdb-tt0000001}/Season 01/x - s01e02.mkv", "{imdb-tt5}/x - s01e02.mkv\n",
+      "{imdb-tt5}/x - s01e02.", "{imdb-tt5}/x - s01e02.a.b", "{imdb-tt5}/s01e02.mkv/", "{imdb-tt5}/x-S99E00.ts",
+      "{imdb-tt5}/x - s01e0٢.mkv", "{imdb-tt5}/xs01e02.m", "{imdb-tt5}/s01e02", "{imdb-tt5}/ss01e022.mkv",
+  };
+  // Random names built from the characters that matter.
+  std::mt19937 rng(7);
+  const std::vector<std::string> parts = {"{imdb-", "tt", "1", "23", "}", "/", ".", "s", "S", "e", "E", "0",
+                                          "12", "mkv", "x", " ", "٣", "\xff"};
+  for (int i = 0; i < 3000; ++i) {
+    std::string n;
+    const int len = 1 + static_cast<int>(rng() % 14);
+    for (int k = 0; k < len; ++k) n += parts[rng() % parts.size()];
+    names.push_back(n);
+  }
+  for (const auto& n : names) {
+    auto want = imdb.search(n);
+    EXPECT_EQ(imdbIdOf(n), want ? std::optional<std::string>(want->text()) : std::nullopt) << n;
+    if (!want) continue;
+    const auto slash = n.find_last_of('/');
+    const std::string last = slash == std::string::npos ? n : n.substr(slash + 1);
+    std::optional<std::string> key;
+    if (auto m = marker.search(last)) {
+      auto digits = [](const std::string& s) { return s.find_first_not_of("0123456789") == std::string::npos; };
+      if (digits(*m->group(1)) && digits(*m->group(2)))
+        key = want->text() + ":" + std::to_string(std::stoi(*m->group(1))) + ":" + std::to_string(std::stoi(*m->group(2)));
+    }
+    EXPECT_EQ(episodeKeyOf(n), key) << n;
+  }
+}
+
+TEST(LibraryStore, IndexesStayEqualToAFullRebuild) {
+  Fixture f;
+  auto store = f.open();
+  std::mt19937 rng(11);
+  for (int step = 0; step < 400; ++step) {
+    const int id = static_cast<int>(rng() % 40);
+    const int kind = static_cast<int>(rng() % 6);
+    if (kind < 3) {
+      auto t = film(episodeFileName("S" + std::to_string(id % 5), "2000", "tt" + std::to_string(id % 5),
+                                    1 + static_cast<int>(rng() % 3), 1 + static_cast<int>(rng() % 4)));
+      t.season = static_cast<int>(rng() % 3);
+      t.episode = static_cast<int>(rng() % 4);
+      if (rng() % 4 == 0) t.seriesImdbId = "tt" + std::to_string(100 + rng() % 3);
+      store->upsert(t);
+    } else if (kind < 5) {
+      store->upsert(film("F" + std::to_string(rng() % 3) + " (1) {imdb-tt" + std::to_string(1000 + id) + "}.mkv"));
+    } else if (store->size() > 0) {
+      store->remove(store->at(rng() % store->size()).name);
+    }
+    ASSERT_TRUE(store->indexesMatchRebuild()) << "after step " << step;
+  }
+  store->waitForSaves();
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/Crypto.h"
+#include "platform/FlatIndex.h"
 #include "platform/Date.h"
 #include "platform/Json.h"
 #include "platform/Regex.h"
@@ -108,4 +109,25 @@ TEST(Json, DecodesStrictlyAndEncodesInDeclaredOrder) {
 TEST(Crypto, Sha256IsLowercaseHex) {
   EXPECT_EQ(sha256Hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
   EXPECT_EQ(sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+}
+
+TEST(FlatIndex, InsertsAssignsGrowsAndFinds) {
+  FlatIndex ix;
+  ix.reset(2);
+  std::vector<std::string> keys;
+  for (int i = 0; i < 1000; ++i) keys.push_back("key" + std::to_string(i));
+  for (uint32_t i = 0; i < keys.size(); ++i) EXPECT_EQ(ix.insertIfAbsent(keys[i], FlatIndex::hashOf(keys[i]), i), i);
+  EXPECT_EQ(ix.size(), 1000u);
+  EXPECT_EQ(ix.insertIfAbsent(keys[5], FlatIndex::hashOf(keys[5]), 99), 5u) << "kept the first";
+  ix.assign(keys[5], FlatIndex::hashOf(keys[5]), 77);
+  EXPECT_EQ(ix.find("key5"), 77u);
+  EXPECT_EQ(ix.find("key999"), 999u);
+  EXPECT_EQ(ix.find("nope"), std::nullopt);
+  // Equal hashes with different keys are told apart.
+  ix.assign("a", 42, 1);
+  ix.assign("b", 42, 2);
+  EXPECT_EQ(ix.find("a", 42), 1u);
+  EXPECT_EQ(ix.find("b", 42), 2u);
+  FlatIndex empty;
+  EXPECT_EQ(empty.find("x"), std::nullopt);
 }

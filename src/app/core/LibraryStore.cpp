@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <tuple>
 
+#include <atomic>
+#include <thread>
+
+#include <simdjson.h>
+
 #include "platform/Clock.h"
 #include "platform/Json.h"
 
@@ -15,12 +20,16 @@ LibraryStore::LibraryStore(std::string fileURL, Clock& clock) : fileURL_(std::mo
 LibraryStore::RecordRef LibraryStore::makeRecord(LibraryTitle title) {
   auto r = std::make_shared<Record>();
   r->imdbId = imdbIdOf(title.name);
-  r->episodeKey = episodeKeyOf(title.name);
+  if (r->imdbId) r->episodeKey = episodeKeyOf(title.name, *r->imdbId);
   if (title.seriesImdbId)
     r->seriesId = title.seriesImdbId;
   else if (r->episodeKey)
     r->seriesId = seriesIdOf(*r->episodeKey);
   r->title = std::move(title);
+  r->nameHash = FlatIndex::hashOf(r->title.name);
+  if (r->imdbId) r->imdbHash = FlatIndex::hashOf(*r->imdbId);
+  if (r->episodeKey) r->episodeHash = FlatIndex::hashOf(*r->episodeKey);
+  if (r->seriesId) r->seriesHash = FlatIndex::hashOf(*r->seriesId);
   return r;
 }
 
@@ -32,70 +41,206 @@ std::vector<LibraryTitle> LibraryStore::titles() const {
 }
 
 const LibraryTitle* LibraryStore::titleByImdb(std::string_view imdbId) const {
-  auto it = byImdb_.find(imdbId);
-  return it == byImdb_.end() ? nullptr : &records_[it->second]->title;
+  auto i = ix_.byImdb.find(imdbId);
+  return i ? &records_[*i]->title : nullptr;
 }
 
 const LibraryTitle* LibraryStore::titleByEpisodeKey(std::string_view key) const {
-  auto it = byEpisode_.find(key);
-  return it == byEpisode_.end() ? nullptr : &records_[it->second]->title;
+  auto i = ix_.byEpisode.find(key);
+  return i ? &records_[*i]->title : nullptr;
 }
 
 std::vector<const LibraryTitle*> LibraryStore::titlesBySeries(std::string_view seriesId) const {
   std::vector<const LibraryTitle*> out;
-  auto it = bySeries_.find(seriesId);
-  if (it == bySeries_.end()) return out;
-  out.reserve(it->second.size());
-  for (auto i : it->second) out.push_back(&records_[i]->title);
+  auto g = ix_.bySeries.find(seriesId);
+  if (!g) return out;
+  out.reserve(ix_.seriesGroups[*g].size());
+  for (auto i : ix_.seriesGroups[*g]) out.push_back(&records_[i]->title);
   return out;
 }
 
 const LibraryTitle* LibraryStore::titleNamed(std::string_view name) const {
-  auto it = byName_.find(name);
-  return it == byName_.end() ? nullptr : &records_[it->second]->title;
+  auto i = ix_.byName.find(name);
+  return i ? &records_[*i]->title : nullptr;
+}
+
+namespace {
+
+using simdjson::dom::element;
+using simdjson::dom::element_type;
+
+// Strict readers: a wrong type is a bad record; null counts as absent.
+std::string readString(element e) {
+  std::string_view v;
+  if (e.get_string().get(v)) throw DecodeError("expected text");
+  return std::string(v);
+}
+int64_t readInt(element e) {
+  int64_t v;
+  if (e.type() == element_type::INT64 && !e.get_int64().get(v)) return v;
+  uint64_t u;
+  if (e.type() == element_type::UINT64 && !e.get_uint64().get(u) && u <= uint64_t(INT64_MAX)) return int64_t(u);
+  throw DecodeError("expected an integer");
+}
+int readInt32(element e) {
+  const auto v = readInt(e);
+  if (v < INT32_MIN || v > INT32_MAX) throw DecodeError("integer out of range");
+  return static_cast<int>(v);
+}
+double readDouble(element e) {
+  double v;
+  if (e.get_double().get(v)) throw DecodeError("expected a number");
+  return v;
+}
+bool readBool(element e) {
+  bool v;
+  if (e.get_bool().get(v)) throw DecodeError("expected a Boolean");
+  return v;
+}
+
+AltStreamVersion readAlt(element e) {
+  simdjson::dom::object obj;
+  if (e.get_object().get(obj)) throw DecodeError("expected an object");
+  AltStreamVersion a;
+  bool name = false, resolveURL = false, size = false;
+  for (auto field : obj) {
+    if (field.value.is_null()) continue;
+    const auto k = field.key;
+    if (k == "name") a.name = readString(field.value), name = true;
+    else if (k == "resolveURL") a.resolveURL = readString(field.value), resolveURL = true;
+    else if (k == "size") a.size = readInt(field.value), size = true;
+    else if (k == "sizeVerified") a.sizeVerified = readBool(field.value);
+    else if (k == "resolvedAt") a.resolvedAt = readDouble(field.value);
+  }
+  if (!name || !resolveURL || !size) throw DecodeError("companion misses a required key");
+  return a;
+}
+
+LibraryTitle readTitle(element e) {
+  simdjson::dom::object obj;
+  if (e.get_object().get(obj)) throw DecodeError("expected an object");
+  LibraryTitle t;
+  bool name = false, url = false, size = false, source = false;
+  for (auto field : obj) {
+    if (field.value.is_null()) continue;
+    const auto k = field.key;
+    const auto v = field.value;
+    if (k == "name") t.name = readString(v), name = true;
+    else if (k == "url") t.url = readString(v), url = true;
+    else if (k == "size") t.size = readInt(v), size = true;
+    else if (k == "sizeVerified") t.sizeVerified = readBool(v);
+    else if (k == "rdLink") t.rdLink = readString(v);
+    else if (k == "resolveURL") t.resolveURL = readString(v);
+    else if (k == "source") t.source = readString(v), source = true;
+    else if (k == "rdFilename") t.rdFilename = readString(v);
+    else if (k == "subtitlePath") t.subtitlePath = readString(v);
+    else if (k == "subtitleLang") t.subtitleLang = readString(v);
+    else if (k == "subtitleLang2") t.subtitleLang2 = readString(v);
+    else if (k == "subtitleState") {
+      const auto state = readString(v);
+      if (state == "auto") t.subtitleState = SubtitleState::automatic;
+      else if (state == "synced") t.subtitleState = SubtitleState::synced;
+      else throw DecodeError("unknown subtitleState");
+    } else if (k == "resolvedAt") t.resolvedAt = readDouble(v);
+    else if (k == "seriesImdbId") t.seriesImdbId = readString(v);
+    else if (k == "season") t.season = readInt32(v);
+    else if (k == "episode") t.episode = readInt32(v);
+    else if (k == "altVersion") t.altVersion = readAlt(v);
+    else if (k == "mirrorURLs") {
+      simdjson::dom::array arr;
+      if (v.get_array().get(arr)) throw DecodeError("expected an array");
+      std::vector<std::string> urls;
+      for (auto u : arr) urls.push_back(readString(u));
+      t.mirrorURLs = std::move(urls);
+    }
+  }
+  if (!name || !url || !size || !source) throw DecodeError("title misses a required key");
+  return t;
+}
+
+}  // namespace
+
+std::optional<std::vector<LibraryStore::RecordRef>> LibraryStore::decodeRecords(std::string_view text) {
+  return decodeRecords(simdjson::padded_string(text));
+}
+
+std::optional<std::vector<LibraryStore::RecordRef>> LibraryStore::decodeRecords(const simdjson::padded_string& padded) {
+  simdjson::dom::parser parser;
+  element doc;
+  if (parser.parse(padded).get(doc)) return std::nullopt;
+  simdjson::dom::array arr;
+  if (doc.get_array().get(arr)) return std::nullopt;
+  std::vector<element> items;
+  items.reserve(arr.size());
+  for (auto item : arr) items.push_back(item);
+
+  // The parsed document is read-only from here, so the records are made on
+  // all cores: this is most of the start-up cost of a large library.
+  std::vector<RecordRef> out(items.size());
+  std::atomic<bool> bad{false};
+  auto work = [&](size_t begin, size_t end) {
+    try {
+      for (size_t i = begin; i < end && !bad; ++i) out[i] = makeRecord(readTitle(items[i]));
+    } catch (const DecodeError&) {
+      bad = true;
+    }
+  };
+  const size_t threads = items.size() < 2000 ? 1 : std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
+  std::vector<std::thread> pool;
+  const size_t chunk = (items.size() + threads - 1) / threads;
+  for (size_t t = 1; t < threads; ++t)
+    pool.emplace_back(work, std::min(items.size(), t * chunk), std::min(items.size(), (t + 1) * chunk));
+  work(0, std::min(items.size(), chunk));
+  for (auto& th : pool) th.join();
+  if (bad) return std::nullopt;
+  return out;
+}
+
+std::optional<std::vector<LibraryTitle>> LibraryStore::decodeFile(std::string_view text) {
+  auto records = decodeRecords(text);
+  if (!records) return std::nullopt;
+  std::vector<LibraryTitle> out;
+  out.reserve(records->size());
+  for (auto& r : *records) out.push_back(r->title);
+  return out;
 }
 
 void LibraryStore::load() {
-  auto text = readFile(fileURL_);
-  if (!text) return;
-  auto doc = json::parse(*text);
-  if (!doc || !doc->is_array()) return;
-
-  std::vector<RecordRef> loaded;
-  loaded.reserve(doc->size());
-  try {
-    for (const auto& item : *doc) loaded.push_back(makeRecord(decodeLibraryTitle(item)));
-  } catch (const std::exception&) {
-    // One bad record: the library starts empty and the file stays as it is
-    // until the next save replaces it.
-    return;
-  }
-  text.reset();
-  doc.reset();
+  // Read straight into the parser's padded buffer: no extra copy of a large file.
+  simdjson::padded_string text;
+  if (simdjson::padded_string::load(fileURL_).get(text)) return;
+  // One bad record: the library starts empty and the file stays as it is
+  // until the next save replaces it.
+  auto decoded = decodeRecords(text);
+  text = simdjson::padded_string();
+  if (!decoded) return;
+  std::vector<RecordRef> loaded = std::move(*decoded);
 
   bool changed = false;
 
   // Duplicate ids: a title with a url beats one without, then the newer
   // resolvedAt; on a tie the earlier title stays.
-  std::unordered_map<std::string_view, size_t> holder;
+  FlatIndex holder;
+  holder.reset(loaded.size());
   auto rank = [](const Record& r) { return std::make_tuple(!r.title.url.empty(), r.title.resolvedAt.value_or(kDistantPast)); };
-  for (size_t i = 0; i < loaded.size(); ++i) {
+  auto idHash = [](const Record& r) { return r.episodeKey ? r.episodeHash : r.imdbHash; };
+  for (uint32_t i = 0; i < loaded.size(); ++i) {
     const auto& id = loaded[i]->id();
     if (!id) continue;
-    auto [it, inserted] = holder.try_emplace(*id, i);
-    if (!inserted && !(rank(*loaded[it->second]) >= rank(*loaded[i]))) it->second = i;
+    const auto held = holder.insertIfAbsent(*id, idHash(*loaded[i]), i);
+    if (held != i && !(rank(*loaded[held]) >= rank(*loaded[i]))) holder.assign(*id, idHash(*loaded[i]), i);
   }
   std::vector<RecordRef> kept;
   kept.reserve(loaded.size());
   for (size_t i = 0; i < loaded.size(); ++i) {
-    const auto& id = loaded[i]->id();
-    if (id && loaded[holder.at(*id)]->title.name != loaded[i]->title.name) {
+    const auto& r = *loaded[i];
+    if (r.id() && loaded[*holder.find(*r.id(), idHash(r))]->title.name != r.title.name) {
       changed = true;
       continue;
     }
     kept.push_back(loaded[i]);
   }
-  holder.clear();
+  holder.reset(0);
 
   const Date now = clock_.now();
   for (auto& r : kept) {
@@ -114,32 +259,63 @@ void LibraryStore::load() {
   if (changed) save();
 }
 
-void LibraryStore::rebuildIndexes() {
-  byImdb_.clear();
-  byEpisode_.clear();
-  bySeries_.clear();
-  byName_.clear();
-  byImdb_.reserve(records_.size());
-  byEpisode_.reserve(records_.size());
-  byName_.reserve(records_.size());
-  for (size_t i = 0; i < records_.size(); ++i) {
-    const auto& r = *records_[i];
-    byName_.try_emplace(r.title.name, i);
+void LibraryStore::rebuildIndexes() { buildIndexes(records_, ix_); }
+
+void LibraryStore::buildIndexes(const std::vector<RecordRef>& records, Indexes& ix) {
+  const size_t n = records.size();
+  ix.byImdb.reset(n);
+  ix.byEpisode.reset(n);
+  ix.byName.reset(n);
+  ix.bySeries.reset(n / 8);
+  for (auto& g : ix.seriesGroups) g.clear();
+  size_t groups = 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    const auto& r = *records[i];
+    ix.byName.insertIfAbsent(r.title.name, r.nameHash, i);
     if (!r.episodeKey) {
-      if (r.imdbId) byImdb_[*r.imdbId] = i;  // a later title overwrites an earlier one
+      if (r.imdbId) ix.byImdb.assign(*r.imdbId, r.imdbHash, i);  // a later title overwrites an earlier one
       continue;
     }
-    byEpisode_[*r.episodeKey] = i;
-    if (r.seriesId) bySeries_[*r.seriesId].push_back(i);
+    ix.byEpisode.assign(*r.episodeKey, r.episodeHash, i);
+    if (!r.seriesId) continue;
+    const auto g = ix.bySeries.insertIfAbsent(*r.seriesId, r.seriesHash, static_cast<uint32_t>(groups));
+    if (g == groups) {
+      ++groups;
+      if (ix.seriesGroups.size() < groups) ix.seriesGroups.emplace_back();
+    }
+    ix.seriesGroups[g].push_back(i);
   }
-  for (auto& [series, list] : bySeries_) {
-    std::stable_sort(list.begin(), list.end(), [&](size_t a, size_t b) {
-      const auto& ta = records_[a]->title;
-      const auto& tb = records_[b]->title;
-      return std::make_pair(ta.season.value_or(0), ta.episode.value_or(0)) <
-             std::make_pair(tb.season.value_or(0), tb.episode.value_or(0));
-    });
+  ix.seriesGroups.resize(groups);
+  for (auto& list : ix.seriesGroups) sortSeriesGroup(records, list);
+}
+
+void LibraryStore::sortSeriesGroup(const std::vector<RecordRef>& records, std::vector<uint32_t>& list) {
+  std::stable_sort(list.begin(), list.end(), [&](uint32_t a, uint32_t b) {
+    const auto& ta = records[a]->title;
+    const auto& tb = records[b]->title;
+    return std::make_pair(ta.season.value_or(0), ta.episode.value_or(0)) <
+           std::make_pair(tb.season.value_or(0), tb.episode.value_or(0));
+  });
+}
+
+bool LibraryStore::indexesMatchRebuild() const {
+  Indexes fresh;
+  buildIndexes(records_, fresh);
+  if (fresh.byImdb.size() != ix_.byImdb.size() || fresh.byEpisode.size() != ix_.byEpisode.size() ||
+      fresh.byName.size() != ix_.byName.size() || fresh.bySeries.size() != ix_.bySeries.size())
+    return false;
+  for (const auto& r : records_) {
+    if (fresh.byName.find(r->title.name) != ix_.byName.find(r->title.name)) return false;
+    if (r->imdbId && fresh.byImdb.find(*r->imdbId) != ix_.byImdb.find(*r->imdbId)) return false;
+    if (r->episodeKey && fresh.byEpisode.find(*r->episodeKey) != ix_.byEpisode.find(*r->episodeKey)) return false;
+    if (r->seriesId) {
+      const auto a = fresh.bySeries.find(*r->seriesId);
+      const auto b = ix_.bySeries.find(*r->seriesId);
+      if (a.has_value() != b.has_value()) return false;
+      if (a && fresh.seriesGroups[*a] != ix_.seriesGroups[*b]) return false;
+    }
   }
+  return true;
 }
 
 void LibraryStore::save() {
@@ -159,11 +335,13 @@ void LibraryStore::upsert(LibraryTitle title) {
   const auto& id = incoming->id();
 
   size_t found = records_.size();
-  if (auto it = byName_.find(incoming->title.name); it != byName_.end()) found = it->second;
+  if (auto i = ix_.byName.find(incoming->title.name, incoming->nameHash)) found = *i;
   if (id) {
     // The first title in list order with the same name or the same id.
     for (size_t i = 0; i < std::min(found, records_.size()); ++i) {
-      if (records_[i]->id() == id) {
+      const auto& r = *records_[i];
+      const size_t hash = r.episodeKey ? r.episodeHash : r.imdbHash;
+      if (hash == (incoming->episodeKey ? incoming->episodeHash : incoming->imdbHash) && r.id() == id) {
         found = i;
         break;
       }
@@ -182,12 +360,40 @@ void LibraryStore::upsert(LibraryTitle title) {
       merged.subtitleLang = stored.subtitleLang;
       merged.subtitleLang2 = stored.subtitleLang2;
     }
-    records_[found] = makeRecord(std::move(merged));
+    auto replacement = makeRecord(std::move(merged));
+    const auto& old = *records_[found];
+    // The name is the stored one, so the name, IMDb and episode indexes stay
+    // as they are; only a change of series or of its order needs a rebuild.
+    const bool sameIndexes = replacement->seriesId == old.seriesId &&
+                             replacement->title.season == old.title.season &&
+                             replacement->title.episode == old.title.episode;
+    records_[found] = std::move(replacement);
+    if (!sameIndexes) rebuildIndexes();
   } else {
     records_.push_back(std::move(incoming));
+    indexAppended(records_.size() - 1);
   }
-  rebuildIndexes();
   save();
+}
+
+void LibraryStore::indexAppended(size_t index) {
+  // The same result as a rebuild, for one title added at the end: its name is
+  // new, a later title overwrites the id indexes, and its series list is
+  // sorted again.
+  const auto i = static_cast<uint32_t>(index);
+  const auto& r = *records_[i];
+  ix_.byName.insertIfAbsent(r.title.name, r.nameHash, i);
+  if (!r.episodeKey) {
+    if (r.imdbId) ix_.byImdb.assign(*r.imdbId, r.imdbHash, i);
+    return;
+  }
+  ix_.byEpisode.assign(*r.episodeKey, r.episodeHash, i);
+  if (!r.seriesId) return;
+  auto& groups = ix_.seriesGroups;
+  const auto g = ix_.bySeries.insertIfAbsent(*r.seriesId, r.seriesHash, static_cast<uint32_t>(groups.size()));
+  if (g == groups.size()) groups.emplace_back();
+  groups[g].push_back(i);
+  sortSeriesGroup(records_, groups[g]);
 }
 
 void LibraryStore::remove(const std::string& name) {

@@ -10,7 +10,12 @@
 
 #include <QObject>
 
+namespace simdjson {
+struct padded_string;
+}
+
 #include "app/core/LibraryTitle.h"
+#include "platform/FlatIndex.h"
 #include "platform/SerialFileWriter.h"
 
 namespace vt {
@@ -29,6 +34,8 @@ class LibraryStore : public QObject {
     std::optional<std::string> imdbId;      // from the name
     std::optional<std::string> episodeKey;  // from the name
     std::optional<std::string> seriesId;    // seriesImdbId, else from the key
+    // Hashes of the strings above, so that rebuilding the indexes hashes nothing.
+    size_t nameHash = 0, imdbHash = 0, episodeHash = 0, seriesHash = 0;
 
     const std::optional<std::string>& id() const { return episodeKey ? episodeKey : imdbId; }
   };
@@ -49,9 +56,13 @@ class LibraryStore : public QObject {
   const LibraryTitle* titleByEpisodeKey(std::string_view key) const;
   std::vector<const LibraryTitle*> titlesBySeries(std::string_view seriesId) const;
   const LibraryTitle* titleNamed(std::string_view name) const;
-  size_t imdbIndexSize() const { return byImdb_.size(); }
-  size_t episodeIndexSize() const { return byEpisode_.size(); }
-  size_t seriesIndexSize() const { return bySeries_.size(); }
+  size_t imdbIndexSize() const { return ix_.byImdb.size(); }
+  size_t episodeIndexSize() const { return ix_.byEpisode.size(); }
+  size_t seriesIndexSize() const { return ix_.bySeries.size(); }
+  // Whether the indexes equal a rebuild from the list (tests).
+  bool indexesMatchRebuild() const;
+  // Loads titles from the text of library.json; none when any of it is bad.
+  static std::optional<std::vector<LibraryTitle>> decodeFile(std::string_view text);
 
   void upsert(LibraryTitle title);
   void remove(const std::string& name);
@@ -67,19 +78,27 @@ class LibraryStore : public QObject {
 
  private:
   static RecordRef makeRecord(LibraryTitle title);
+  static std::optional<std::vector<RecordRef>> decodeRecords(std::string_view text);
+  static std::optional<std::vector<RecordRef>> decodeRecords(const simdjson::padded_string& text);
   void load();
   void rebuildIndexes();
+  void indexAppended(size_t index);
   void save();
 
   std::string fileURL_;
   Clock& clock_;
   SerialFileWriter writer_;
   std::vector<RecordRef> records_;
-  // Keys view strings inside the records, which live as long as the entry.
-  std::unordered_map<std::string_view, size_t> byImdb_;
-  std::unordered_map<std::string_view, size_t> byEpisode_;
-  std::unordered_map<std::string_view, std::vector<size_t>> bySeries_;
-  std::unordered_map<std::string_view, size_t> byName_;
+  struct Indexes {
+    FlatIndex byImdb;
+    FlatIndex byEpisode;
+    FlatIndex byName;    // first title of each name
+    FlatIndex bySeries;  // series id to its group in seriesGroups
+    std::vector<std::vector<uint32_t>> seriesGroups;
+  };
+  static void buildIndexes(const std::vector<RecordRef>& records, Indexes& ix);
+  static void sortSeriesGroup(const std::vector<RecordRef>& records, std::vector<uint32_t>& list);
+  Indexes ix_;
 };
 
 }  // namespace vt

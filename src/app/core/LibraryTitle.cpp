@@ -13,14 +13,6 @@ std::string_view subtitleStateText(SubtitleState s) { return s == SubtitleState:
 
 namespace {
 
-std::optional<SubtitleState> decodeSubtitleState(const Json& j) {
-  auto text = json::optional<std::string>(j, "subtitleState");
-  if (!text) return std::nullopt;
-  if (*text == "auto") return SubtitleState::automatic;
-  if (*text == "synced") return SubtitleState::synced;
-  throw DecodeError("unknown subtitleState \"" + *text + "\"");
-}
-
 void writeAlt(JsonWriter& w, const AltStreamVersion& a) {
   w.beginObject();
   w.field("name", a.name);
@@ -32,39 +24,6 @@ void writeAlt(JsonWriter& w, const AltStreamVersion& a) {
 }
 
 }  // namespace
-
-AltStreamVersion decodeAltStreamVersion(const Json& j) {
-  AltStreamVersion a;
-  a.name = json::required<std::string>(j, "name");
-  a.resolveURL = json::required<std::string>(j, "resolveURL");
-  a.size = json::required<int64_t>(j, "size");
-  a.sizeVerified = json::optional<bool>(j, "sizeVerified");
-  a.resolvedAt = json::optional<double>(j, "resolvedAt");
-  return a;
-}
-
-LibraryTitle decodeLibraryTitle(const Json& j) {
-  LibraryTitle t;
-  t.name = json::required<std::string>(j, "name");
-  t.url = json::required<std::string>(j, "url");
-  t.size = json::required<int64_t>(j, "size");
-  t.sizeVerified = json::optional<bool>(j, "sizeVerified");
-  t.rdLink = json::optional<std::string>(j, "rdLink");
-  t.resolveURL = json::optional<std::string>(j, "resolveURL");
-  t.source = json::required<std::string>(j, "source");
-  t.rdFilename = json::optional<std::string>(j, "rdFilename");
-  t.subtitlePath = json::optional<std::string>(j, "subtitlePath");
-  t.subtitleLang = json::optional<std::string>(j, "subtitleLang");
-  t.subtitleLang2 = json::optional<std::string>(j, "subtitleLang2");
-  t.subtitleState = decodeSubtitleState(j);
-  t.resolvedAt = json::optional<double>(j, "resolvedAt");
-  t.seriesImdbId = json::optional<std::string>(j, "seriesImdbId");
-  t.season = json::optional<int>(j, "season");
-  t.episode = json::optional<int>(j, "episode");
-  if (auto it = j.find("altVersion"); it != j.end() && !it->is_null()) t.altVersion = decodeAltStreamVersion(*it);
-  t.mirrorURLs = json::optional<std::vector<std::string>>(j, "mirrorURLs");
-  return t;
-}
 
 void writeLibraryTitle(JsonWriter& w, const LibraryTitle& t) {
   w.beginObject();
@@ -167,27 +126,62 @@ std::optional<int> parseInt(std::string_view s) {
 
 }  // namespace
 
+// The IMDb tag pattern. Names are read on every load and upsert, so the
+// common all-ASCII case is decided by a scan that gives exactly what the
+// pattern gives; the pattern itself runs only where the scan meets other
+// characters (a digit of another script, say). Tests hold both to agreement.
+static constexpr const char* kImdbTagPattern = R"((?<=\{imdb-)tt\d+(?=\}))";
+
 std::optional<std::string> imdbIdOf(std::string_view name) {
-  // Cheap pre-check: most callers ask about names that do carry the tag.
-  if (name.find("{imdb-tt") == std::string_view::npos) return std::nullopt;
-  static const Regex pattern(R"((?<=\{imdb-)tt\d+(?=\}))");
-  auto m = pattern.search(name);
-  if (!m) return std::nullopt;
-  return m->text();
+  // The look-behind means a match can only start right after a "{imdb-".
+  static constexpr std::string_view kTag = "{imdb-";
+  for (size_t pos = name.find(kTag); pos != std::string_view::npos; pos = name.find(kTag, pos + 1)) {
+    const size_t start = pos + kTag.size();
+    size_t i = start;
+    if (name.substr(i, 2) != "tt") continue;
+    i += 2;
+    while (i < name.size() && name[i] >= '0' && name[i] <= '9') ++i;
+    if (i < name.size() && static_cast<unsigned char>(name[i]) >= 0x80) {
+      static const Regex pattern(kImdbTagPattern);
+      if (auto m = pattern.matchAt(name, start)) return m->text();
+      continue;
+    }
+    if (i > start + 2 && i < name.size() && name[i] == '}') return std::string(name.substr(start, i - start));
+  }
+  return std::nullopt;
 }
+
+namespace {
+
+// The episode marker "[sS](\d{2})[eE](\d{2})(?=\.[^./]+$)" on the last path
+// component: its look-ahead pins the marker to the six characters before the
+// last dot, and only ASCII digits make a readable number, so checking those
+// bytes is the whole test.
+std::optional<std::string> episodeKeyFor(std::string_view name, const std::string& imdbId) {
+  const auto slash = name.find_last_of('/');
+  const auto last = slash == std::string_view::npos ? name : name.substr(slash + 1);
+  const auto dot = last.find_last_of('.');
+  if (dot == std::string_view::npos || dot < 6 || dot + 1 >= last.size()) return std::nullopt;
+  const auto m = last.substr(dot - 6, 6);
+  auto digit = [](char c) { return c >= '0' && c <= '9'; };
+  if ((m[0] != 's' && m[0] != 'S') || (m[3] != 'e' && m[3] != 'E') || !digit(m[1]) || !digit(m[2]) ||
+      !digit(m[4]) || !digit(m[5]))
+    return std::nullopt;
+  const int season = (m[1] - '0') * 10 + (m[2] - '0');
+  const int episode = (m[4] - '0') * 10 + (m[5] - '0');
+  return imdbId + ":" + std::to_string(season) + ":" + std::to_string(episode);
+}
+
+}  // namespace
 
 std::optional<std::string> episodeKeyOf(std::string_view name) {
   auto id = imdbIdOf(name);
   if (!id) return std::nullopt;
-  const auto slash = name.find_last_of('/');
-  const auto last = slash == std::string_view::npos ? name : name.substr(slash + 1);
-  static const Regex pattern(R"([sS](\d{2})[eE](\d{2})(?=\.[^./]+$))");
-  auto m = pattern.search(last);
-  if (!m) return std::nullopt;
-  const auto season = parseInt(*m->group(1));
-  const auto episode = parseInt(*m->group(2));
-  if (!season || !episode) return std::nullopt;
-  return *id + ":" + std::to_string(*season) + ":" + std::to_string(*episode);
+  return episodeKeyFor(name, *id);
+}
+
+std::optional<std::string> episodeKeyOf(std::string_view name, const std::string& imdbId) {
+  return episodeKeyFor(name, imdbId);
 }
 
 std::optional<std::string> seriesIdOf(std::string_view key) {

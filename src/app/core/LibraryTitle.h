@@ -56,10 +56,7 @@ struct LibraryTitle {
 };
 
 // JSON of library.json: the keys are the field names, in field order, absent
-// optionals left out. Decoding throws DecodeError on a missing required key
-// or a wrongly typed value; unknown keys are ignored.
-LibraryTitle decodeLibraryTitle(const Json& j);
-AltStreamVersion decodeAltStreamVersion(const Json& j);
+// optionals left out. (Decoding lives with the store: LibraryStore::decodeFile.)
 void writeLibraryTitle(JsonWriter& w, const LibraryTitle& t);
 std::string encodeLibraryTitles(const std::vector<const LibraryTitle*>& titles);
 
@@ -80,6 +77,8 @@ std::optional<std::string> imdbIdOf(std::string_view name);
 // "<imdb id>:<season>:<episode>" from an "sNNeNN" marker in the last path
 // component, right before its extension; none otherwise.
 std::optional<std::string> episodeKeyOf(std::string_view name);
+// The same, for a name whose IMDb id is already known.
+std::optional<std::string> episodeKeyOf(std::string_view name, const std::string& imdbId);
 // The series id of an episode key; none unless the key has exactly three
 // parts "tt…", integer, integer.
 std::optional<std::string> seriesIdOf(std::string_view key);

@@ -1,17 +1,15 @@
 #include "platform/SerialFileWriter.h"
 
+#include "platform/SerialQueue.h"
+
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <condition_variable>
 #include <cstdio>
-#include <deque>
 #include <filesystem>
 #include <mutex>
-#include <thread>
 
 namespace vt {
 
@@ -70,46 +68,12 @@ std::optional<std::string> readFile(const std::string& path) {
 
 namespace {
 
-// One low-priority thread for the writes of every store, in FIFO order.
-class WriteQueue {
- public:
-  static WriteQueue& shared() {
-    static auto* queue = new WriteQueue();  // lives until the process ends
-    return *queue;
-  }
-
-  void post(std::function<void()> job) {
-    {
-      std::lock_guard lock(mutex_);
-      jobs_.push_back(std::move(job));
-    }
-    cv_.notify_one();
-  }
-
- private:
-  WriteQueue() {
-    std::thread([this] { loop(); }).detach();
-  }
-
-  void loop() {
-    // Utility priority: below the interface and the network jobs.
-    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 10);
-    for (;;) {
-      std::function<void()> job;
-      {
-        std::unique_lock lock(mutex_);
-        cv_.wait(lock, [this] { return !jobs_.empty(); });
-        job = std::move(jobs_.front());
-        jobs_.pop_front();
-      }
-      job();
-    }
-  }
-
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::deque<std::function<void()>> jobs_;
-};
+// One low-priority thread for the writes of every store, in FIFO order. It
+// lives until the process ends.
+SerialQueue& writeQueue() {
+  static auto* queue = new SerialQueue(true);
+  return *queue;
+}
 
 }  // namespace
 
@@ -131,7 +95,7 @@ void SerialFileWriter::save(std::string path, Producer produce) {
     std::lock_guard lock(state_->mutex);
     seq = ++state_->issued;
   }
-  WriteQueue::shared().post([state = state_, seq, path = std::move(path), produce = std::move(produce)] {
+  writeQueue().post([state = state_, seq, path = std::move(path), produce = std::move(produce)] {
     bool superseded;
     {
       std::lock_guard lock(state->mutex);

@@ -5,6 +5,9 @@
 
 #include "app/SingleInstance.h"
 #include "app/VantoryApp.h"
+#include "app/core/Logging.h"
+#include "platform/Clock.h"
+#include "plex/PlexServerProbe.h"
 #include "platform/Job.h"
 #include "platform/Log.h"
 #include "platform/Signals.h"
@@ -41,15 +44,21 @@ int main(int argc, char** argv) {
     instance = std::make_unique<vt::SingleInstance>(name, [] { vt::logLine("[Vantory] another launch asked for the window"); });
   }
 
-  // Headless: log lines go to standard output.
-  vt::addLogSink([](std::string_view line) {
-    std::fwrite(line.data(), 1, line.size(), stdout);
+  // Every log line goes, redacted, to logs/vantory.log; headless, to standard output too.
+  paths.ensureDataDirectory();
+  vt::LogFile logFile(paths.data("logs"), [] { return vt::systemClock().now(); });
+  vt::LogFile::setShared(&logFile);
+  vt::addLogSink([&logFile](std::string_view line) {
+    logFile.write(line);
+    const auto clean = vt::redact(line);
+    std::fwrite(clean.data(), 1, clean.size(), stdout);
     std::fputc('\n', stdout);
     std::fflush(stdout);
   });
 
   vt::AppWiring wiring;
   wiring.paths = paths;
+  wiring.plexAccess = vt::PlexServerProbe::factory(paths.data("Library"));
   vt::VantoryApp app(std::move(wiring));
   vt::logLine("[Vantory] started; " + std::to_string(app.library().size()) + " titles in the library");
 
@@ -63,5 +72,7 @@ int main(int argc, char** argv) {
   const int rc = qapp.exec();
   boot.cancel();
   app.library().waitForSaves();
+  logFile.flush();
+  vt::LogFile::setShared(nullptr);
   return rc;
 }

@@ -29,6 +29,11 @@ QNetworkAccessManager& sharedNetworkManager() {
   return *manager;
 }
 
+HttpClient& sharedHttpClient() {
+  static auto* client = new HttpClient(systemClock(), HttpClient::Session::shared);
+  return *client;
+}
+
 void installSharedHttpCache(int64_t memoryBytes, int64_t diskBytes, const QString& diskDirectory) {
   auto* cache = new TieredNetworkCache(memoryBytes, diskBytes, diskDirectory);
   sharedNetworkManager().setCache(cache);  // takes ownership
@@ -64,6 +69,9 @@ QCoro::Task<HttpResponse> HttpClient::send(HttpRequest request, CancelToken toke
                                            : QNetworkRequest::ManualRedirectPolicy);
   req.setTransferTimeout(0);  // the clock below owns the time limit
   for (const auto& [k, v] : request.headers) req.setRawHeader(k, v);
+  // A body-less POST or PUT still says what it carries.
+  if ((request.method == "POST" || request.method == "PUT") && !req.hasRawHeader("Content-Type"))
+    req.setRawHeader("Content-Type", "application/x-www-form-urlencoded");
   if (request.range) {
     QByteArray value = "bytes=" + QByteArray::number(static_cast<qlonglong>(request.range->first)) + "-";
     if (request.range->second) value += QByteArray::number(static_cast<qlonglong>(*request.range->second));

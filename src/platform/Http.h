@@ -89,6 +89,9 @@ class HttpClient {
 // `diskDirectory`. Called once at start-up, before any shared request.
 void installSharedHttpCache(int64_t memoryBytes, int64_t diskBytes, const QString& diskDirectory);
 
+// The process-wide client on the shared session and the system clock.
+HttpClient& sharedHttpClient();
+
 // The shared session's manager (main thread), for callers that need Qt directly.
 QNetworkAccessManager& sharedNetworkManager();
 

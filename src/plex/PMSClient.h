@@ -1,0 +1,166 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <QByteArray>
+#include <QUrl>
+#include <qcoro/qcorotask.h>
+
+#include "platform/Date.h"
+#include "platform/Json.h"
+
+namespace vt {
+
+class AppConfig;
+class Clock;
+
+// Why a request to the Plex server failed.
+struct PMSError {
+  enum class Kind {
+    badStatus,    // the server answered outside 200..299
+    noToken,      // nothing was sent: no token
+    transport,    // no answer: refused, timed out...
+    undecodable,  // machineInfo's reply did not decode
+  };
+  Kind kind = Kind::transport;
+  int status = 0;
+  std::string detail;  // the transport's own text
+
+  std::string description() const;
+  bool operator==(const PMSError&) const = default;
+};
+
+// A value or the failure that stopped it.
+template <class T>
+struct PMSResult {
+  std::optional<T> value;
+  std::optional<PMSError> error;
+  bool ok() const { return !error.has_value(); }
+  static PMSResult failure(PMSError e) { return PMSResult{std::nullopt, std::move(e)}; }
+};
+struct Done {};
+
+// One playback on the server.
+struct PlaySession {
+  std::optional<std::string> sessionKey, title, file, playerState, playerProduct, playerTitle;
+  std::optional<int64_t> viewOffsetMs, durationMs;
+  std::optional<double> transcodeSpeed;
+  std::optional<bool> transcodeThrottled;
+  std::optional<std::string> transcodeProtocol, transcodeVideoDecision;
+  bool operator==(const PlaySession&) const = default;
+};
+
+// Reply records; every field optional, keys as on the wire.
+struct PlexPart {
+  std::optional<std::string> file;
+};
+struct PlexMedia {
+  std::optional<int64_t> duration;
+  std::vector<PlexPart> parts;
+};
+struct PlexItem {
+  std::optional<std::string> ratingKey, title;
+  std::optional<int64_t> year;
+  std::optional<std::string> thumb, grandparentRatingKey;
+  std::optional<int64_t> viewOffset, duration, addedAt;
+  std::vector<PlexMedia> media;
+};
+struct PlexSection {
+  std::string key;
+  std::string type;  // "" when the server gave none
+};
+struct PlexCollectionRow {
+  std::string title;
+  std::string ratingKey;
+  bool smart = false;
+};
+struct PlexImdbEntry {
+  std::string title;
+  std::string year;
+  std::optional<std::string> thumb;
+};
+struct PlexItemDetails {
+  std::string file;
+  std::optional<int64_t> viewOffsetMs, durationMs;
+};
+
+// Decoders of the reply records. Lenient: a wrongly typed or missing field is
+// absent; none only when the body is not JSON of the expected outer shape.
+std::optional<std::vector<PlexItem>> decodeSectionItems(const QByteArray& body);
+std::optional<std::vector<PlaySession>> decodeSessions(const QByteArray& body);
+std::optional<std::vector<PlexCollectionRow>> decodeCollections(const QByteArray& body);
+// The smart flag of a collection row: a Boolean, an integer (non-zero), or the
+// text "1" or "true"; anything else is plain.
+bool decodeSmartFlag(const Json& value);
+
+// The only door to the user's Plex Media Server. A small value: build one
+// from the settings, ask, drop it. Empty token: every call fails with
+// noToken before any traffic.
+class PMSClient {
+ public:
+  static constexpr double kReadTimeout = 8;
+  static constexpr double kWriteTimeout = 15;
+
+  PMSClient(QUrl baseURL, std::string token, std::string clientIdentifier);
+  // None when the server URL does not parse or no token is set.
+  static std::optional<PMSClient> fromConfig(const AppConfig& config);
+
+  using Query = std::vector<std::pair<std::string, std::string>>;
+
+  // The request primitive: path appended to the base, query items only when
+  // there are any, the four Plex headers. Returns the body.
+  QCoro::Task<PMSResult<QByteArray>> httpRequest(QByteArray method, std::string path, Query query,
+                                                 double timeout) const;
+  QCoro::Task<PMSResult<QByteArray>> putQuery(std::string path, Query query) const;
+  QCoro::Task<PMSResult<QByteArray>> postQuery(std::string path, Query query) const;
+
+  // (machineIdentifier, myPlexUsername); an absent identifier is "—".
+  QCoro::Task<PMSResult<std::pair<std::string, std::optional<std::string>>>> machineInfo() const;
+  QCoro::Task<PMSResult<std::optional<PlexSection>>> sectionForLocation(std::string location) const;
+  QCoro::Task<PMSResult<Done>> createSection(std::string name, bool isShow, std::string location) const;
+  QCoro::Task<PMSResult<Done>> disableAnalysisJobs(std::string location) const;
+  QCoro::Task<PMSResult<Done>> refreshSection(std::string location) const;
+  QCoro::Task<PMSResult<std::vector<PlexItem>>> sectionItems(std::string location) const;
+  QCoro::Task<PMSResult<std::map<std::string, PlexItem>>> fileIndex(std::string location) const;
+  QCoro::Task<PMSResult<std::map<std::string, PlexImdbEntry>>> imdbIndex(std::string location) const;
+  QCoro::Task<PMSResult<Done>> refreshItem(std::string file, std::string location) const;
+  QCoro::Task<PMSResult<std::optional<PlexItemDetails>>> itemDetails(std::string ratingKey) const;
+  QCoro::Task<PMSResult<std::vector<PlaySession>>> sessions() const;
+  QCoro::Task<PMSResult<Done>> emptyTrash(std::string sectionKey) const;
+  QCoro::Task<PMSResult<Done>> addLabel(std::string sectionKey, std::vector<std::string> ratingKeys,
+                                        std::string label) const;
+  QCoro::Task<PMSResult<Done>> removeLabel(std::vector<std::string> ratingKeys, std::string label) const;
+  QCoro::Task<PMSResult<std::map<std::string, std::string>>> sectionLabels(std::string sectionKey) const;
+  QCoro::Task<PMSResult<std::set<std::string>>> labelledKeys(std::string sectionKey, std::string labelId) const;
+  QCoro::Task<PMSResult<std::vector<PlexCollectionRow>>> sectionCollections(std::string sectionKey) const;
+  QCoro::Task<PMSResult<std::optional<std::string>>> createSmartCollection(std::string title, std::string labelId,
+                                                                           std::string sectionKey,
+                                                                           std::string machineIdentifier) const;
+  QCoro::Task<PMSResult<Done>> deleteCollection(std::string ratingKey) const;
+  QCoro::Task<PMSResult<Done>> deleteCollectionNamed(std::string title, std::string location) const;
+  QCoro::Task<PMSResult<std::vector<std::string>>> itemsWithoutDuration(std::string location, Date before) const;
+  QCoro::Task<PMSResult<std::set<std::string>>> showKeys(std::string location) const;
+  QCoro::Task<PMSResult<std::map<std::string, std::string>>> episodeShowMap(std::string location) const;
+
+  const QUrl& baseURL() const { return baseURL_; }
+
+ private:
+  QUrl urlFor(const std::string& path) const;
+  QCoro::Task<PMSResult<QByteArray>> send(QByteArray method, QUrl url, double timeout) const;
+
+  QUrl baseURL_;
+  std::string token_;
+  std::string clientIdentifier_;
+};
+
+// Percent-encoding with only Unicode letters and digits and "-._~" left as
+// they are, as the smart collection request needs.
+std::string percentEncodeStrict(std::string_view text);
+
+}  // namespace vt

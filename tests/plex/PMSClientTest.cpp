@@ -1,0 +1,304 @@
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "app/BridgeViewModel.h"
+#include "app/core/AppConfig.h"
+#include "fakes/FakePlexServer.h"
+#include "platform/Clock.h"
+#include "plex/PMSClient.h"
+#include "plex/PlexServerProbe.h"
+#include "support/TestKit.h"
+
+using namespace vt;
+using vt::test::FakePlexServer;
+
+namespace {
+
+struct Rig {
+  FakePlexServer plex;
+  PMSClient client{plex.baseUrl(), plex.token, "client-id-1"};
+  Rig() {
+    plex.addSection("1", "Vantory", "movie", {"/data/Library", "/old/Library"});
+    plex.addSection("2", "Vantory TV", "show", {"/data/Library TV"});
+  }
+};
+
+template <class T>
+T run(QCoro::Task<T> task) {
+  return test::runTask(std::move(task));
+}
+
+}  // namespace
+
+TEST(PMSClient, NoTokenSendsNothingAndStatusesSurfaceAsText) {
+  Rig rig;
+  PMSClient noToken(rig.plex.baseUrl(), "", "c");
+  auto r = run(noToken.machineInfo());
+  ASSERT_FALSE(r.ok());
+  EXPECT_EQ(r.error->description(), "No Plex token configured");
+  EXPECT_FALSE(run(noToken.addLabel("1", {"1"}, "x")).ok());
+  EXPECT_FALSE(run(noToken.removeLabel({"1"}, "x")).ok());
+  EXPECT_FALSE(run(noToken.createSmartCollection("t", "1", "1", "m")).ok());
+  EXPECT_FALSE(run(noToken.sessions()).ok());
+  EXPECT_TRUE(rig.plex.requests().empty()) << "no request left the machine";
+
+  auto missing = run(rig.client.itemDetails("999999"));
+  ASSERT_FALSE(missing.ok());
+  EXPECT_EQ(missing.error->description(), "PMS returned HTTP 404");
+
+  PMSClient wrongToken(rig.plex.baseUrl(), "nope", "c");
+  auto denied = run(wrongToken.machineInfo());
+  ASSERT_TRUE(denied.error);
+  EXPECT_EQ(denied.error->kind, PMSError::Kind::badStatus);
+  EXPECT_EQ(denied.error->status, 401);
+
+  // Every request carries the four headers.
+  const auto& req = rig.plex.requests().front();
+  EXPECT_EQ(req.header("Accept"), "application/json");
+  EXPECT_EQ(req.header("X-Plex-Token"), QByteArray::fromStdString(rig.plex.token));
+  EXPECT_EQ(req.header("X-Plex-Product"), "Vantory");
+  EXPECT_EQ(req.header("X-Plex-Client-Identifier"), "client-id-1");
+}
+
+TEST(PMSClient, MachineInfoAndSections) {
+  Rig rig;
+  auto info = run(rig.client.machineInfo());
+  ASSERT_TRUE(info.ok());
+  EXPECT_EQ(info.value->first, "fake-machine-0001");
+  EXPECT_EQ(info.value->second, "tester");
+  rig.plex.machineIdentifier.clear();
+  rig.plex.on("GET", "/", [&](auto&, auto& reply) { reply.json(Json{{"MediaContainer", Json::object()}}); });
+  EXPECT_EQ(run(rig.client.machineInfo()).value->first, "—");
+  rig.plex.on("GET", "/", [&](auto&, auto& reply) { reply.send(200, "<xml/>"); });
+  EXPECT_EQ(run(rig.client.machineInfo()).error->kind, PMSError::Kind::undecodable);
+
+  for (const char* loc : {"/data/Library", "/old/Library"}) {
+    auto s = run(rig.client.sectionForLocation(loc));
+    ASSERT_TRUE(s.ok() && *s.value) << loc;
+    EXPECT_EQ((*s.value)->key, "1");
+    EXPECT_EQ((*s.value)->type, "movie");
+  }
+  EXPECT_FALSE(*run(rig.client.sectionForLocation("/data/Library/")).value) << "exact paths only";
+
+  // createSection is a no-op for a known location and sends the query in order otherwise.
+  rig.plex.clearRequests();
+  EXPECT_TRUE(run(rig.client.createSection("Vantory", false, "/data/Library")).ok());
+  EXPECT_EQ(rig.plex.requests().size(), 1u);
+  EXPECT_TRUE(run(rig.client.createSection("Vantory TV", true, "/new/Library TV")).ok());
+  const auto post = rig.plex.requests().back();
+  EXPECT_EQ(post.method, "POST");
+  EXPECT_EQ(post.rawQuery,
+            "name=Vantory%20TV&type=show&agent=tv.plex.agents.series&scanner=Plex%20TV%20Series&language=en-US"
+            "&location=%2Fnew%2FLibrary%20TV&X-Plex-Token=" + QString::fromStdString(rig.plex.token));
+  EXPECT_TRUE(*run(rig.client.sectionForLocation("/new/Library TV")).value);
+
+  EXPECT_TRUE(run(rig.client.refreshSection("/data/Library")).ok());
+  EXPECT_EQ(rig.plex.sections["1"].refreshes, 1);
+  EXPECT_TRUE(run(rig.client.disableAnalysisJobs("/data/Library")).ok());
+  EXPECT_EQ(rig.plex.sections["1"].prefs["enableBIFGeneration"], "0");
+  EXPECT_EQ(rig.plex.serverPrefs["ButlerTaskDeepMediaAnalysis"], "0");
+  // Unknown locations are silent no-ops.
+  rig.plex.clearRequests();
+  EXPECT_TRUE(run(rig.client.refreshSection("/nowhere")).ok());
+  EXPECT_EQ(rig.plex.requests().size(), 1u);
+}
+
+TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
+  Rig rig;
+  rig.plex.addItem({"", "1", "movie", "Film", 1999, "/thumb/1", {}, {"/data/Library/Film (1999) {imdb-tt1}.mkv"}});
+  rig.plex.addItem({"s1", "2", "show", "Show", 2010});
+  rig.plex.addItem({"", "2", "episode", "Pilot", {}, {}, std::string("s1"),
+                    {"/data/Library TV/Show (2010) {imdb-tt9}/Season 01/Show (2010) - s01e01.mkv"}});
+
+  rig.plex.clearRequests();
+  auto films = run(rig.client.sectionItems("/data/Library"));
+  ASSERT_EQ(films.value->size(), 1u);
+  EXPECT_EQ(rig.plex.requests().back().rawQuery, "");
+  auto episodes = run(rig.client.sectionItems("/data/Library TV"));
+  ASSERT_EQ(episodes.value->size(), 1u);
+  EXPECT_EQ((*episodes.value)[0].title, "Pilot");
+  EXPECT_EQ(rig.plex.requests().back().rawQuery, "type=4");
+
+  auto files = run(rig.client.fileIndex("/data/Library"));
+  EXPECT_EQ(files.value->count("Film (1999) {imdb-tt1}.mkv"), 1u);
+  auto imdb = run(rig.client.imdbIndex("/data/Library"));
+  ASSERT_EQ(imdb.value->count("tt1"), 1u);
+  EXPECT_EQ(imdb.value->at("tt1").year, "1999");
+  EXPECT_EQ(imdb.value->at("tt1").thumb, "/thumb/1");
+  EXPECT_EQ(*run(rig.client.showKeys("/data/Library TV")).value, std::set<std::string>{"s1"});
+  EXPECT_TRUE(run(rig.client.showKeys("/data/Library")).value->empty());
+  auto shows = run(rig.client.episodeShowMap("/data/Library TV"));
+  ASSERT_EQ(shows.value->size(), 1u);
+  EXPECT_EQ(shows.value->begin()->second, "s1");
+}
+
+TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
+  Rig rig;
+  std::vector<std::string> keys;
+  for (int i = 0; i < 120; ++i) keys.push_back(rig.plex.addItem({"", "1", "movie", "F" + std::to_string(i)}).ratingKey);
+  rig.plex.clearRequests();
+  ASSERT_TRUE(run(rig.client.addLabel("1", keys, "My List")).ok());
+  ASSERT_EQ(rig.plex.requests().size(), 3u);
+  std::vector<int> sizes;
+  for (const auto& r : rig.plex.requests()) {
+    EXPECT_EQ(r.method, "PUT");
+    EXPECT_TRUE(r.rawQuery.startsWith("type=1&id=")) << r.rawQuery.toStdString();
+    EXPECT_TRUE(r.rawQuery.contains("&label[0].tag.tag=My%20List&label.locked=1&X-Plex-Token="))
+        << r.rawQuery.toStdString();
+    sizes.push_back(static_cast<int>(r.query("id")->split(',').size()));
+  }
+  EXPECT_EQ(sizes, (std::vector<int>{50, 50, 20}));
+  EXPECT_EQ(rig.plex.itemsWithLabel("1", "My List").size(), 120u);
+  rig.plex.clearRequests();
+  EXPECT_TRUE(run(rig.client.addLabel("1", {}, "x")).ok());
+  EXPECT_TRUE(rig.plex.requests().empty());
+
+  auto labels = run(rig.client.sectionLabels("1"));
+  ASSERT_EQ(labels.value->count("My List"), 1u);
+  EXPECT_EQ(labels.value->at("My List"), rig.plex.labelId("My List"));
+  rig.plex.on("GET", "/library/sections/1/label", [](auto&, auto& reply) {
+    reply.json(Json::parse(R"({"MediaContainer":{"Directory":[
+      {"key":"/library/sections/1/all?label=123","title":"A"},{"key":"123","title":"B"},
+      {"key":"7"},{"title":"no key"},{"key":5,"title":"typed"}]}})"));
+  });
+  auto both = *run(rig.client.sectionLabels("1")).value;
+  EXPECT_EQ(both, (std::map<std::string, std::string>{{"A", "123"}, {"B", "123"}}));
+
+  const auto id = rig.plex.labelId("My List");
+  EXPECT_EQ(run(rig.client.labelledKeys("1", id)).value->size(), 120u);
+  ASSERT_TRUE(run(rig.client.removeLabel({keys[0], keys[1]}, "My List")).ok());
+  EXPECT_EQ(rig.plex.requests().back().rawQuery.left(39), "type=1&label[0].tag.tag-=My%20List&labe");
+  EXPECT_EQ(rig.plex.itemsWithLabel("1", "My List").size(), 118u);
+}
+
+TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
+  Rig rig;
+  auto key = run(rig.client.createSmartCollection("Films & Friends", "500", "1", "fake-machine-0001"));
+  ASSERT_TRUE(key.ok());
+  ASSERT_TRUE(*key.value);
+  const auto& req = rig.plex.requests().back();
+  EXPECT_EQ(req.method, "POST");
+  EXPECT_EQ(req.path, "/library/collections");
+  EXPECT_EQ(req.rawQuery.toStdString(),
+            "type=1&title=Films%20%26%20Friends&smart=1&sectionId=1&uri=server%3A%2F%2Ffake-machine-0001%2F"
+            "com.plexapp.plugins.library%2Flibrary%2Fsections%2F1%2Fall%3Ftype%3D1%26label%3D500%26sort%3D"
+            "addedAt%253Adesc&X-Plex-Token=" + rig.plex.token);
+  auto rows = *run(rig.client.sectionCollections("1")).value;
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].title, "Films & Friends");
+  EXPECT_TRUE(rows[0].smart);
+
+  EXPECT_TRUE(run(rig.client.deleteCollectionNamed("Films & Friends", "/data/Library")).ok());
+  EXPECT_TRUE(rig.plex.collections.empty());
+  EXPECT_TRUE(run(rig.client.deleteCollectionNamed("Nothing", "/data/Library")).ok());
+
+  // A reply that is not a rating-key list is an absent key, not a failure.
+  rig.plex.on("POST", "/library/collections", [](auto&, auto& reply) { reply.send(200, "nope"); });
+  auto absent = run(rig.client.createSmartCollection("X", "1", "1", "m"));
+  EXPECT_TRUE(absent.ok());
+  EXPECT_FALSE(*absent.value);
+}
+
+TEST(PMSClient, LenientRecordsAndSessions) {
+  auto rows = decodeCollections(R"({"MediaContainer":{"Metadata":[
+    {"title":"a","ratingKey":"1","smart":"1"},{"title":"b","ratingKey":"2","smart":1},
+    {"title":"c","ratingKey":"3","smart":true},{"title":"d","ratingKey":"4","smart":"0"},
+    {"title":"e","ratingKey":"5","smart":0},{"title":"f","ratingKey":"6"},
+    {"title":"g","ratingKey":"7","smart":"true"},{"title":"h","ratingKey":"8","smart":[1]},
+    {"title":7,"ratingKey":"9"},{"ratingKey":"10"},{"title":"k","ratingKey":11}]}})");
+  ASSERT_TRUE(rows);
+  std::vector<std::pair<std::string, bool>> got;
+  for (const auto& r : *rows) got.emplace_back(r.title, r.smart);
+  EXPECT_EQ(got, (std::vector<std::pair<std::string, bool>>{
+                     {"a", true}, {"b", true}, {"c", true}, {"d", false}, {"e", false}, {"f", false}, {"g", true},
+                     {"h", false}}));
+  EXPECT_FALSE(decodeCollections("not json"));
+
+  auto sessions = decodeSessions(R"({"MediaContainer":{"Metadata":[{"sessionKey":"12","title":"Film",
+    "viewOffset":5000,"duration":"bad","Media":[{"Part":[{}]},{"Part":[{"file":"/data/Library/F.mkv"}]}],
+    "Player":{"state":"playing","product":"Plex Web","title":"Chrome"},
+    "TranscodeSession":{"speed":1.5,"throttled":false,"protocol":"dash","videoDecision":"copy"}}]}})");
+  ASSERT_TRUE(sessions && sessions->size() == 1);
+  const auto& s = (*sessions)[0];
+  EXPECT_EQ(s.file, "/data/Library/F.mkv");
+  EXPECT_EQ(s.viewOffsetMs, 5000);
+  EXPECT_EQ(s.durationMs, std::nullopt);
+  EXPECT_EQ(s.playerProduct, "Plex Web");
+  EXPECT_EQ(s.transcodeSpeed, 1.5);
+  EXPECT_EQ(s.transcodeThrottled, false);
+  EXPECT_EQ(s.transcodeVideoDecision, "copy");
+}
+
+TEST(PMSClient, DecodersSurviveRandomAndTruncatedReplies) {
+  const std::string samples[] = {
+      R"({"MediaContainer":{"Metadata":[{"ratingKey":"1","Media":[{"Part":[{"file":"/x"}]}]}]}})",
+      R"({"MediaContainer":{"Metadata":[{"title":"a","ratingKey":"1","smart":"1"}]}})",
+      R"({"MediaContainer":{"Metadata":[{"sessionKey":"1","Player":{"state":"x"},"TranscodeSession":{"speed":2}}]}})",
+      R"({"MediaContainer":{"Directory":[{"key":"1","Location":[{"path":"/p"}]}]}})",
+  };
+  std::mt19937 rng(5);
+  for (int i = 0; i < 3000; ++i) {
+    std::string s = samples[rng() % std::size(samples)];
+    s = s.substr(0, rng() % (s.size() + 1));
+    for (int k = 0; k < 3; ++k)
+      if (!s.empty()) s[rng() % s.size()] = "{}[]\":,0a\xff"[rng() % 11];
+    const auto body = QByteArray::fromStdString(s);
+    (void)decodeSectionItems(body);
+    (void)decodeSessions(body);
+    (void)decodeCollections(body);
+  }
+  for (const char* odd : {"null", "[]", "{\"MediaContainer\":null}", "{\"MediaContainer\":[1,2]}",
+                          "{\"MediaContainer\":{\"Metadata\":{}}}", "{\"MediaContainer\":{\"Metadata\":[null,1,\"x\"]}}"}) {
+    auto items = decodeSectionItems(odd);
+    EXPECT_TRUE(!items || items->size() <= 3) << odd;
+  }
+}
+
+TEST(PlexServerProbe, DrivesTheConnectionPollAgainstTheLocalServer) {
+  FakePlexServer plex;
+  test::TestHome home;
+  auto store = SettingsStore::openForTestHome(home.path());
+  AppConfig config(*store);
+  config.setPmsURLString(plex.baseUrl().toString().toStdString());
+  config.setToken("wrong");
+  config.setPendingPlexSyncPath(std::string("/data/Library"));
+  ManualClock clock;
+  BridgeViewModel vm(config, clock, PlexServerProbe::factory("/data/Library"), {}, [](const std::string&) {});
+
+  test::runTask(vm.pollOnce());
+  EXPECT_FALSE(vm.reachable());
+  EXPECT_TRUE(vm.needsReauth());
+  EXPECT_EQ(vm.lastError(), "PMS returned HTTP 401");
+  EXPECT_EQ(vm.consecutiveFailures(), 0);
+
+  config.setToken(plex.token);
+  test::runTask(vm.pollOnce());
+  EXPECT_TRUE(vm.reachable());
+  EXPECT_FALSE(vm.needsReauth());
+  // The pending folder became a "Vantory" movie section and was scanned.
+  ASSERT_EQ(plex.sections.size(), 1u);
+  EXPECT_EQ(plex.sections.begin()->second.title, "Vantory");
+  EXPECT_EQ(plex.sections.begin()->second.type, "movie");
+  EXPECT_EQ(plex.sections.begin()->second.refreshes, 1);
+  EXPECT_EQ(config.pendingPlexSyncPath(), std::nullopt);
+
+  plex.forcedStatus = 500;
+  test::runTask(vm.pollOnce());
+  EXPECT_FALSE(vm.reachable());
+  EXPECT_EQ(vm.lastError(), "PMS returned HTTP 500");
+  EXPECT_EQ(vm.consecutiveFailures(), 1);
+
+  // A server that is gone: a transport failure with the network's own text.
+  const QUrl gone = plex.baseUrl();
+  plex.forcedStatus.reset();
+  {
+    FakePlexServer other;
+    config.setPmsURLString(other.baseUrl().toString().toStdString());
+  }
+  test::runTask(vm.pollOnce());
+  EXPECT_FALSE(vm.reachable());
+  EXPECT_EQ(vm.consecutiveFailures(), 2);
+  EXPECT_TRUE(vm.lastError() && !vm.lastError()->empty());
+  (void)gone;
+}

@@ -7,7 +7,7 @@ set -euo pipefail
 PACKAGES=(
   g++ cmake ninja-build ccache pkg-config
   qt6-base-dev qt6-httpserver-dev qt6-websockets-dev qcoro-qt6-dev
-  libicu-dev nlohmann-json3-dev libsimdjson-dev
+  libicu-dev nlohmann-json3-dev libsimdjson-dev libxxhash-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 

@@ -33,6 +33,15 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vantory: the window is not part of this build yet; run with --headless\n");
   }
 
+  // Installed before anything else: a signal during start-up is handled once
+  // the event loop runs, instead of killing the process half-way.
+  vt::VantoryApp* running = nullptr;
+  vt::onTerminationSignal([&running] {
+    if (running) running->willTerminate();
+    vt::logLine("[Vantory] quitting");
+    QCoreApplication::quit();
+  });
+
   const auto& paths = vt::appPaths();
   std::unique_ptr<vt::SingleInstance> instance;
   if (!paths.isTestHome()) {
@@ -62,15 +71,12 @@ int main(int argc, char** argv) {
   vt::VantoryApp app(std::move(wiring));
   vt::logLine("[Vantory] started; " + std::to_string(app.library().size()) + " titles in the library");
 
-  vt::onTerminationSignal([&app] {
-    app.willTerminate();
-    vt::logLine("[Vantory] quitting");
-    QCoreApplication::quit();
-  });
+  running = &app;
 
   auto boot = vt::Job::start([&app](vt::CancelToken) -> QCoro::Task<> { co_await app.bootstrap(); });
   const int rc = qapp.exec();
   boot.cancel();
+  running = nullptr;
   app.library().waitForSaves();
   logFile.flush();
   vt::LogFile::setShared(nullptr);

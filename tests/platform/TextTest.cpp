@@ -2,6 +2,7 @@
 
 #include "platform/Crypto.h"
 #include "platform/FlatIndex.h"
+#include "platform/JsonWriter.h"
 #include "platform/Date.h"
 #include "platform/Json.h"
 #include "platform/Regex.h"
@@ -130,4 +131,30 @@ TEST(FlatIndex, InsertsAssignsGrowsAndFinds) {
   EXPECT_EQ(ix.find("b", 42), 2u);
   FlatIndex empty;
   EXPECT_EQ(empty.find("x"), std::nullopt);
+}
+
+TEST(JsonWriter, EscapesWhateverLandsInsideALongPlainRun) {
+  // Every special byte at every position of a 24-byte string must come out
+  // escaped, whichever path of the writer sees it.
+  const std::string specials[] = {"\"", "\\", "\n", "\x01", "\x1f", "é", "\xff", "\x7f", "/"};
+  for (const auto& special : specials) {
+    for (size_t pos = 0; pos < 24; ++pos) {
+      std::string s(24, 'a');
+      s.replace(pos, 1, special);
+      JsonWriter w;
+      w.beginObject();
+      w.field("k", s);
+      w.field("n", int64_t{-5});
+      w.field("d", 0.1);
+      w.field("absent", std::optional<bool>());
+      w.endObject();
+      auto back = json::parse(w.str());
+      ASSERT_TRUE(back) << w.str();
+      const std::string expected = special == "\xff" ? std::string(s).replace(pos, 1, "\xEF\xBF\xBD") : s;
+      EXPECT_EQ((*back)["k"], expected) << pos;
+      EXPECT_EQ((*back)["n"], -5);
+      EXPECT_EQ((*back)["d"], 0.1);
+      EXPECT_FALSE(back->contains("absent"));
+    }
+  }
 }

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <qcoro/qcorotask.h>
+
+#include "app/Spine.h"
+#include "engine/EngineContract.h"
+#include "engine/Manifest.h"
+#include "platform/Date.h"
+#include "platform/Job.h"
+
+namespace vt {
+
+class AppConfig;
+class Clock;
+class LibraryStore;
+struct LibraryTitle;
+
+// What one application of the manifests changed, for the Plex sync.
+struct EngineApplyResult {
+  bool movieVisibleChanged = false;
+  bool tvVisibleChanged = false;
+  bool tvActive = false;
+  bool operator==(const EngineApplyResult&) const = default;
+};
+
+// The manifest side of one engine instance.
+struct EngineInstanceState {
+  EngineInstancePaths paths;
+  EngineState state = EngineState::stopped;
+  std::optional<std::string> lastConfigFingerprint;
+  std::optional<std::string> lastVisibleConfigFingerprint;
+  bool resendScheduled = false;
+  bool scanWhenApplied = false;
+  size_t entryCount = 0;
+};
+
+// Brings the engines' manifests up to date with the library with as little
+// disturbance as possible: a debounced flush, a fingerprint of each manifest
+// and of what it shows, and a resend of changes the engine put off while a
+// title played. Main thread only.
+class ManifestPublisher {
+ public:
+  // What the process side of the supervision provides.
+  struct Hooks {
+    // Starts an instance with these entries (writes the manifest itself).
+    std::function<QCoro::Task<>(EngineInstanceState&, std::vector<EngineEntry>)> startInstance;
+    std::function<QCoro::Task<>(EngineInstanceState&)> stopInstance;
+    // The tv instance, created on first use.
+    std::function<EngineInstanceState&()> tvInstance;
+    std::function<EngineInstanceState*()> existingTvInstance;
+    // Asks the Plex sync coordinator for an application (returns at once).
+    std::function<void()> applyConfig;
+    // Whether a playback is active right now.
+    std::function<bool()> playbackActive;
+    // Whether staging holds a title back; none: nothing is hidden.
+    std::function<bool(const LibraryTitle&)> isHidden;
+    std::function<void(const std::string&)> log;
+  };
+
+  static constexpr int kFlushBatch = 8;
+  static constexpr double kFlushWindow = 5.0;
+  static constexpr double kResendDelay = 60.0;
+
+  ManifestPublisher(LibraryStore& library, AppConfig& config, Clock& clock, EngineStatusClient& client,
+                    EngineInstanceState& movie, Hooks hooks);
+  ~ManifestPublisher();
+
+  ManifestEntries buildEntries() const;
+  // True when Plex has to scan this instance's folder.
+  QCoro::Task<bool> sendConfig(std::vector<EngineEntry> entries, EngineInstanceState& instance);
+  QCoro::Task<EngineApplyResult> applyEngineConfig();
+
+  void requestFlush(int count);
+  void flushNow();
+  int pendingFlushCount() const { return pendingFlushCount_; }
+
+ private:
+  void log(const std::string& line) const;
+
+  LibraryStore& library_;
+  AppConfig& config_;
+  Clock& clock_;
+  EngineStatusClient& client_;
+  EngineInstanceState& movie_;
+  Hooks hooks_;
+  int pendingFlushCount_ = 0;
+  Date lastFlushAt_ = kDistantPast;
+  Job flushTask_;
+  std::vector<Job> resendTasks_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace vt

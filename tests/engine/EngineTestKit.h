@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QProcess>
+#include <QTcpServer>
+#include <csignal>
+#include <memory>
+#include <string>
+
+#include "engine/EngineContract.h"
+#include "platform/Http.h"
+#include "support/TestKit.h"
+
+namespace vt::test {
+
+// A free TCP port on 127.0.0.1 (bound, read and released).
+inline quint16 freePort() {
+  QTcpServer s;
+  s.listen(QHostAddress::LocalHost, 0);
+  return s.serverPort();
+}
+
+// The real vtnfs executable on free loopback ports, for tests.
+class VtnfsProcess {
+ public:
+  VtnfsProcess(const std::string& manifest, const std::string& logFile, const std::string& rdKey = "rd-test-key")
+      : nfsPort(freePort()), controlPort(freePort()), log(logFile) {
+    auto env = QProcessEnvironment::systemEnvironment();
+    env.insert("VT_RD_KEY", QString::fromStdString(rdKey));
+    process.setProcessEnvironment(env);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(VT_VTNFS_BINARY, {"-config", QString::fromStdString(manifest), "-nfs",
+                                    QStringLiteral("127.0.0.1:%1").arg(nfsPort), "-control",
+                                    QStringLiteral("127.0.0.1:%1").arg(controlPort), "-mount", "/tmp/unused-mount",
+                                    "-log", QString::fromStdString(logFile)});
+  }
+  ~VtnfsProcess() {
+    if (process.state() != QProcess::NotRunning) {
+      ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
+      if (!process.waitForFinished(3000)) process.kill();
+    }
+  }
+  QUrl controlURL() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(controlPort)); }
+  // Waits until the control port answers healthz.
+  bool waitReady(EngineStatusClient& client) {
+    return spinUntil(
+        [&] {
+          if (process.state() == QProcess::NotRunning) return true;
+          return runTask(client.healthz(controlURL()));
+        },
+        10000) &&
+           process.state() == QProcess::Running;
+  }
+
+  quint16 nfsPort;
+  quint16 controlPort;
+  std::string log;
+  QProcess process;
+};
+
+}  // namespace vt::test

@@ -1,0 +1,339 @@
+#include "Engine.h"
+
+#include <unistd.h>
+
+#include <QFile>
+#include <QHttpServerRequest>
+#include <QHttpServerResponse>
+#include <QTcpSocket>
+#include <QUrlQuery>
+#include <algorithm>
+#include <cstdio>
+
+#include "app/core/Logging.h"
+#include "platform/Clock.h"
+#include "platform/Json.h"
+#include "platform/SerialFileWriter.h"
+
+#ifndef VT_VERSION
+#define VT_VERSION "0.0.0"
+#endif
+
+namespace vtnfs {
+
+namespace {
+
+constexpr int64_t kProbeBytes = 1 << 20;  // the first and the last MiB
+
+bool splitAddress(const std::string& text, std::string& host, quint16& port) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) return false;
+  host = text.substr(0, colon);
+  bool ok = false;
+  const int p = QString::fromStdString(text.substr(colon + 1)).toInt(&ok);
+  if (!ok || p <= 0 || p > 65535) return false;
+  port = static_cast<quint16>(p);
+  return true;
+}
+
+QHttpServerResponse jsonReply(const vt::Json& j, QHttpServerResponse::StatusCode status = QHttpServerResponse::StatusCode::Ok) {
+  return QHttpServerResponse("application/json", QByteArray::fromStdString(vt::json::encode(j)), status);
+}
+
+std::vector<std::string> namesOf(const QHttpServerRequest& req) {
+  std::vector<std::string> names;
+  auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
+  if (!body || !body->is_object()) return names;
+  auto it = body->find("names");
+  if (it == body->end() || !it->is_array()) return names;
+  for (const auto& n : *it)
+    if (n.is_string()) names.push_back(n.get<std::string>());
+  return names;
+}
+
+}  // namespace
+
+std::optional<Options> parseArguments(const std::vector<std::string>& args, std::string& error) {
+  Options o;
+  std::map<std::string, std::string> values;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const auto& a = args[i];
+    if (a == "-config" || a == "-nfs" || a == "-control" || a == "-mount" || a == "-log") {
+      if (i + 1 >= args.size()) {
+        error = "missing value after " + a;
+        return std::nullopt;
+      }
+      values[a] = args[++i];
+    } else {
+      error = "unknown argument " + a;
+      return std::nullopt;
+    }
+  }
+  for (const char* required : {"-config", "-nfs", "-control", "-mount", "-log"}) {
+    if (!values.count(required)) {
+      error = std::string("missing ") + required;
+      return std::nullopt;
+    }
+  }
+  o.config = values["-config"];
+  o.mount = values["-mount"];
+  o.log = values["-log"];
+  if (!splitAddress(values["-nfs"], o.nfsHost, o.nfsPort)) {
+    error = "bad -nfs address " + values["-nfs"];
+    return std::nullopt;
+  }
+  if (!splitAddress(values["-control"], o.controlHost, o.controlPort)) {
+    error = "bad -control address " + values["-control"];
+    return std::nullopt;
+  }
+  return o;
+}
+
+Engine::Engine(Options options)
+    : options_(std::move(options)), http_(vt::systemClock(), vt::HttpClient::Session::ephemeral) {}
+
+Engine::~Engine() { warmer_.cancel(); }
+
+void Engine::log(const std::string& line) {
+  const auto text = vt::logStamp(vt::wallClockNow()) + " " + vt::redact(line) + "\n";
+  if (std::FILE* f = std::fopen(options_.log.c_str(), "a")) {
+    std::fputs(text.c_str(), f);
+    std::fclose(f);
+  }
+}
+
+bool Engine::start(std::string& error) {
+  if (!nfs_.listen(QHostAddress(QString::fromStdString(options_.nfsHost)), options_.nfsPort)) {
+    error = "cannot listen for NFS on " + options_.nfsHost + ":" + std::to_string(options_.nfsPort) + ": " +
+            nfs_.errorString().toStdString();
+    return false;
+  }
+  // NFS is served by a later stage of this engine; the port is held.
+  QObject::connect(&nfs_, &QTcpServer::newConnection, &nfs_, [this] {
+    while (auto* socket = nfs_.nextPendingConnection()) {
+      socket->close();
+      socket->deleteLater();
+    }
+  });
+  routes();
+  if (control_.listen(QHostAddress(QString::fromStdString(options_.controlHost)), options_.controlPort) == 0) {
+    error = "cannot listen for control on " + options_.controlHost + ":" + std::to_string(options_.controlPort);
+    return false;
+  }
+  reload();
+  log("vtnfs " VT_VERSION " serving " + std::to_string(entries_.size()) + " entries (pid " +
+      std::to_string(::getpid()) + ")");
+  warmer_ = vt::Job::start([this](vt::CancelToken token) { return warmLoop(token); });
+  return true;
+}
+
+bool Engine::inUse(const std::string& name) const { return playback_ && boosted_.count(name) > 0; }
+
+int Engine::reload() {
+  auto text = vt::readFile(options_.config);
+  auto manifest = text ? vt::decodeEngineConfig(*text) : std::nullopt;
+  if (!manifest) {
+    log("manifest " + options_.config + " could not be read; keeping " + std::to_string(entries_.size()) + " entries");
+    return 0;
+  }
+  int deferred = 0;
+  std::map<std::string, EntryState> next;
+  for (auto& e : *manifest) {
+    auto old = entries_.find(e.name);
+    if (old != entries_.end()) {
+      if (old->second.entry == e) {
+        next[e.name] = old->second;
+        continue;
+      }
+      if (inUse(e.name)) {
+        ++deferred;
+        next[e.name] = old->second;
+        continue;
+      }
+      // A new source means what was learnt of the old one no longer holds.
+      const bool sameSource = old->second.entry.url == e.url && old->second.entry.local == e.local &&
+                              old->second.entry.resolve_url == e.resolve_url;
+      EntryState s = sameSource ? old->second : EntryState{};
+      s.entry = e;
+      next[e.name] = std::move(s);
+      continue;
+    }
+    EntryState s;
+    s.entry = e;
+    next[e.name] = std::move(s);
+  }
+  for (auto& [name, state] : entries_) {
+    if (!next.count(name) && inUse(name)) {
+      ++deferred;
+      next[name] = state;
+    }
+  }
+  entries_ = std::move(next);
+  for (const auto& [name, s] : entries_) expected_.erase(name);
+  return deferred;
+}
+
+void Engine::queueWarm(const std::vector<std::string>& names) {
+  for (const auto& n : names)
+    if (entries_.count(n) && std::find(warmQueue_.begin(), warmQueue_.end(), n) == warmQueue_.end())
+      warmQueue_.push_back(n);
+  warmWake_.fire();
+}
+
+QCoro::Task<> Engine::warmLoop(vt::CancelToken token) {
+  while (!token.isCancelled()) {
+    if (warmQueue_.empty()) {
+      warmWake_ = vt::Completion();
+      if (!co_await warmWake_.wait(token)) co_return;
+      continue;
+    }
+    // Playback comes first: background warming holds back while it lasts.
+    if (playback_) {
+      if (!co_await vt::systemClock().sleep(1, token)) co_return;
+      continue;
+    }
+    const auto name = warmQueue_.front();
+    warmQueue_.erase(warmQueue_.begin());
+    co_await warmOne(name);
+  }
+}
+
+QCoro::Task<bool> Engine::warmOne(const std::string& name) {
+  auto it = entries_.find(name);
+  if (it == entries_.end() || it->second.warming) co_return false;
+  it->second.warming = true;
+  const auto entry = it->second.entry;
+  std::optional<int64_t> size;
+  bool ok = false;
+
+  if (!entry.local.empty()) {
+    QFile file(QString::fromStdString(entry.local));
+    if (file.open(QIODevice::ReadOnly)) {
+      const int64_t total = file.size();
+      const QByteArray head = file.read(std::min(total, kProbeBytes));
+      file.seek(std::max<int64_t>(0, total - kProbeBytes));
+      const QByteArray tail = file.read(kProbeBytes);
+      ok = head.size() == std::min(total, kProbeBytes) && tail.size() == std::min(total, kProbeBytes);
+      if (ok) size = total;
+    }
+  } else {
+    const std::string source = !entry.url.empty() ? entry.url : entry.resolve_url;
+    if (!source.empty()) {
+      const QUrl url(QString::fromStdString(source));
+      auto head = co_await http_.getRange(url, 0, kProbeBytes - 1, 30);
+      std::optional<int64_t> total;
+      if (head.status == 206) {
+        if (auto cr = head.header("Content-Range")) {
+          const auto slash = cr->lastIndexOf('/');
+          bool parsed = false;
+          const auto n = cr->mid(slash + 1).toLongLong(&parsed);
+          if (slash >= 0 && parsed) total = n;
+        }
+      } else if (head.status == 200) {
+        total = head.body.size();
+      }
+      if (total) {
+        if (*total <= kProbeBytes) {
+          ok = true;
+        } else {
+          auto tail = co_await http_.getRange(url, *total - kProbeBytes, std::nullopt, 30);
+          ok = tail.status == 206 && tail.body.size() == kProbeBytes;
+        }
+        if (ok) size = total;
+      }
+    }
+  }
+
+  it = entries_.find(name);  // the manifest may have changed meanwhile
+  if (it == entries_.end() || !(it->second.entry == entry)) co_return false;
+  it->second.warming = false;
+  if (ok) {
+    it->second.size = size;
+    it->second.warmed = true;
+    it->second.probeReady = true;
+  } else {
+    log("warming " + name + " failed");
+  }
+  co_return ok;
+}
+
+void Engine::routes() {
+  using Method = QHttpServerRequest::Method;
+  control_.route("/healthz", Method::Get, [] { return QHttpServerResponse("text/plain", "ok"); });
+
+  control_.route("/status", Method::Get, [this] {
+    vt::EngineStatusPayload p;
+    for (const auto& [name, s] : entries_) {
+      vt::EngineStatusEntry e;
+      e.name = name;
+      e.size = s.size.value_or(s.entry.size);
+      e.size_verified = s.size.has_value() || s.entry.size_verified;
+      e.warmed = s.warmed;
+      e.probe_ready = s.probeReady;
+      e.bytes_served = s.bytesServed;
+      p.entries.push_back(std::move(e));
+    }
+    return QHttpServerResponse("application/json", QByteArray::fromStdString(vt::encodeEngineStatus(p)));
+  });
+
+  control_.route("/control/adopt", Method::Post, [this](const QHttpServerRequest& req) {
+    auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
+    if (body && body->is_object() && body->contains("pid") && (*body)["pid"].is_number_integer())
+      log("adopted by application pid " + std::to_string((*body)["pid"].get<int64_t>()));
+    vt::Json reply;
+    reply["pid"] = static_cast<int>(::getpid());
+    reply["version"] = VT_VERSION;
+    reply["rd_key_sha256"] = vt::EngineStatusClient::keyHash(options_.rdKey);
+    return jsonReply(reply);
+  });
+
+  control_.route("/control/reload", Method::Post, [this] {
+    const int deferred = reload();
+    log("reloaded manifest: " + std::to_string(entries_.size()) + " entries, " + std::to_string(deferred) +
+        " deferred");
+    vt::Json reply;
+    reply["deferred"] = deferred;
+    return jsonReply(reply);
+  });
+
+  control_.route("/control/warm-pending", Method::Post, [this](const QHttpServerRequest& req) {
+    queueWarm(namesOf(req));
+    return jsonReply(vt::Json::object());
+  });
+  control_.route("/control/prewarm", Method::Post, [this](const QHttpServerRequest& req) {
+    queueWarm(namesOf(req));
+    return jsonReply(vt::Json::object());
+  });
+  control_.route("/control/boost", Method::Post, [this](const QHttpServerRequest& req) {
+    for (auto& n : namesOf(req)) boosted_.insert(n);
+    return jsonReply(vt::Json::object());
+  });
+  control_.route("/control/touch", Method::Post, [this](const QHttpServerRequest& req) {
+    for (auto& n : namesOf(req)) boosted_.insert(n);
+    return jsonReply(vt::Json::object());
+  });
+  control_.route("/control/expect", Method::Post, [this](const QHttpServerRequest& req) {
+    const QUrlQuery query(req.url());
+    bool ok = false;
+    const double ttl = query.queryItemValue("ttl").toDouble(&ok);
+    for (const auto& n : query.allQueryItemValues("name", QUrl::FullyDecoded))
+      expected_[n.toStdString()] = vt::wallClockNow() + (ok ? ttl : 120);
+    return jsonReply(vt::Json::object());
+  });
+  control_.route("/control/budget", Method::Post, [this](const QHttpServerRequest& req) {
+    auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
+    if (body && body->is_object() && body->contains("cache_gb") && (*body)["cache_gb"].is_number())
+      budgetGB_ = (*body)["cache_gb"].get<double>();
+    return jsonReply(vt::Json::object());
+  });
+  control_.route("/control/playback", Method::Post, [this](const QHttpServerRequest& req) {
+    auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
+    if (body && body->is_object() && body->contains("active") && (*body)["active"].is_boolean()) {
+      playback_ = (*body)["active"].get<bool>();
+      if (!playback_) boosted_.clear();
+    }
+    return jsonReply(vt::Json::object());
+  });
+}
+
+}  // namespace vtnfs

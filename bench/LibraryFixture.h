@@ -2,7 +2,9 @@
 
 // A generated library of 100,000 titles, films and episodes mixed, with a few
 // duplicates, shared by the benchmarks.
+#include <QCoreApplication>
 #include <QTemporaryDir>
+#include <benchmark/benchmark.h>
 #include <string>
 
 #include "app/core/LibraryStore.h"
@@ -56,3 +58,15 @@ inline Generated& generated() {
 }
 
 }  // namespace vt::bench
+
+// main() of a benchmark over the generated library: an application object for
+// the event loop, and the library generated before any timing starts.
+#define VT_LIBRARY_BENCHMARK_MAIN()      \
+  int main(int argc, char** argv) {      \
+    QCoreApplication app(argc, argv);    \
+    benchmark::Initialize(&argc, argv);  \
+    vt::bench::generated();              \
+    benchmark::RunSpecifiedBenchmarks(); \
+    benchmark::Shutdown();               \
+    return 0;                            \
+  }

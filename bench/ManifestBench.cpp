@@ -25,7 +25,8 @@ void BM_BuildEncodeFingerprint(benchmark::State& state) {
   size_t bytes = 0;
   size_t entries = 0;
   for (auto _ : state) {
-    auto built = buildEntries(store, [](const LibraryTitle& t) { return t.size % 7 == 0; }, true);
+    auto built = buildEntries(
+        store, [](const LibraryTitle& t) { return t.size % 7 == 0; }, true);
     const auto moviePrints = fingerprints(built.movie);
     const auto tvPrints = fingerprints(built.tv);
     const auto movieText = encodeEngineConfig(built.movie);
@@ -42,11 +43,4 @@ BENCHMARK(BM_BuildEncodeFingerprint)->Unit(benchmark::kMillisecond)->Iterations(
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  QCoreApplication app(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  generated();
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+VT_LIBRARY_BENCHMARK_MAIN()

@@ -9,8 +9,8 @@
 
 namespace vt {
 
-BridgeViewModel::BridgeViewModel(AppConfig& config, Clock& clock, PlexAccessFactory plexAccess,
-                                 PlexDiscovery discovery, std::function<void(const std::string&)> console)
+BridgeViewModel::BridgeViewModel(AppConfig& config, Clock& clock, PlexAccessFactory plexAccess, PlexDiscovery discovery,
+                                 std::function<void(const std::string&)> console)
     : config_(config),
       clock_(clock),
       plexAccess_(std::move(plexAccess)),

@@ -22,7 +22,8 @@ QCoro::Task<> AbsentEngineSupervisor::start() {
 VantoryApp::VantoryApp(AppWiring wiring)
     : wiring_(std::move(wiring)), clock_(wiring_.clock ? *wiring_.clock : systemClock()) {
   // 1. The shared HTTP cache: 48 MB in memory, 200 MB on disk.
-  if (wiring_.installHttpCache) installSharedHttpCache(48'000'000, 200'000'000, QString::fromStdString(wiring_.paths.httpCacheDirectory));
+  if (wiring_.installHttpCache)
+    installSharedHttpCache(48'000'000, 200'000'000, QString::fromStdString(wiring_.paths.httpCacheDirectory));
 
   // 2. Settings.
   settings_ = wiring_.paths.isTestHome() ? SettingsStore::openForTestHome(*wiring_.paths.homeOverride)
@@ -45,8 +46,8 @@ VantoryApp::VantoryApp(AppWiring wiring)
   if (!catalog_) catalog_ = std::make_unique<AbsentCatalog>();
 
   // 7. The server connection state.
-  viewModel_ = std::make_unique<BridgeViewModel>(*config_, clock_, wiring_.plexAccess, wiring_.plexDiscovery,
-                                                 wiring_.console);
+  viewModel_ =
+      std::make_unique<BridgeViewModel>(*config_, clock_, wiring_.plexAccess, wiring_.plexDiscovery, wiring_.console);
   viewModel_->setEngine(engine_.get());
 
   // 8. The connect gate. The watch-now service and the poster actions plug

@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
       std::printf("[Vantory] already running; asked it to come forward\n");
       return 0;
     }
-    instance = std::make_unique<vt::SingleInstance>(name, [] { vt::logLine("[Vantory] another launch asked for the window"); });
+    instance = std::make_unique<vt::SingleInstance>(
+        name, [] { vt::logLine("[Vantory] another launch asked for the window"); });
   }
 
   // Every log line goes, redacted, to logs/vantory.log; headless, to standard output too.

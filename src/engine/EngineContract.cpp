@@ -168,16 +168,6 @@ QUrl join(const QUrl& base, const char* path) {
   return url;
 }
 
-HttpRequest jsonPost(QUrl url, const Json& body, double timeout) {
-  HttpRequest r;
-  r.url = std::move(url);
-  r.method = "POST";
-  r.headers.emplace_back("Content-Type", "application/json");
-  r.body = QByteArray::fromStdString(json::encode(body));
-  r.timeoutSeconds = timeout;
-  return r;
-}
-
 Json sortedNames(std::vector<std::string> names) {
   std::sort(names.begin(), names.end());
   Json arr = Json::array();
@@ -194,7 +184,7 @@ std::string_view bodyView(const HttpResponse& r) {
 QCoro::Task<bool> EngineStatusClient::healthz(std::optional<QUrl> controlURL) const {
   if (!controlURL) co_return false;
   auto r = co_await http_.get(join(*controlURL, "healthz"), kHealthTimeout);
-  co_return r.failure == HttpFailure::none && r.status == 200;
+  co_return r.failure == HttpFailure::none&& r.status == 200;
 }
 
 QCoro::Task<std::optional<EngineAdoption>> EngineStatusClient::adopt(std::optional<QUrl> controlURL,
@@ -202,8 +192,7 @@ QCoro::Task<std::optional<EngineAdoption>> EngineStatusClient::adopt(std::option
   if (!controlURL) co_return std::nullopt;
   Json body;
   body["pid"] = pid;
-  auto request = jsonPost(join(*controlURL, "control/adopt"), body, kAdoptTimeout);
-  auto r = co_await http_.send(std::move(request));
+  auto r = co_await http_.postJson(join(*controlURL, "control/adopt"), body, kAdoptTimeout);
   if (r.failure != HttpFailure::none || r.status != 200) co_return std::nullopt;
   co_return decodeEngineAdoption(bodyView(r));
 }
@@ -226,7 +215,8 @@ QCoro::Task<EngineStatusClient::ReloadReply> EngineStatusClient::reload(std::opt
   if (r.failure != HttpFailure::none) co_return reply;
   reply.answered = true;
   if (auto doc = json::parse(bodyView(r)); doc && doc->is_object()) {
-    if (auto it = doc->find("deferred"); it != doc->end() && it->is_number_integer()) reply.deferred = it->get<int64_t>();
+    if (auto it = doc->find("deferred"); it != doc->end() && it->is_number_integer())
+      reply.deferred = it->get<int64_t>();
   }
   co_return reply;
 }
@@ -236,8 +226,7 @@ QCoro::Task<> EngineStatusClient::postNames(std::optional<QUrl> controlURL, cons
   if (!controlURL || names.empty()) co_return;
   Json body;
   body["names"] = sortedNames(std::move(names));
-  auto request = jsonPost(join(*controlURL, path), body, kHintTimeout);
-  co_await http_.send(std::move(request));
+  co_await http_.postJson(join(*controlURL, path), body, kHintTimeout);
 }
 
 QCoro::Task<> EngineStatusClient::warmPending(std::optional<QUrl> controlURL, std::vector<std::string> names) const {
@@ -260,8 +249,7 @@ QCoro::Task<> EngineStatusClient::prewarm(std::optional<QUrl> controlURL, std::v
   Json r = Json::object();
   for (const auto& [name, fraction] : resume) r[name] = fraction;  // std::map: ascending
   body["resume"] = r;
-  auto request = jsonPost(join(*controlURL, "control/prewarm"), body, kHintTimeout);
-  co_await http_.send(std::move(request));
+  co_await http_.postJson(join(*controlURL, "control/prewarm"), body, kHintTimeout);
 }
 
 QCoro::Task<> EngineStatusClient::expect(std::optional<QUrl> controlURL, std::vector<std::string> names,
@@ -284,16 +272,14 @@ QCoro::Task<> EngineStatusClient::setBudget(std::optional<QUrl> controlURL, doub
   if (!controlURL) co_return;
   Json body;
   body["cache_gb"] = gigabytes;
-  auto request = jsonPost(join(*controlURL, "control/budget"), body, kHintTimeout);
-  co_await http_.send(std::move(request));
+  co_await http_.postJson(join(*controlURL, "control/budget"), body, kHintTimeout);
 }
 
 QCoro::Task<> EngineStatusClient::setPlayback(std::optional<QUrl> controlURL, bool active) const {
   if (!controlURL) co_return;
   Json body;
   body["active"] = active;
-  auto request = jsonPost(join(*controlURL, "control/playback"), body, kHintTimeout);
-  co_await http_.send(std::move(request));
+  co_await http_.postJson(join(*controlURL, "control/playback"), body, kHintTimeout);
 }
 
 }  // namespace vt

@@ -22,8 +22,8 @@ enum class EngineKind { movie, tv };
 // Everything fixed per instance: where it listens, its files, its log label.
 struct EngineInstancePaths {
   EngineKind kind;
-  std::string label;          // "[supervisor]" or "[tv-supervisor]"
-  std::string nfsAddress;     // "127.0.0.1:12049" / "127.0.0.1:12051"
+  std::string label;       // "[supervisor]" or "[tv-supervisor]"
+  std::string nfsAddress;  // "127.0.0.1:12049" / "127.0.0.1:12051"
   std::optional<QUrl> controlURL;
   std::string controlAddress;  // host:port the engine listens on
   std::string mountPoint;

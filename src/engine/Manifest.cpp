@@ -93,7 +93,8 @@ void canonicalRows(const std::vector<EngineEntry>& entries, Sink&& sink) {
   std::vector<const EngineEntry*> sorted;
   sorted.reserve(entries.size());
   for (const auto& e : entries) sorted.push_back(&e);
-  std::stable_sort(sorted.begin(), sorted.end(), [](const EngineEntry* a, const EngineEntry* b) { return a->name < b->name; });
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](const EngineEntry* a, const EngineEntry* b) { return a->name < b->name; });
   std::string row;
   char num[24];
   auto field = [&](std::string_view v) {

@@ -42,8 +42,8 @@ bool writeManifest(const std::string& path, const std::string& bytes, std::strin
 
 }  // namespace
 
-ManifestPublisher::ManifestPublisher(LibraryStore& library, AppConfig& config, Clock& clock,
-                                     EngineStatusClient& client, EngineInstanceState& movie, Hooks hooks)
+ManifestPublisher::ManifestPublisher(LibraryStore& library, AppConfig& config, Clock& clock, EngineStatusClient& client,
+                                     EngineInstanceState& movie, Hooks hooks)
     : library_(library), config_(config), clock_(clock), client_(client), movie_(movie), hooks_(std::move(hooks)) {}
 
 ManifestPublisher::~ManifestPublisher() {

@@ -8,12 +8,12 @@ namespace vt {
 // Each can be replaced through the environment variable named beside it, and
 // tests always point them at local servers on 127.0.0.1.
 struct Endpoints {
-  std::string realDebridWebHost = "real-debrid.com";            // VT_ENDPOINT_RD_WEB_HOST
-  std::string realDebridApi = "https://api.real-debrid.com";    // VT_ENDPOINT_RD_API
-  std::string posterImages = "https://images.metahub.space";    // VT_ENDPOINT_POSTERS
-  std::string cinemeta = "https://v3-cinemeta.strem.io";        // VT_ENDPOINT_CINEMETA
-  std::string plexAccount = "https://plex.tv/api/v2";           // VT_ENDPOINT_PLEX_ACCOUNT
-  std::string plexWebApp = "https://app.plex.tv";               // VT_ENDPOINT_PLEX_WEB
+  std::string realDebridWebHost = "real-debrid.com";               // VT_ENDPOINT_RD_WEB_HOST
+  std::string realDebridApi = "https://api.real-debrid.com";       // VT_ENDPOINT_RD_API
+  std::string posterImages = "https://images.metahub.space";       // VT_ENDPOINT_POSTERS
+  std::string cinemeta = "https://v3-cinemeta.strem.io";           // VT_ENDPOINT_CINEMETA
+  std::string plexAccount = "https://plex.tv/api/v2";              // VT_ENDPOINT_PLEX_ACCOUNT
+  std::string plexWebApp = "https://app.plex.tv";                  // VT_ENDPOINT_PLEX_WEB
   std::string plexDiscover = "https://discover.provider.plex.tv";  // VT_ENDPOINT_PLEX_DISCOVER
 
   static Endpoints fromEnvironment();

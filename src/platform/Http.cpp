@@ -64,9 +64,9 @@ QCoro::Task<HttpResponse> HttpClient::send(HttpRequest request, CancelToken toke
     co_return response;
   }
   QNetworkRequest req(request.url);
-  req.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                   request.followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy
-                                           : QNetworkRequest::ManualRedirectPolicy);
+  req.setAttribute(QNetworkRequest::RedirectPolicyAttribute, request.followRedirects
+                                                                 ? QNetworkRequest::NoLessSafeRedirectPolicy
+                                                                 : QNetworkRequest::ManualRedirectPolicy);
   req.setTransferTimeout(0);  // the clock below owns the time limit
   for (const auto& [k, v] : request.headers) req.setRawHeader(k, v);
   // A body-less POST or PUT still says what it carries.
@@ -164,8 +164,7 @@ QCoro::Task<HttpResponse> HttpClient::getRange(QUrl url, int64_t first, std::opt
   co_return co_await send(std::move(r), std::move(token));
 }
 
-QCoro::Task<HttpResponse> HttpClient::postJson(QUrl url, const Json& body, double timeoutSeconds,
-                                               CancelToken token) {
+QCoro::Task<HttpResponse> HttpClient::postJson(QUrl url, const Json& body, double timeoutSeconds, CancelToken token) {
   HttpRequest r;
   r.url = std::move(url);
   r.method = "POST";

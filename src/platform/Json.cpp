@@ -8,8 +8,6 @@ std::optional<Json> parse(std::string_view text) {
   return value;
 }
 
-std::string encode(const Json& value) {
-  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
+std::string encode(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
 }  // namespace vt::json

@@ -27,14 +27,15 @@ QCoro::Task<CommandResult> runCommand(QString program, QStringList arguments,
   // Queued: the job resumes (and deletes the QProcess) outside its signal emission.
   QObject::connect(
       process.get(), &QProcess::finished, process.get(), [ended] { ended.fire(); }, Qt::QueuedConnection);
-  QObject::connect(process.get(), &QProcess::errorOccurred, process.get(),
-                   [ended, &failedToStart](QProcess::ProcessError error) {
-                     if (error == QProcess::FailedToStart) {
-                       failedToStart = true;
-                       ended.fire();
-                     }
-                   },
-                   Qt::QueuedConnection);
+  QObject::connect(
+      process.get(), &QProcess::errorOccurred, process.get(),
+      [ended, &failedToStart](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart) {
+          failedToStart = true;
+          ended.fire();
+        }
+      },
+      Qt::QueuedConnection);
   const auto cb = token.onCancel([p = process.get()] {
     if (p->state() != QProcess::NotRunning) p->kill();
   });

@@ -8,10 +8,14 @@ namespace vt {
 
 std::string PMSError::description() const {
   switch (kind) {
-    case Kind::badStatus: return "PMS returned HTTP " + std::to_string(status);
-    case Kind::noToken: return "No Plex token configured";
-    case Kind::transport: return detail.empty() ? std::string("The Plex server could not be reached.") : detail;
-    case Kind::undecodable: return "The Plex server's reply could not be read.";
+    case Kind::badStatus:
+      return "PMS returned HTTP " + std::to_string(status);
+    case Kind::noToken:
+      return "No Plex token configured";
+    case Kind::transport:
+      return detail.empty() ? std::string("The Plex server could not be reached.") : detail;
+    case Kind::undecodable:
+      return "The Plex server's reply could not be read.";
   }
   return detail;
 }
@@ -233,7 +237,7 @@ QCoro::Task<PMSResult<QByteArray>> PMSClient::postQuery(std::string path, Query 
 }
 
 // Forwards a failure of another result type.
-#define VT_PMS_TRY(result, Type)                                            \
+#define VT_PMS_TRY(result, Type) \
   if (!(result).ok()) co_return PMSResult<Type>::failure(*(result).error);
 
 QCoro::Task<PMSResult<std::pair<std::string, std::optional<std::string>>>> PMSClient::machineInfo() const {
@@ -300,7 +304,8 @@ QCoro::Task<PMSResult<Done>> PMSClient::refreshSection(std::string location) con
   auto section = co_await sectionForLocation(location);
   VT_PMS_TRY(section, Done);
   if (!*section.value) co_return PMSResult<Done>{Done{}, std::nullopt};
-  auto r = co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/refresh", Query(), kReadTimeout);
+  auto r =
+      co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/refresh", Query(), kReadTimeout);
   VT_PMS_TRY(r, Done);
   co_return PMSResult<Done>{Done{}, std::nullopt};
 }
@@ -312,8 +317,8 @@ QCoro::Task<PMSResult<std::vector<PlexItem>>> PMSClient::sectionItems(std::strin
   if (!*section.value) co_return PMSResult<R>{R{}, std::nullopt};
   Query q;
   if ((*section.value)->type == "show") q.emplace_back("type", "4");
-  auto r = co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q),
-                                kReadTimeout);
+  auto r =
+      co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q), kReadTimeout);
   VT_PMS_TRY(r, R);
   co_return PMSResult<R>{decodeSectionItems(*r.value).value_or(R{}), std::nullopt};
 }
@@ -365,7 +370,8 @@ QCoro::Task<PMSResult<Done>> PMSClient::refreshItem(std::string file, std::strin
   VT_PMS_TRY(index, Done);
   auto it = index.value->find(lastPathComponent(file));
   if (it == index.value->end() || !it->second.ratingKey) co_return PMSResult<Done>{Done{}, std::nullopt};
-  auto r = co_await httpRequest("GET", "/library/metadata/" + *it->second.ratingKey + "/refresh", Query(), kReadTimeout);
+  auto r =
+      co_await httpRequest("GET", "/library/metadata/" + *it->second.ratingKey + "/refresh", Query(), kReadTimeout);
   VT_PMS_TRY(r, Done);
   co_return PMSResult<Done>{Done{}, std::nullopt};
 }
@@ -463,12 +469,11 @@ QCoro::Task<PMSResult<std::optional<std::string>>> PMSClient::createSmartCollect
     std::string title, std::string labelId, std::string sectionKey, std::string machineIdentifier) const {
   using R = std::optional<std::string>;
   if (token_.empty()) co_return PMSResult<R>::failure({PMSError::Kind::noToken});
-  const std::string inner = "/library/sections/" + sectionKey + "/all?type=1&label=" + labelId +
-                            "&sort=addedAt%3Adesc";
+  const std::string inner = "/library/sections/" + sectionKey + "/all?type=1&label=" + labelId + "&sort=addedAt%3Adesc";
   const std::string uri = "server://" + machineIdentifier + "/com.plexapp.plugins.library" + inner;
-  const std::string query = "type=1&title=" + percentEncodeStrict(title) + "&smart=1&sectionId=" +
-                            percentEncodeStrict(sectionKey) + "&uri=" + percentEncodeStrict(uri) +
-                            "&X-Plex-Token=" + percentEncodeStrict(token_);
+  const std::string query = "type=1&title=" + percentEncodeStrict(title) +
+                            "&smart=1&sectionId=" + percentEncodeStrict(sectionKey) +
+                            "&uri=" + percentEncodeStrict(uri) + "&X-Plex-Token=" + percentEncodeStrict(token_);
   QUrl url = urlFor("/library/collections");
   url.setQuery(QString::fromStdString(query), QUrl::StrictMode);
   auto r = co_await send("POST", std::move(url), kWriteTimeout);
@@ -503,7 +508,7 @@ QCoro::Task<PMSResult<Done>> PMSClient::deleteCollectionNamed(std::string title,
 }
 
 QCoro::Task<PMSResult<std::vector<std::string>>> PMSClient::itemsWithoutDuration(std::string location,
-                                                                                Date before) const {
+                                                                                 Date before) const {
   using R = std::vector<std::string>;
   auto items = co_await sectionItems(std::move(location));
   VT_PMS_TRY(items, R);
@@ -524,8 +529,8 @@ QCoro::Task<PMSResult<std::set<std::string>>> PMSClient::showKeys(std::string lo
   VT_PMS_TRY(section, R);
   if (!*section.value || (*section.value)->type != "show") co_return PMSResult<R>{R{}, std::nullopt};
   Query q = {{"type", "2"}};
-  auto r = co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q),
-                                kReadTimeout);
+  auto r =
+      co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q), kReadTimeout);
   VT_PMS_TRY(r, R);
   R keys;
   for (const auto& item : decodeSectionItems(*r.value).value_or(std::vector<PlexItem>{}))
@@ -539,8 +544,8 @@ QCoro::Task<PMSResult<std::map<std::string, std::string>>> PMSClient::episodeSho
   VT_PMS_TRY(section, R);
   if (!*section.value || (*section.value)->type != "show") co_return PMSResult<R>{R{}, std::nullopt};
   Query q = {{"type", "4"}};
-  auto r = co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q),
-                                kReadTimeout);
+  auto r =
+      co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q), kReadTimeout);
   VT_PMS_TRY(r, R);
   R map;
   for (const auto& item : decodeSectionItems(*r.value).value_or(std::vector<PlexItem>{}))

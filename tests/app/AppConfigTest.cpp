@@ -146,7 +146,8 @@ TEST(AppConfig, DerivedAddressesAndImageUrls) {
 
   c.setToken("tok");
   EXPECT_EQ(c.imageURL("/library/metadata/5/thumb/1", 200, 300, true)->toString(),
-            "http://127.0.0.1:32400/photo/:/transcode?width=200&height=300&minSize=1&url=/library/metadata/5/thumb/1&X-Plex-Token=tok");
+            "http://127.0.0.1:32400/photo/:/transcode?width=200&height=300&minSize=1&url=/library/metadata/5/thumb/"
+            "1&X-Plex-Token=tok");
   EXPECT_EQ(c.imageURL("/library/metadata/5/thumb/1", 0, 0, false)->toString(),
             "http://127.0.0.1:32400/library/metadata/5/thumb/1?X-Plex-Token=tok");
   c.setPmsURLString("::bad");

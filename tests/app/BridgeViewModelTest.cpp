@@ -55,9 +55,7 @@ struct Rig {
   int discoveries = 0;
   std::optional<DiscoveredServer> discovered = DiscoveredServer{"http://10.0.0.9:32400", "Den"};
   std::vector<std::string> console;
-  BridgeViewModel vm{config,
-                     clock,
-                     [this](const AppConfig&) { return std::make_unique<ScriptedPlex>(plex); },
+  BridgeViewModel vm{config, clock, [this](const AppConfig&) { return std::make_unique<ScriptedPlex>(plex); },
                      [this](std::string, std::string, std::optional<std::string>) -> QCoro::Task<DiscoveryOutcome> {
                        ++discoveries;
                        DiscoveryOutcome o;
@@ -67,9 +65,7 @@ struct Rig {
                      },
                      [this](const std::string& line) { console.push_back(line); }};
 
-  Rig() {
-    config.setToken("tok");
-  }
+  Rig() { config.setToken("tok"); }
   static PlexProbeFailure down() { return {std::nullopt, "Could not connect to the server."}; }
 };
 
@@ -159,7 +155,7 @@ TEST(BridgeViewModel, PendingFolderIsAnnouncedOnlyOnTheTransitionToReachable) {
   r.plex.probes = {std::nullopt};
   r.clock.advance(3);
   EXPECT_EQ(r.plex.calls, (std::vector<std::string>{"ensure Vantory /data/Library", "ensure Vantory /data/Library",
-                                                     "refresh /data/Library"}));
+                                                    "refresh /data/Library"}));
   EXPECT_EQ(r.config.pendingPlexSyncPath(), std::nullopt);
 }
 

@@ -106,7 +106,8 @@ TEST(LibraryStore, BadFilesStartEmptyAndAreLeftAlone) {
 
 TEST(LibraryStore, EncodesTheExactKeysInOrderAndIgnoresUnknownKeys) {
   Fixture f;
-  writeText(f.path, R"([{"extra":1,"name":"A (1999) {imdb-tt1}.mkv","url":"u","size":7,"source":"stremio","resolvedAt":1.5}])");
+  writeText(f.path,
+            R"([{"extra":1,"name":"A (1999) {imdb-tt1}.mkv","url":"u","size":7,"source":"stremio","resolvedAt":1.5}])");
   auto store = f.open();
   ASSERT_EQ(store->size(), 1u);
 
@@ -126,14 +127,15 @@ TEST(LibraryStore, EncodesTheExactKeysInOrderAndIgnoresUnknownKeys) {
   t.mirrorURLs = std::vector<std::string>{"http://m1", "http://m2"};
   store->upsert(t);
   store->waitForSaves();
-  EXPECT_EQ(f.file(),
-            R"([{"name":"A (1999) {imdb-tt1}.mkv","url":"u","size":7,"source":"stremio","resolvedAt":1.5},)"
-            R"({"name":"Film (1999) {imdb-tt0000001}.mkv","url":"http://cdn/a","size":1000,"sizeVerified":true,)"
-            R"("rdLink":"https://rd/l","resolveURL":"http://addon/r","source":"stremio","rdFilename":"Film.1999.2160p.mkv",)"
-            R"("subtitlePath":"/subs/a.srt","subtitleLang":"en","subtitleLang2":"fr","subtitleState":"synced",)"
-            R"("resolvedAt":786297600.25,"seriesImdbId":"tt5","season":1,"episode":2,)"
-            R"("altVersion":{"name":"Film (1999) {imdb-tt0000001} - 1080p.mkv","resolveURL":"http://addon/c",)"
-            R"("size":1610612736,"resolvedAt":3},"mirrorURLs":["http://m1","http://m2"]}])");
+  EXPECT_EQ(
+      f.file(),
+      R"([{"name":"A (1999) {imdb-tt1}.mkv","url":"u","size":7,"source":"stremio","resolvedAt":1.5},)"
+      R"({"name":"Film (1999) {imdb-tt0000001}.mkv","url":"http://cdn/a","size":1000,"sizeVerified":true,)"
+      R"("rdLink":"https://rd/l","resolveURL":"http://addon/r","source":"stremio","rdFilename":"Film.1999.2160p.mkv",)"
+      R"("subtitlePath":"/subs/a.srt","subtitleLang":"en","subtitleLang2":"fr","subtitleState":"synced",)"
+      R"("resolvedAt":786297600.25,"seriesImdbId":"tt5","season":1,"episode":2,)"
+      R"("altVersion":{"name":"Film (1999) {imdb-tt0000001} - 1080p.mkv","resolveURL":"http://addon/c",)"
+      R"("size":1610612736,"resolvedAt":3},"mirrorURLs":["http://m1","http://m2"]}])");
   auto back = f.open();
   ASSERT_EQ(back->size(), 2u);
   EXPECT_EQ(back->at(1), t) << "every field round-trips";
@@ -316,15 +318,28 @@ TEST(LibraryStore, NameScansAgreeWithTheIcuPatterns) {
   const Regex imdb(R"((?<=\{imdb-)tt\d+(?=\}))");
   const Regex marker(R"([sS](\d{2})[eE](\d{2})(?=\.[^./]+$))");
   std::vector<std::string> names = {
-      "A (1) {imdb-tt1}.mkv", "{imdb-{imdb-tt12}", "{imdb-tt12x} {imdb-tt3}", "{imdb-tt}", "{imdb-tt١٢}",
-      "{imdb-tt12٣}.mkv", "{imdb-TT1}", "x{imdb-tt0000001}/Season 01/x - s01e02.mkv", "{imdb-tt5}/x - s01e02.mkv\n",
-      "{imdb-tt5}/x - s01e02.", "{imdb-tt5}/x - s01e02.a.b", "{imdb-tt5}/s01e02.mkv/", "{imdb-tt5}/x-S99E00.ts",
-      "{imdb-tt5}/x - s01e0٢.mkv", "{imdb-tt5}/xs01e02.m", "{imdb-tt5}/s01e02", "{imdb-tt5}/ss01e022.mkv",
+      "A (1) {imdb-tt1}.mkv",
+      "{imdb-{imdb-tt12}",
+      "{imdb-tt12x} {imdb-tt3}",
+      "{imdb-tt}",
+      "{imdb-tt١٢}",
+      "{imdb-tt12٣}.mkv",
+      "{imdb-TT1}",
+      "x{imdb-tt0000001}/Season 01/x - s01e02.mkv",
+      "{imdb-tt5}/x - s01e02.mkv\n",
+      "{imdb-tt5}/x - s01e02.",
+      "{imdb-tt5}/x - s01e02.a.b",
+      "{imdb-tt5}/s01e02.mkv/",
+      "{imdb-tt5}/x-S99E00.ts",
+      "{imdb-tt5}/x - s01e0٢.mkv",
+      "{imdb-tt5}/xs01e02.m",
+      "{imdb-tt5}/s01e02",
+      "{imdb-tt5}/ss01e022.mkv",
   };
   // Random names built from the characters that matter.
   std::mt19937 rng(7);
-  const std::vector<std::string> parts = {"{imdb-", "tt", "1", "23", "}", "/", ".", "s", "S", "e", "E", "0",
-                                          "12", "mkv", "x", " ", "٣", "\xff"};
+  const std::vector<std::string> parts = {"{imdb-", "tt", "1", "23", "}",   "/", ".", "s", "S",
+                                          "e",      "E",  "0", "12", "mkv", "x", " ", "٣", "\xff"};
   for (int i = 0; i < 3000; ++i) {
     std::string n;
     const int len = 1 + static_cast<int>(rng() % 14);
@@ -341,7 +356,8 @@ TEST(LibraryStore, NameScansAgreeWithTheIcuPatterns) {
     if (auto m = marker.search(last)) {
       auto digits = [](const std::string& s) { return s.find_first_not_of("0123456789") == std::string::npos; };
       if (digits(*m->group(1)) && digits(*m->group(2)))
-        key = want->text() + ":" + std::to_string(std::stoi(*m->group(1))) + ":" + std::to_string(std::stoi(*m->group(2)));
+        key = want->text() + ":" + std::to_string(std::stoi(*m->group(1))) + ":" +
+              std::to_string(std::stoi(*m->group(2)));
     }
     EXPECT_EQ(episodeKeyOf(n), key) << n;
   }

@@ -32,8 +32,9 @@ TEST(Redact, HidesEverySecretKindInAnyCaseAndKeepsParameterNames) {
 
 TEST(Redact, SurvivesRandomAndTruncatedInput) {
   std::mt19937 rng(3);
-  const std::string seeds[] = {"?token=", "&apikey=", "realdebrid=", "real-debrid.com/d/", "comet.x/", "\xff",
-                               "\xc3", "é", "\n", "&", "=", "A1b2C3d4E5f6G7h8", "\"", " "};
+  const std::string seeds[] = {
+      "?token=", "&apikey=", "realdebrid=", "real-debrid.com/d/", "comet.x/", "\xff", "\xc3", "é",
+      "\n",      "&",        "=",           "A1b2C3d4E5f6G7h8",   "\"",       " "};
   for (int i = 0; i < 2000; ++i) {
     std::string s;
     const int n = static_cast<int>(rng() % 12);
@@ -75,7 +76,7 @@ TEST(LogFile, RotatesAtTheExactByteBoundaryAndKeepsTwoOldFiles) {
 
   // Three rotations in all: .2 holds the file of two rotations ago.
   log.write(std::string(LogFile::kMaxBytes - overhead, 'c'));  // rotation 2
-  log.write("second");                                          // rotation 3
+  log.write("second");                                         // rotation 3
   log.flush();
   EXPECT_EQ(read(log.fileURL()), logStamp(fixed) + " second\n");
   EXPECT_EQ(read(log.fileURL() + ".1").substr(20, 3), "ccc");
@@ -90,8 +91,9 @@ TEST(LogFile, NoSecretReachesTheFileThroughAnyWriter) {
   EngineLog engineLog(nullptr, false);
   const int sink = addLogSink([&](std::string_view line) { engineLog.append(line); });
 
-  const std::string secrets = "https://torrentio.strem.fun/realdebrid=RDKEY123/x?token=PLEXTOK&api_key=APIK "
-                              "https://real-debrid.com/d/DLCODE99 https://comet.host.io/LONGCOMETSEGMENT0123";
+  const std::string secrets =
+      "https://torrentio.strem.fun/realdebrid=RDKEY123/x?token=PLEXTOK&api_key=APIK "
+      "https://real-debrid.com/d/DLCODE99 https://comet.host.io/LONGCOMETSEGMENT0123";
   log.write("direct " + secrets);
   engineLog.append("engine " + secrets + "\nsecond line");
   logLine("[supervisor] " + secrets);

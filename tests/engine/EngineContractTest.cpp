@@ -38,8 +38,8 @@ struct SmallLibrary {
     auto uhd = title("Big (2020) {imdb-tt2}.mkv", "https://cdn/big", at);
     uhd.rdFilename = "Big.2020.2160p.WEB-DL.mkv";
     uhd.resolveURL = "https://addon/r/2";
-    uhd.altVersion = AltStreamVersion{"Big (2020) {imdb-tt2} - 1080p.mkv", "https://addon/r/2c", kPlaceholderSize,
-                                      true, std::nullopt};
+    uhd.altVersion = AltStreamVersion{"Big (2020) {imdb-tt2} - 1080p.mkv", "https://addon/r/2c", kPlaceholderSize, true,
+                                      std::nullopt};
     uhd.subtitlePath = "/subs/big.es.srt";
     uhd.subtitleLang = "es";
     store.upsert(uhd);
@@ -86,7 +86,8 @@ TEST(Manifest, ExactBytesForASmallLibrary) {
 
   // Without companion versions no companion entry is built; staging hides a
   // title with its companion and subtitle.
-  auto plain = buildEntries(lib.store, [](const LibraryTitle& t) { return t.name.starts_with("Big"); }, false);
+  auto plain = buildEntries(
+      lib.store, [](const LibraryTitle& t) { return t.name.starts_with("Big"); }, false);
   ASSERT_EQ(plain.movie.size(), 3u);
   EXPECT_FALSE(plain.movie[0].hidden);
   EXPECT_TRUE(plain.movie[1].hidden);
@@ -130,7 +131,12 @@ TEST(Manifest, FingerprintsFollowWhatTheyShouldAndNothingElse) {
   EXPECT_EQ(fingerprintText(mirrors), fingerprintText(base)) << "an empty list reads as none";
   mirrors[1].alt_sources = std::vector<EngineAltSource>{{"m1"}, {"m2"}};
   EXPECT_NE(fingerprints(mirrors).all, before.all);
-  EXPECT_EQ(fingerprintText({a}), "A/b.mkv\x1Fhttps://cdn/a\x1F" "0\x1F" "1\x1F\x1F\x1F\x1F" "false\x1F" "false\x1F");
+  EXPECT_EQ(fingerprintText({a}),
+            "A/b.mkv\x1Fhttps://cdn/a\x1F"
+            "0\x1F"
+            "1\x1F\x1F\x1F\x1F"
+            "false\x1F"
+            "false\x1F");
 }
 
 TEST(Manifest, TitlesWithoutUrlAndSubtitleNames) {

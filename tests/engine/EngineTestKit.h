@@ -28,10 +28,10 @@ class VtnfsProcess {
     env.insert("VT_RD_KEY", QString::fromStdString(rdKey));
     process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(VT_VTNFS_BINARY, {"-config", QString::fromStdString(manifest), "-nfs",
-                                    QStringLiteral("127.0.0.1:%1").arg(nfsPort), "-control",
-                                    QStringLiteral("127.0.0.1:%1").arg(controlPort), "-mount", "/tmp/unused-mount",
-                                    "-log", QString::fromStdString(logFile)});
+    process.start(VT_VTNFS_BINARY,
+                  {"-config", QString::fromStdString(manifest), "-nfs", QStringLiteral("127.0.0.1:%1").arg(nfsPort),
+                   "-control", QStringLiteral("127.0.0.1:%1").arg(controlPort), "-mount", "/tmp/unused-mount", "-log",
+                   QString::fromStdString(logFile)});
   }
   ~VtnfsProcess() {
     if (process.state() != QProcess::NotRunning) {
@@ -43,11 +43,11 @@ class VtnfsProcess {
   // Waits until the control port answers healthz.
   bool waitReady(EngineStatusClient& client) {
     return spinUntil(
-        [&] {
-          if (process.state() == QProcess::NotRunning) return true;
-          return runTask(client.healthz(controlURL()));
-        },
-        10000) &&
+               [&] {
+                 if (process.state() == QProcess::NotRunning) return true;
+                 return runTask(client.healthz(controlURL()));
+               },
+               10000) &&
            process.state() == QProcess::Running;
   }
 

@@ -43,7 +43,8 @@ TEST(Vtnfs, ServesStatusAdoptionAndReloadOverItsControlPort) {
   const auto manifest = home.file("entries.json");
   auto hidden = entry("Hidden (2000) {imdb-tt2}.mkv", "http://127.0.0.1:1/x");
   hidden.hidden = true;
-  ASSERT_TRUE(writeFileAtomically(manifest, encodeEngineConfig({entry("A (1999) {imdb-tt1}.mkv", "http://x/a"), hidden})));
+  ASSERT_TRUE(
+      writeFileAtomically(manifest, encodeEngineConfig({entry("A (1999) {imdb-tt1}.mkv", "http://x/a"), hidden})));
 
   EngineStatusClient client(sharedHttpClient());
   VtnfsProcess engine(manifest, home.file("engine.log"), "secret-key");
@@ -112,8 +113,8 @@ TEST(Vtnfs, WarmingReadsTheEndsOfLocalAndHttpSources) {
   const auto manifest = home.file("entries.json");
   auto missing = entry("Gone.mkv", "", home.file("nope.bin"));
   ASSERT_TRUE(writeFileAtomically(
-      manifest, encodeEngineConfig({entry("Local.mkv", "", local), entry("Http.mkv", cdn.url("/film.mkv").toString().toStdString()),
-                                    missing})));
+      manifest, encodeEngineConfig({entry("Local.mkv", "", local),
+                                    entry("Http.mkv", cdn.url("/film.mkv").toString().toStdString()), missing})));
 
   EngineStatusClient client(sharedHttpClient());
   VtnfsProcess engine(manifest, home.file("engine.log"));

@@ -48,14 +48,22 @@ FakeHttpServer::FakeHttpServer() {
     Request r;
     const auto methodName = [&] {
       switch (req.method()) {
-        case QHttpServerRequest::Method::Get: return QByteArray("GET");
-        case QHttpServerRequest::Method::Put: return QByteArray("PUT");
-        case QHttpServerRequest::Method::Delete: return QByteArray("DELETE");
-        case QHttpServerRequest::Method::Post: return QByteArray("POST");
-        case QHttpServerRequest::Method::Head: return QByteArray("HEAD");
-        case QHttpServerRequest::Method::Options: return QByteArray("OPTIONS");
-        case QHttpServerRequest::Method::Patch: return QByteArray("PATCH");
-        default: return QByteArray("OTHER");
+        case QHttpServerRequest::Method::Get:
+          return QByteArray("GET");
+        case QHttpServerRequest::Method::Put:
+          return QByteArray("PUT");
+        case QHttpServerRequest::Method::Delete:
+          return QByteArray("DELETE");
+        case QHttpServerRequest::Method::Post:
+          return QByteArray("POST");
+        case QHttpServerRequest::Method::Head:
+          return QByteArray("HEAD");
+        case QHttpServerRequest::Method::Options:
+          return QByteArray("OPTIONS");
+        case QHttpServerRequest::Method::Patch:
+          return QByteArray("PATCH");
+        default:
+          return QByteArray("OTHER");
       }
     };
     r.method = methodName();
@@ -106,8 +114,8 @@ std::vector<FakeHttpServer::Request> FakeHttpServer::requestsTo(const QString& p
 
 void FakeHttpServer::dispatch(const Request& request, Reply& reply) {
   for (auto it = routes_.rbegin(); it != routes_.rend(); ++it) {
-    const bool methodOk = it->method == "*" || it->method == request.method ||
-                          (request.method == "HEAD" && it->method == "GET");
+    const bool methodOk =
+        it->method == "*" || it->method == request.method || (request.method == "HEAD" && it->method == "GET");
     const bool pathOk = it->prefix ? request.path.startsWith(it->path) : request.path == it->path;
     if (methodOk && pathOk) {
       it->handler(request, reply);

@@ -25,8 +25,8 @@ class FakeHttpServer {
  public:
   struct Request {
     QByteArray method;
-    QString path;          // decoded path
-    QString rawQuery;      // the query as it arrived, percent-encoding kept
+    QString path;      // decoded path
+    QString rawQuery;  // the query as it arrived, percent-encoding kept
     QUrl url;
     std::vector<std::pair<QByteArray, QByteArray>> headers;
     QByteArray body;

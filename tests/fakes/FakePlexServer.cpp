@@ -50,7 +50,7 @@ std::string FakePlexServer::labelId(const std::string& label) const {
 }
 
 std::vector<const FakePlexServer::Item*> FakePlexServer::itemsWithLabel(const std::string& sectionKey,
-                                                                       const std::string& label) const {
+                                                                        const std::string& label) const {
   std::vector<const Item*> out;
   for (const auto& [k, item] : items)
     if (item.sectionKey == sectionKey && item.labels.count(label)) out.push_back(&item);
@@ -220,7 +220,8 @@ void FakePlexServer::routes() {
     if (parts.size() >= 3 && parts[0] == "library" && parts[1] == "metadata") {
       auto it = items.find(parts[2]);
       if (it == items.end()) return notFound();
-      if (parts.size() == 3 && m == "GET") return reply.json(container(Json{{"Metadata", Json::array({itemJson(it->second)})}}));
+      if (parts.size() == 3 && m == "GET")
+        return reply.json(container(Json{{"Metadata", Json::array({itemJson(it->second)})}}));
       if (parts.size() == 3 && m == "PUT") {
         const auto removed = q(r, "label[0].tag.tag-");
         if (!removed.empty()) it->second.labels.erase(removed);

@@ -31,8 +31,9 @@ void serveFile(FakeHttpServer& server, const QString& path, const QByteArray& co
     }
     const auto spec = range->mid(6).split('-');
     const qint64 first = spec[0].toLongLong();
-    const qint64 last = spec.size() > 1 && !spec[1].isEmpty() ? std::min<qint64>(spec[1].toLongLong(), content.size() - 1)
-                                                             : content.size() - 1;
+    const qint64 last = spec.size() > 1 && !spec[1].isEmpty()
+                            ? std::min<qint64>(spec[1].toLongLong(), content.size() - 1)
+                            : content.size() - 1;
     const QByteArray cr = "bytes " + QByteArray::number(first) + "-" + QByteArray::number(last) + "/" +
                           QByteArray::number(content.size());
     reply.send(206, content.mid(first, last - first + 1), {{"Content-Range", cr}}, "application/octet-stream");
@@ -81,7 +82,9 @@ TEST(Http, GetHeadPostAndHeaders) {
 
 TEST(Http, FollowsRedirectsUnlessAskedNotTo) {
   FakeHttpServer server;
-  server.on("GET", "/old", [&](auto&, auto& reply) { reply.send(302, "", {{"Location", server.url("/new").toString().toUtf8()}}); });
+  server.on("GET", "/old", [&](auto&, auto& reply) {
+    reply.send(302, "", {{"Location", server.url("/new").toString().toUtf8()}});
+  });
   server.on("GET", "/new", [](auto&, auto& reply) { reply.send(200, "arrived"); });
   HttpClient http(systemClock(), HttpClient::Session::ephemeral);
 
@@ -142,7 +145,8 @@ TEST(Http, CancellationAndRefusedConnectionsAreFailuresNotCrashes) {
   HttpClient http(systemClock(), HttpClient::Session::ephemeral);
 
   std::optional<HttpResponse> result;
-  auto job = Job::start([&](CancelToken t) -> QCoro::Task<> { result = co_await http.get(server.url("/slow"), 60, t); });
+  auto job =
+      Job::start([&](CancelToken t) -> QCoro::Task<> { result = co_await http.get(server.url("/slow"), 60, t); });
   ASSERT_TRUE(test::spinUntil([&] { return server.requests().size() == 1; }));
   job.cancel();
   ASSERT_TRUE(test::spinUntil([&] { return result.has_value(); }));

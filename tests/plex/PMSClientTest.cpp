@@ -90,7 +90,8 @@ TEST(PMSClient, MachineInfoAndSections) {
   EXPECT_EQ(post.method, "POST");
   EXPECT_EQ(post.rawQuery,
             "name=Vantory%20TV&type=show&agent=tv.plex.agents.series&scanner=Plex%20TV%20Series&language=en-US"
-            "&location=%2Fnew%2FLibrary%20TV&X-Plex-Token=" + QString::fromStdString(rig.plex.token));
+            "&location=%2Fnew%2FLibrary%20TV&X-Plex-Token=" +
+                QString::fromStdString(rig.plex.token));
   EXPECT_TRUE(*run(rig.client.sectionForLocation("/new/Library TV")).value);
 
   EXPECT_TRUE(run(rig.client.refreshSection("/data/Library")).ok());
@@ -108,7 +109,13 @@ TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
   Rig rig;
   rig.plex.addItem({"", "1", "movie", "Film", 1999, "/thumb/1", {}, {"/data/Library/Film (1999) {imdb-tt1}.mkv"}});
   rig.plex.addItem({"s1", "2", "show", "Show", 2010});
-  rig.plex.addItem({"", "2", "episode", "Pilot", {}, {}, std::string("s1"),
+  rig.plex.addItem({"",
+                    "2",
+                    "episode",
+                    "Pilot",
+                    {},
+                    {},
+                    std::string("s1"),
                     {"/data/Library TV/Show (2010) {imdb-tt9}/Season 01/Show (2010) - s01e01.mkv"}});
 
   rig.plex.clearRequests();
@@ -136,7 +143,7 @@ TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
 TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   Rig rig;
   std::vector<std::string> keys;
-  for (int i = 0; i < 120; ++i) keys.push_back(rig.plex.addItem({"", "1", "movie", "F" + std::to_string(i)}).ratingKey);
+  for (int i = 0; i < 120; ++i) keys.push_back(rig.plex.addItem({"", "1", "movie", std::string("F").append(std::to_string(i))}).ratingKey);
   rig.plex.clearRequests();
   ASSERT_TRUE(run(rig.client.addLabel("1", keys, "My List")).ok());
   ASSERT_EQ(rig.plex.requests().size(), 3u);
@@ -183,7 +190,8 @@ TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
   EXPECT_EQ(req.rawQuery.toStdString(),
             "type=1&title=Films%20%26%20Friends&smart=1&sectionId=1&uri=server%3A%2F%2Ffake-machine-0001%2F"
             "com.plexapp.plugins.library%2Flibrary%2Fsections%2F1%2Fall%3Ftype%3D1%26label%3D500%26sort%3D"
-            "addedAt%253Adesc&X-Plex-Token=" + rig.plex.token);
+            "addedAt%253Adesc&X-Plex-Token=" +
+                rig.plex.token);
   auto rows = *run(rig.client.sectionCollections("1")).value;
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].title, "Films & Friends");
@@ -210,9 +218,10 @@ TEST(PMSClient, LenientRecordsAndSessions) {
   ASSERT_TRUE(rows);
   std::vector<std::pair<std::string, bool>> got;
   for (const auto& r : *rows) got.emplace_back(r.title, r.smart);
-  EXPECT_EQ(got, (std::vector<std::pair<std::string, bool>>{
-                     {"a", true}, {"b", true}, {"c", true}, {"d", false}, {"e", false}, {"f", false}, {"g", true},
-                     {"h", false}}));
+  EXPECT_EQ(
+      got,
+      (std::vector<std::pair<std::string, bool>>{
+          {"a", true}, {"b", true}, {"c", true}, {"d", false}, {"e", false}, {"f", false}, {"g", true}, {"h", false}}));
   EXPECT_FALSE(decodeCollections("not json"));
 
   auto sessions = decodeSessions(R"({"MediaContainer":{"Metadata":[{"sessionKey":"12","title":"Film",
@@ -248,8 +257,9 @@ TEST(PMSClient, DecodersSurviveRandomAndTruncatedReplies) {
     (void)decodeSessions(body);
     (void)decodeCollections(body);
   }
-  for (const char* odd : {"null", "[]", "{\"MediaContainer\":null}", "{\"MediaContainer\":[1,2]}",
-                          "{\"MediaContainer\":{\"Metadata\":{}}}", "{\"MediaContainer\":{\"Metadata\":[null,1,\"x\"]}}"}) {
+  for (const char* odd :
+       {"null", "[]", "{\"MediaContainer\":null}", "{\"MediaContainer\":[1,2]}",
+        "{\"MediaContainer\":{\"Metadata\":{}}}", "{\"MediaContainer\":{\"Metadata\":[null,1,\"x\"]}}"}) {
     auto items = decodeSectionItems(odd);
     EXPECT_TRUE(!items || items->size() <= 3) << odd;
   }

@@ -36,7 +36,8 @@ bool splitAddress(const std::string& text, std::string& host, quint16& port) {
   return true;
 }
 
-QHttpServerResponse jsonReply(const vt::Json& j, QHttpServerResponse::StatusCode status = QHttpServerResponse::StatusCode::Ok) {
+QHttpServerResponse jsonReply(const vt::Json& j,
+                              QHttpServerResponse::StatusCode status = QHttpServerResponse::StatusCode::Ok) {
   return QHttpServerResponse("application/json", QByteArray::fromStdString(vt::json::encode(j)), status);
 }
 

@@ -13,7 +13,8 @@ int main(int argc, char** argv) {
   std::string error;
   auto options = vtnfs::parseArguments(args, error);
   if (!options) {
-    std::fprintf(stderr, "vtnfs: %s\nusage: vtnfs -config FILE -nfs HOST:PORT -control HOST:PORT -mount DIR -log FILE\n",
+    std::fprintf(stderr,
+                 "vtnfs: %s\nusage: vtnfs -config FILE -nfs HOST:PORT -control HOST:PORT -mount DIR -log FILE\n",
                  error.c_str());
     return 2;
   }

@@ -13,9 +13,7 @@
 
 namespace vt {
 
-LibraryStore::LibraryStore(std::string fileURL, Clock& clock) : fileURL_(std::move(fileURL)), clock_(clock) {
-  load();
-}
+LibraryStore::LibraryStore(std::string fileURL, Clock& clock) : fileURL_(std::move(fileURL)), clock_(clock) { load(); }
 
 LibraryStore::RecordRef LibraryStore::makeRecord(LibraryTitle title) {
   auto r = std::make_shared<Record>();
@@ -106,11 +104,16 @@ AltStreamVersion readAlt(element e) {
   for (auto field : obj) {
     if (field.value.is_null()) continue;
     const auto k = field.key;
-    if (k == "name") a.name = readString(field.value), name = true;
-    else if (k == "resolveURL") a.resolveURL = readString(field.value), resolveURL = true;
-    else if (k == "size") a.size = readInt(field.value), size = true;
-    else if (k == "sizeVerified") a.sizeVerified = readBool(field.value);
-    else if (k == "resolvedAt") a.resolvedAt = readDouble(field.value);
+    if (k == "name")
+      a.name = readString(field.value), name = true;
+    else if (k == "resolveURL")
+      a.resolveURL = readString(field.value), resolveURL = true;
+    else if (k == "size")
+      a.size = readInt(field.value), size = true;
+    else if (k == "sizeVerified")
+      a.sizeVerified = readBool(field.value);
+    else if (k == "resolvedAt")
+      a.resolvedAt = readDouble(field.value);
   }
   if (!name || !resolveURL || !size) throw DecodeError("companion misses a required key");
   return a;
@@ -125,27 +128,46 @@ LibraryTitle readTitle(element e) {
     if (field.value.is_null()) continue;
     const auto k = field.key;
     const auto v = field.value;
-    if (k == "name") t.name = readString(v), name = true;
-    else if (k == "url") t.url = readString(v), url = true;
-    else if (k == "size") t.size = readInt(v), size = true;
-    else if (k == "sizeVerified") t.sizeVerified = readBool(v);
-    else if (k == "rdLink") t.rdLink = readString(v);
-    else if (k == "resolveURL") t.resolveURL = readString(v);
-    else if (k == "source") t.source = readString(v), source = true;
-    else if (k == "rdFilename") t.rdFilename = readString(v);
-    else if (k == "subtitlePath") t.subtitlePath = readString(v);
-    else if (k == "subtitleLang") t.subtitleLang = readString(v);
-    else if (k == "subtitleLang2") t.subtitleLang2 = readString(v);
+    if (k == "name")
+      t.name = readString(v), name = true;
+    else if (k == "url")
+      t.url = readString(v), url = true;
+    else if (k == "size")
+      t.size = readInt(v), size = true;
+    else if (k == "sizeVerified")
+      t.sizeVerified = readBool(v);
+    else if (k == "rdLink")
+      t.rdLink = readString(v);
+    else if (k == "resolveURL")
+      t.resolveURL = readString(v);
+    else if (k == "source")
+      t.source = readString(v), source = true;
+    else if (k == "rdFilename")
+      t.rdFilename = readString(v);
+    else if (k == "subtitlePath")
+      t.subtitlePath = readString(v);
+    else if (k == "subtitleLang")
+      t.subtitleLang = readString(v);
+    else if (k == "subtitleLang2")
+      t.subtitleLang2 = readString(v);
     else if (k == "subtitleState") {
       const auto state = readString(v);
-      if (state == "auto") t.subtitleState = SubtitleState::automatic;
-      else if (state == "synced") t.subtitleState = SubtitleState::synced;
-      else throw DecodeError("unknown subtitleState");
-    } else if (k == "resolvedAt") t.resolvedAt = readDouble(v);
-    else if (k == "seriesImdbId") t.seriesImdbId = readString(v);
-    else if (k == "season") t.season = readInt32(v);
-    else if (k == "episode") t.episode = readInt32(v);
-    else if (k == "altVersion") t.altVersion = readAlt(v);
+      if (state == "auto")
+        t.subtitleState = SubtitleState::automatic;
+      else if (state == "synced")
+        t.subtitleState = SubtitleState::synced;
+      else
+        throw DecodeError("unknown subtitleState");
+    } else if (k == "resolvedAt")
+      t.resolvedAt = readDouble(v);
+    else if (k == "seriesImdbId")
+      t.seriesImdbId = readString(v);
+    else if (k == "season")
+      t.season = readInt32(v);
+    else if (k == "episode")
+      t.episode = readInt32(v);
+    else if (k == "altVersion")
+      t.altVersion = readAlt(v);
     else if (k == "mirrorURLs") {
       simdjson::dom::array arr;
       if (v.get_array().get(arr)) throw DecodeError("expected an array");
@@ -222,7 +244,9 @@ void LibraryStore::load() {
   // resolvedAt; on a tie the earlier title stays.
   FlatIndex holder;
   holder.reset(loaded.size());
-  auto rank = [](const Record& r) { return std::make_tuple(!r.title.url.empty(), r.title.resolvedAt.value_or(kDistantPast)); };
+  auto rank = [](const Record& r) {
+    return std::make_tuple(!r.title.url.empty(), r.title.resolvedAt.value_or(kDistantPast));
+  };
   auto idHash = [](const Record& r) { return r.episodeKey ? r.episodeHash : r.imdbHash; };
   for (uint32_t i = 0; i < loaded.size(); ++i) {
     const auto& id = loaded[i]->id();
@@ -364,8 +388,7 @@ void LibraryStore::upsert(LibraryTitle title) {
     const auto& old = *records_[found];
     // The name is the stored one, so the name, IMDb and episode indexes stay
     // as they are; only a change of series or of its order needs a rebuild.
-    const bool sameIndexes = replacement->seriesId == old.seriesId &&
-                             replacement->title.season == old.title.season &&
+    const bool sameIndexes = replacement->seriesId == old.seriesId && replacement->title.season == old.title.season &&
                              replacement->title.episode == old.title.episode;
     records_[found] = std::move(replacement);
     if (!sameIndexes) rebuildIndexes();

@@ -164,8 +164,8 @@ std::optional<std::string> episodeKeyFor(std::string_view name, const std::strin
   if (dot == std::string_view::npos || dot < 6 || dot + 1 >= last.size()) return std::nullopt;
   const auto m = last.substr(dot - 6, 6);
   auto digit = [](char c) { return c >= '0' && c <= '9'; };
-  if ((m[0] != 's' && m[0] != 'S') || (m[3] != 'e' && m[3] != 'E') || !digit(m[1]) || !digit(m[2]) ||
-      !digit(m[4]) || !digit(m[5]))
+  if ((m[0] != 's' && m[0] != 'S') || (m[3] != 'e' && m[3] != 'E') || !digit(m[1]) || !digit(m[2]) || !digit(m[4]) ||
+      !digit(m[5]))
     return std::nullopt;
   const int season = (m[1] - '0') * 10 + (m[2] - '0');
   const int episode = (m[4] - '0') * 10 + (m[5] - '0');

@@ -148,11 +148,16 @@ void EngineLog::append(std::string_view text) {
 
 std::string_view ActivityLog::kindText(Kind k) {
   switch (k) {
-    case Kind::started: return "started";
-    case Kind::stopped: return "stopped";
-    case Kind::finished: return "finished";
-    case Kind::added: return "added";
-    case Kind::quality: return "quality";
+    case Kind::started:
+      return "started";
+    case Kind::stopped:
+      return "stopped";
+    case Kind::finished:
+      return "finished";
+    case Kind::added:
+      return "added";
+    case Kind::quality:
+      return "quality";
   }
   return "added";
 }
@@ -243,8 +248,7 @@ std::string clockText(int64_t milliseconds) {
   if (milliseconds < 3'600'000)
     std::snprintf(buf, sizeof buf, "%" PRId64 ":%02" PRId64, total / 60, total % 60);
   else
-    std::snprintf(buf, sizeof buf, "%" PRId64 ":%02" PRId64 ":%02" PRId64, total / 3600, (total / 60) % 60,
-                  total % 60);
+    std::snprintf(buf, sizeof buf, "%" PRId64 ":%02" PRId64 ":%02" PRId64, total / 3600, (total / 60) % 60, total % 60);
   return buf;
 }
 

@@ -11,10 +11,14 @@ std::optional<QualityLevel> qualityLevelFromRaw(long long raw) {
 
 StreamPreference streamPreference(QualityLevel level) {
   switch (level) {
-    case QualityLevel::fast: return {8.0, {"1080p", "720p"}};
-    case QualityLevel::balanced: return {15.0, {"1080p", "4K", "720p"}};
-    case QualityLevel::high: return {25.0, {"4K", "1080p", "720p"}};
-    case QualityLevel::best: return {std::nullopt, {"4K", "1080p", "720p"}};
+    case QualityLevel::fast:
+      return {8.0, {"1080p", "720p"}};
+    case QualityLevel::balanced:
+      return {15.0, {"1080p", "4K", "720p"}};
+    case QualityLevel::high:
+      return {25.0, {"4K", "1080p", "720p"}};
+    case QualityLevel::best:
+      return {std::nullopt, {"4K", "1080p", "720p"}};
   }
   return streamPreference(kDefaultQualityLevel);
 }

@@ -7,8 +7,7 @@
 namespace vt {
 
 // The resolution a release name tells ("4K", "1080p", "720p", "480p"), or
-// none. Every reader of a release's resolution outside the full parser goes
-// through this one function.
+// none: the release parser's reading, through its memo.
 std::optional<std::string> releaseResolution(std::string_view releaseName);
 
 // The shared normalisation of release names: the video extension (lowercased)

@@ -1,0 +1,590 @@
+#include "sources/release/ReleaseParser.h"
+
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <ctime>
+#include <deque>
+#include <mutex>
+#include <set>
+#include <unordered_map>
+
+#include "platform/JsonWriter.h"
+#include "platform/Regex.h"
+#include "sources/release/Resolution.h"
+
+namespace vt {
+
+namespace {
+
+using Row = std::pair<Regex, const char*>;
+
+// Every pattern of the parser, compiled once. They run on upper-cased text,
+// so no pattern needs a case option.
+struct Patterns {
+  std::vector<Row> resolution;
+  Regex dimensions{R"(\b([1-9]\d{2,3})X([1-9]\d{2,3})\b)"};
+  std::vector<Row> codec;
+  Regex remux{R"(\bREMUX\b)"};
+  std::vector<Row> source;
+  std::vector<Row> service;
+  std::vector<Row> audio;
+  std::vector<Row> hdr;
+  Regex subsPhrase{
+      R"(\b(?:NAPISY|NAPI TRANS|NAPI|SUBS?|SUBBED|SUBTITLES?|MULTISUB|MSUB|ESUB)(?: (?:ENG|ITA|FRE|FRA|SPA|ESP|GER|POR|POL|PL|RUS|HUN|CZE|CZ|TUR|JPN|KOR|HIN|LAT|ENGLISH|POLISH|ITALIAN|FRENCH|SPANISH))+\b)"};
+  Regex subsLanguage{
+      R"(\b(?:ENGLISH|POLISH|ITALIAN|FRENCH|SPANISH|GERMAN|RUSSIAN|PORTUGUESE|HINDI) (?:SUBS?|SUBBED|SUBTITLES?)\b)"};
+  Regex tailMarker{
+      R"(\b(?:(?:19|20)\d{2}|S\d{1,2}(?:E\d{1,3})?|(?:BDR|BD|BR|M)?(?:216[0O]|1[0O]8[0O]|72[0O]|48[0O])[PI]?|4K|UHD|WEB|WEB DL|WEBDL|WEBRIP|BLURAY|BLU RAY|BDRIP|BRRIP|BDREMUX|REMUX|HDTV|HDRIP|DVDRIP|CAM|CAMRIP|HDTS|TS|X26[45]|H ?26[45]|HEVC|AVC|XVID|AC3|EAC3|DDP\d*|DD|AAC|DTS|TRUEHD|ATMOS)\b)"};
+  Regex multi{R"(\bMULTI\d?\b)"};
+  std::vector<Row> spelled;
+  std::vector<Row> codes;  // the code table, in its order
+  Regex dual{R"(\bDUAL\b)"};
+  Regex bit10{R"(\b(?:10\s?BIT|HI10P?)\b)"};
+  Regex bit8{R"(\b8\s?BIT\b)"};
+  Regex proper{R"(\bPROPER\b)"};
+  Regex repack{R"(\bREPACK\b)"};
+  Regex extended{R"(\bEXTENDED\b)"};
+  Regex directorsCut{R"(\b(?:DIRECTORS? CUT|DC)\b)"};
+  Regex remastered{R"(\bREMASTERED\b)"};
+  Regex upscaled{R"(\b(?:UPSCALED?|AI UPSCALE|AI USCALED?|AI ENHANCED|RIFE|INTERPOLATED)\b|\b(?:72|96|120) ?FPS)"};
+  Regex notTheFilm{R"(\b(?:TRAILER(?! PARK)|TLR|FEATURETTE|FULL MOVIE|FAN ?MADE|RECAP|WATCH .* FREE)\b)"};
+  Regex stereo3D{R"(\b(?:[HF] ?SBS|SBS|H ?OU|(?:HALF|FULL) (?:SBS|OU)|FS3D|STEREO3D|3DHDTV)\b)"};
+  Regex burnedSubs{R"(\b(?:HC|HCSUBS?|HARD ?SUBS?|HARDCODED|KORSUBS?)\b)"};
+  Regex dolbyVision{R"(\b(?:DOLBY VISION|DOVI|DV)\b)"};
+  Regex hdrFallback{R"(\b(?:HDR|HDR10|HDR10P|HDR10PLUS|HDR10X265|HLG)\b)"};
+  Regex dubbed{R"(\b(?:DUBBED|DUB)\b)"};
+  Regex ukr{R"(\bUKR\b)"};
+  Regex seasonEpisode{R"(\bS(\d{1,2})E(\d{1,3})\b)"};
+  Regex crossEpisode{R"(\b(\d{1,2})X(\d{2,3})\b)"};
+  Regex seasonOnly{R"(\b(?:S|SEASON )(\d{1,2})\b)"};
+  Regex complete{R"(\b(?:COMPLETE|S\d{1,2}\s?-\s?S?\d{1,2}|SEASONS?\s+\d\s?-\s?\d)\b)"};
+  Regex bracketTag{R"([\[(]([^\[\]()]+)[\])])"};
+  Regex dashTail{R"(-([A-Za-z0-9_.]{2,20})$)"};
+  Regex groupContext{
+      R"(\b(?:2160P?|1080P?|720P?|480P?|4K|UHD|BLURAY|BDRIP|BRRIP|WEB|WEBRIP|WEBDL|HDTV|DVDRIP|REMUX|X26[45]|H\.?26[45]|HEVC|AVC|XVID|DIVX|AV1|CAM|TELESYNC|HDTS|COMPLETE|S\d{1,2}E?\d*)\b)"};
+  Regex sizeWord{R"(^\d+(?:[.,]\d+)?(?:MB|GB|KBPS|BIT|CH)?$)"};
+  // The scan list: what explains a word of the technical tail.
+  std::vector<const Regex*> scan;
+
+  Patterns() {
+    auto rows = [](std::initializer_list<std::pair<const char*, const char*>> list) {
+      std::vector<Row> out;
+      for (const auto& [p, v] : list) out.emplace_back(Regex(p), v);
+      return out;
+    };
+    resolution = rows({{R"(\b(?:HD|UHD)?216[0O][PI]?(?:HD|HDR|UHD)?\b)", "4K"},
+                       {R"(\b(?:BDR|BD|BR|M|HD|FHD)?1[0O]8[0O][PI]?(?:HD|HDR|FHD)?\b)", "1080p"},
+                       {R"(\b(?:HD)?72[0O][PI](?:HD)?\b)", "720p"},
+                       {R"(\b48[0O][PI]\b)", "480p"},
+                       {R"(\b(?:4K|UHD)(?:HDR)?\b)", "4K"}});
+    codec = rows({{R"(\b(?:X265|H ?265|HEVC)\b)", "H.265"},
+                  {R"(\b(?:X264|H ?264|AVC)\b)", "H.264"},
+                  {R"(\bAV1\b)", "AV1"},
+                  {R"(\bVP9\b)", "VP9"},
+                  {R"(\b(?:XVID|DIVX)\b)", "XviD"}});
+    source = rows(
+        {{R"(\b(?:WEB DL|WEBDL)\b)", "WEB-DL"},
+         {R"(\b(?:BLURAY|BLU RAY|BDRIP|BRRIP)\b)", "Blu-ray"},
+         {R"(\bHDTV\b)", "HDTV"},
+         {R"(\b(?:(?:HD|HQ|NEW|T|HDT)?CAM(?:RIP|HD)?|CAM RIP|PREDVD|PRE DVD|PRE ?HD|HQ PRE|KINO ?RIP)\b)", "CAM"},
+         {R"(\b(?:TELESYNCH?|TELE SYNCH?|HDTS|TS|HDTSCR|TSSCR|TSSCREENER)\b)", "TS"},
+         {R"(\b(?:TELECINE|TELE CINE|TC|HDTC)\b)", "TC"},
+         {R"(\b(?:DVDSCR|DVDSCREENER|SCREENER|HDSCR|SCR)\b)", "SCR"},
+         {R"(\b(?:WEB|WEBRIP)\b)", "WEB"}});
+    service = rows({{R"(\b(?:NF|NETFLIX)\b)", "Netflix"},
+                    {R"(\b(?:AMZN|AMAZON)\b)", "Amazon"},
+                    {R"(\bHMAX\b)", "HBO Max"},
+                    {R"(\bDSNP\b)", "Disney+"},
+                    {R"(\bATVP\b)", "Apple TV+"},
+                    {R"(\b(?:PCOK|PEACOCK)\b)", "Peacock"},
+                    {R"(\b(?:PMTP|PARAMOUNT)\b)", "Paramount+"}});
+    audio = rows({{R"(\bATMOS\b)", "Atmos"},
+                  {R"(\bTRUEHD\b)", "TrueHD"},
+                  {R"(\bDTS HD\b)", "DTS-HD"},
+                  {R"(\bDTS\b)", "DTS"},
+                  {R"(\b(?:DDP\d*|EAC3)\b)", "DD+"},
+                  {R"(\bAC3\b)", "AC3"},
+                  {R"(\bAAC\b)", "AAC"},
+                  {R"(\bFLAC\b)", "FLAC"}});
+    hdr = rows({{R"(\b(?:DOLBY VISION|DOVI|DV)\b)", "Dolby Vision"}, {R"(\bHDR10\b)", "HDR10"}, {R"(\bHDR\b)", "HDR"}});
+    for (const auto& [row, label] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"FRENCH|TRUEFRENCH", "FRE"}, {"CASTELLANO|SPANISH", "SPA"}, {"DAN|DANISH", "DAN"},
+             {"UKRAINIAN", "UKR"},         {"DUBLADO", "POR"},            {"LATINO", "LAT"},
+             {"CZECH", "CZE"},             {"RUSSIAN", "RUS"},            {"POLISH", "POL"},
+             {"HUNGARIAN", "HUN"},         {"TURKISH", "TUR"},            {"HINDI", "HIN"},
+             {"TAMIL", "TAM"},             {"TELUGU", "TEL"},             {"JAPANESE", "JPN"},
+             {"KOREAN", "KOR"},            {"ENGLISH", "ENG"},            {"ITALIAN", "ITA"},
+             {"GERMAN", "GER"},            {"PORTUGUESE", "POR"}})
+      spelled.emplace_back(Regex(std::string(R"(\b(?:)") + row + R"()\b)"), label);
+    codes = rows({{R"(\bITA\b)", "ITA"},
+                  {R"(\bENG\b)", "ENG"},
+                  {R"(\b(?:FRE|FRA|VFF|VF2|VFQ|VFI)\b)", "FRE"},
+                  {R"(\b(?:SPA|ESP)\b)", "SPA"},
+                  {R"(\b(?:GER|DEU)\b)", "GER"},
+                  {R"(\bPOR\b)", "POR"},
+                  {R"(\bLAT\b)", "LAT"},
+                  {R"(\b(?:CZ|CZE)\b)", "CZE"},
+                  {R"(\b\d?RUS\b)", "RUS"},
+                  {R"(\bUKR\b)", "UKR"},
+                  {R"((?!))", "DAN"},
+                  {R"(\b(?:POL|PLDUB)\b|(?<!NAPISY )\bPL\b)", "POL"},
+                  {R"(\b(?:HUN)\b)", "HUN"},
+                  {R"(\b(?:TUR)\b)", "TUR"},
+                  {R"(\b(?:HIN)\b)", "HIN"},
+                  {R"(\b(?:TAM)\b)", "TAM"},
+                  {R"(\b(?:TEL)\b)", "TEL"},
+                  {R"(\b(?:JPN)\b)", "JPN"},
+                  {R"(\b(?:KOR)\b)", "KOR"}});
+
+    for (const auto& r : resolution) scan.push_back(&r.first);
+    scan.push_back(&dimensions);
+    for (const Regex* r : {&notTheFilm, &stereo3D, &burnedSubs, &dubbed, &ukr}) scan.push_back(r);
+    for (const auto& r : codec) scan.push_back(&r.first);
+    for (const auto& r : source) scan.push_back(&r.first);
+    for (const auto& r : service) scan.push_back(&r.first);
+    for (const auto& r : audio) scan.push_back(&r.first);
+    for (const auto& r : hdr) scan.push_back(&r.first);
+    scan.push_back(&multi);
+    for (const auto& [r, label] : codes)
+      if (std::string_view(label) != "UKR" && std::string_view(label) != "DAN") scan.push_back(&r);
+    for (const Regex* r : {&dual, &remux, &bit10, &bit8, &proper, &repack, &extended, &directorsCut, &remastered,
+                           &upscaled, &seasonEpisode, &crossEpisode, &seasonOnly, &complete})
+      scan.push_back(r);
+  }
+};
+
+const Patterns& patterns() {
+  static const Patterns p;
+  return p;
+}
+
+std::optional<std::string> firstRow(const std::vector<Row>& table, std::string_view text) {
+  for (const auto& [pattern, value] : table)
+    if (pattern.matches(text)) return std::string(value);
+  return std::nullopt;
+}
+
+// ASCII digits only; any other digit leaves the number unreadable.
+std::optional<int> asciiNumber(const std::optional<std::string>& s) {
+  if (!s || s->empty()) return std::nullopt;
+  int v = 0;
+  auto [p, ec] = std::from_chars(s->data(), s->data() + s->size(), v);
+  if (ec != std::errc() || p != s->data() + s->size()) return std::nullopt;
+  return v;
+}
+
+std::string withoutSubtitlePhrases(std::string text) {
+  const auto& P = patterns();
+  text = P.subsPhrase.replaceAll(text, " ");
+  return P.subsLanguage.replaceAll(text, " ");
+}
+
+std::string technicalTail(const std::string& upper) {
+  auto m = patterns().tailMarker.search(upper);
+  return m ? upper.substr(m->begin()) : upper;
+}
+
+std::string_view firstLine(std::string_view name) { return name.substr(0, name.find('\n')); }
+
+// Code points of UTF-8 text, invalid bytes read as U+FFFD.
+template <class F>
+void forEachCodePoint(std::string_view s, F&& f) {
+  int32_t i = 0;
+  const auto n = static_cast<int32_t>(s.size());
+  while (i < n) {
+    UChar32 c;
+    U8_NEXT(s.data(), i, n, c);
+    f(c < 0 ? 0xFFFD : c);
+  }
+}
+
+size_t characterCount(std::string_view s) {
+  size_t n = 0;
+  forEachCodePoint(s, [&](UChar32) { ++n; });
+  return n;
+}
+
+std::string trimChars(std::string_view s, std::string_view chars) {
+  const auto b = s.find_first_not_of(chars);
+  if (b == std::string_view::npos) return {};
+  return std::string(s.substr(b, s.find_last_not_of(chars) - b + 1));
+}
+
+std::vector<std::string> splitAny(std::string_view s, std::string_view seps) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  for (size_t i = 0; i <= s.size(); ++i) {
+    if (i == s.size() || seps.find(s[i]) != std::string_view::npos) {
+      if (i > start) out.emplace_back(s.substr(start, i - start));
+      start = i + 1;
+    }
+  }
+  return out;
+}
+
+const std::set<std::string>& rejectList() {
+  static const std::set<std::string> words = {
+      "WWW",      "COM",      "ORG",       "NET",      "THE",        "BY",          "AND",        "OF",
+      "MKV",      "MP4",      "AVI",       "TEAM",     "WORLD",      "HD",          "FHD",        "SD",
+      "SDR",      "DLRIP",    "WEBDLRIP",  "HDRIP",    "DV",         "DUB",         "DUBBED",     "DUBLADO",
+      "LEGENDADO", "NACIONAL", "SUB",      "SUBS",     "ESUB",       "ESUBS",       "MSUBS",      "SURROUND",
+      "STEREO",   "MONO",     "IPHONE",    "CLEAN",    "HQ",         "NEW",         "FINAL",      "V2",
+      "V3",       "LAT",      "LATINO",    "CASTELLANO", "SAMPLE",   "TRAILER",     "ENG",        "ENGLISH",
+      "RIP",      "DL",       "MULTI",     "DUAL",     "AUDIO",      "FILM",        "MOVIE",      "COMPLETE",
+      "EXTRAS",   "NL",       "EN",        "FR",       "DE",         "ES",          "IT",         "PT",
+      "PL",       "RU",       "CZ",        "HU",       "TR",         "JP",          "KR",         "CN",
+      "BR",       "CLUB",     "NNM-CLUB",  "1XBET",    "VEGAMOVIES", "BLUDV",       "CINECALIDAD", "TORRENT911",
+      "BOLLY4U",  "WOLFMAX4K"};
+  return words;
+}
+
+std::optional<std::string> validateGroup(std::string_view candidate) {
+  const auto& P = patterns();
+  const std::string s = trimChars(candidate, " .-_[]()");
+  if (s.find('.') != std::string::npos) {
+    for (const auto& piece : splitAny(toUpper(s), "."))
+      if (piece == "YTS" || piece == "YIFY") return std::string("YTS");
+    return std::nullopt;
+  }
+  const std::string r = trimChars(candidate, " .-[]()");
+  if (!r.empty() && r[0] == '_') return std::nullopt;
+  if (characterCount(r) == 11) {
+    bool upper = false, lower = false, digit = false;
+    forEachCodePoint(r, [&](UChar32 c) {
+      upper = upper || u_isupper(c);
+      lower = lower || u_islower(c);
+      digit = digit || u_isdigit(c);
+    });
+    if (upper && lower && digit) return std::nullopt;  // a video identifier
+  }
+  const size_t length = characterCount(s);
+  bool letter = false;
+  forEachCodePoint(s, [&](UChar32 c) { letter = letter || u_isalpha(c); });
+  if (length < 2 || length > 20 || !letter) return std::nullopt;
+  const std::string upperS = toUpper(s);
+  if (rejectList().count(upperS)) return std::nullopt;
+  for (const Regex* r : P.scan)
+    if (r->matches(upperS)) return std::nullopt;
+  for (const auto& [r, label] : P.spelled)
+    if (r.matches(upperS)) return std::nullopt;
+  if (P.groupContext.matches(upperS) || P.sizeWord.matches(upperS)) return std::nullopt;
+  return s;
+}
+
+bool isHex8(std::string_view w) {
+  return w.size() == 8 && std::all_of(w.begin(), w.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
+}
+
+const std::set<std::string>& domainEndings() {
+  static const std::set<std::string> endings = {"com", "org", "net", "to",  "tw",   "ro",    "lt",   "me",   "cc",
+                                                "io",  "co",  "mx",  "bz",  "gg",   "am",    "ag",   "in",   "ws",
+                                                "info", "club", "xyz", "site", "rocks", "land", "one", "pro", "vip",
+                                                "sx",  "ru",  "pl",  "es",  "fr",   "it",    "de",   "nl"};
+  return endings;
+}
+
+// The memo: whole input to result, at most 500 entries, oldest out first.
+class Memo {
+ public:
+  std::optional<ReleaseInfo> get(std::string_view key) {
+    std::lock_guard lock(mutex_);
+    auto it = map_.find(std::string(key));
+    if (it == map_.end()) return std::nullopt;
+    return it->second;
+  }
+  void put(std::string key, const ReleaseInfo& info) {
+    std::lock_guard lock(mutex_);
+    if (map_.count(key)) return;
+    order_.push_back(key);
+    map_.emplace(std::move(key), info);
+    while (order_.size() > kCapacity) {
+      map_.erase(order_.front());
+      order_.pop_front();
+    }
+  }
+  static constexpr size_t kCapacity = 500;
+
+ private:
+  std::mutex mutex_;
+  std::unordered_map<std::string, ReleaseInfo> map_;
+  std::deque<std::string> order_;
+};
+
+Memo& memo() {
+  static Memo m;
+  return m;
+}
+
+}  // namespace
+
+std::optional<std::string> ReleaseParser::extractGroup(std::string_view base) {
+  const auto& P = patterns();
+  const std::string t = trimChars(base, " \t\n\r\f\v");
+  if (t.empty()) return std::nullopt;
+
+  if (t.back() == ']' || t.back() == ')') {
+    auto tags = P.bracketTag.searchAll(t);
+    for (auto it = tags.rbegin(); it != tags.rend(); ++it) {
+      const std::string tag = *it->group(1);
+      const auto words = splitAny(tag, " -_");
+      const std::string s = trimChars(tag, " \t\n\r\f\v");
+      if ((words.size() == 2 || words.size() == 3) && characterCount(s) <= 20 && s.find('.') == std::string::npos &&
+          std::all_of(words.begin(), words.end(), [](const std::string& w) {
+            const auto u = toUpper(w);
+            return u == "THE" || u == "OF" || u == "AND" || validateGroup(w).has_value();
+          }))
+        return s;
+      if (words.empty()) continue;
+      auto valid = validateGroup(words.back());
+      if (!valid) continue;
+      if (isHex8(words.back())) continue;  // a checksum
+      return valid;
+    }
+  }
+
+  if (auto m = P.dashTail.search(t)) {
+    if (auto valid = validateGroup(*m->group(1))) return valid;
+  }
+
+  const auto tokens = splitAny(t, "_ ");
+  if (tokens.empty()) return std::nullopt;
+  if (!P.groupContext.matches(normaliseReleaseName(t).upper)) return std::nullopt;
+  auto pieces = splitAny(tokens.back(), ".");
+  if (pieces.size() > 1 && domainEndings().count(toLower(pieces.back()))) pieces.pop_back();
+  if (pieces.empty()) return std::nullopt;
+  const auto& candidate = pieces.back();
+  if (P.groupContext.matches(toUpper(candidate))) return std::nullopt;
+  return validateGroup(candidate);
+}
+
+ReleaseInfo ReleaseParser::parseUncached(std::string_view name) {
+  const auto& P = patterns();
+  ReleaseInfo info;
+  const auto line = firstLine(name);
+  const auto normalised = normaliseReleaseName(line);
+  info.container = normalised.container;
+  const std::string& upper = normalised.upper;
+  const std::string_view base = info.container ? line.substr(0, line.size() - info.container->size() - 1) : line;
+
+  info.resolution = firstRow(P.resolution, upper);
+  if (!info.resolution) {
+    if (auto m = P.dimensions.search(upper)) {
+      const auto w = asciiNumber(m->group(1));
+      const auto h = asciiNumber(m->group(2));
+      if (w && h) {
+        if (*w >= 3200)
+          info.resolution = "4K";
+        else if (*w >= 1700 || *h >= 1000)
+          info.resolution = "1080p";
+        else if (*h >= 700 || *w >= 1180)
+          info.resolution = "720p";
+        else
+          info.resolution = "480p";
+      }
+    }
+  }
+  info.codec = firstRow(P.codec, upper);
+  if (P.remux.matches(upper)) {
+    info.source = "REMUX";
+    info.isRemux = true;
+  } else {
+    info.source = firstRow(P.source, upper);
+  }
+  info.service = firstRow(P.service, upper);
+  info.audio = firstRow(P.audio, upper);
+  info.hdr = firstRow(P.hdr, upper);
+
+  const std::string noSubs = withoutSubtitlePhrases(upper);
+  const std::string tailNoSubs = withoutSubtitlePhrases(technicalTail(upper));
+  if (P.multi.matches(noSubs)) {
+    info.languages = {"MULTI"};
+  } else {
+    std::set<std::string> spelled;
+    for (const auto& [r, label] : P.spelled)
+      if (r.matches(tailNoSubs)) spelled.insert(label);
+    for (const auto& [r, label] : P.codes) {
+      if (std::find(info.languages.begin(), info.languages.end(), label) != info.languages.end()) continue;
+      if (spelled.count(label) || r.matches(noSubs)) info.languages.emplace_back(label);
+    }
+    if (P.dual.matches(noSubs)) info.languages.insert(info.languages.begin(), "DUAL");
+  }
+
+  forEachCodePoint(base, [&](UChar32 c) { info.cyrillic = info.cyrillic || (c >= 0x0400 && c <= 0x04FF); });
+
+  if (P.bit10.matches(upper))
+    info.bitDepth = 10;
+  else if (P.bit8.matches(upper))
+    info.bitDepth = 8;
+
+  info.proper = P.proper.matches(upper);
+  info.repack = P.repack.matches(upper);
+  info.extended = P.extended.matches(upper);
+  info.directorsCut = P.directorsCut.matches(upper);
+  info.remastered = P.remastered.matches(upper);
+  info.upscaled = P.upscaled.matches(upper);
+  info.notTheFilm = P.notTheFilm.matches(upper);
+  info.stereo3D = P.stereo3D.matches(upper);
+  info.burnedSubs = P.burnedSubs.matches(upper);
+  info.dolbyVisionOnly = P.dolbyVision.matches(upper) && !P.hdrFallback.matches(upper);
+  info.dubbed = P.dubbed.matches(upper);
+
+  if (auto m = P.seasonEpisode.search(upper)) {
+    info.season = asciiNumber(m->group(1));
+    info.episode = asciiNumber(m->group(2));
+  } else if (auto x = P.crossEpisode.search(upper)) {
+    info.season = asciiNumber(x->group(1));
+    info.episode = asciiNumber(x->group(2));
+  } else if (auto s = P.seasonOnly.search(upper)) {
+    info.season = asciiNumber(s->group(1));
+  }
+  info.isComplete = P.complete.matches(upper) || (info.season && !info.episode);
+  info.group = extractGroup(base);
+  return info;
+}
+
+ReleaseInfo ReleaseParser::parse(std::string_view name) {
+  if (auto hit = memo().get(name)) return *hit;
+  auto info = parseUncached(name);
+  memo().put(std::string(name), info);
+  return info;
+}
+
+std::vector<std::string> ReleaseParser::unrecognizedWords(std::string_view name) {
+  const auto& P = patterns();
+  std::string text = technicalTail(normaliseReleaseName(firstLine(name)).upper);
+  for (const Regex* r : P.scan) text = r->replaceAll(text, " ");
+  for (const auto& [r, label] : P.spelled) text = r.replaceAll(text, " ");
+  const auto group = parse(name).group;
+  const std::string upperGroup = group ? toUpper(*group) : std::string();
+  static const std::set<std::string> ignored = {"WWW", "COM",  "ORG",  "NET",   "THE", "BY",  "AND",
+                                                "OF",  "YTS",  "MX",   "AM",    "AG",  "LT",  "GG",
+                                                "BZ",  "YIFY", "RARBG", "TGX",  "MKV", "MP4", "AVI"};
+  std::vector<std::string> out;
+  for (const auto& word : splitAny(text, " ")) {
+    if (characterCount(word) < 2 || (group && word == upperGroup) || ignored.count(word)) continue;
+    bool letter = false;
+    forEachCodePoint(word, [&](UChar32 c) { letter = letter || u_isalpha(c); });
+    if (!letter || P.sizeWord.matches(word)) continue;
+    out.push_back(word);
+  }
+  return out;
+}
+
+std::optional<Date> ReleaseParser::parseDate(std::string_view text) {
+  const std::string t = trimChars(text, " \t\n\r\f\v");
+  if (t.empty()) return std::nullopt;
+  // yyyy-MM-ddTHH:mm:ss[.fff](Z|±hhmm)
+  auto digits = [&](size_t at, size_t n, int& out) {
+    if (at + n > t.size()) return false;
+    out = 0;
+    for (size_t i = at; i < at + n; ++i) {
+      if (t[i] < '0' || t[i] > '9') return false;
+      out = out * 10 + (t[i] - '0');
+    }
+    return true;
+  };
+  int y, mo, d, h, mi, s;
+  if (!digits(0, 4, y) || t.size() < 19 || t[4] != '-' || !digits(5, 2, mo) || t[7] != '-' || !digits(8, 2, d) ||
+      t[10] != 'T' || !digits(11, 2, h) || t[13] != ':' || !digits(14, 2, mi) || t[16] != ':' || !digits(17, 2, s))
+    return std::nullopt;
+  size_t i = 19;
+  double fraction = 0;
+  if (i < t.size() && t[i] == '.') {
+    size_t j = i + 1;
+    double scale = 0.1;
+    while (j < t.size() && t[j] >= '0' && t[j] <= '9') {
+      fraction += (t[j] - '0') * scale;
+      scale /= 10;
+      ++j;
+    }
+    if (j == i + 1) return std::nullopt;
+    i = j;
+  }
+  int offsetSeconds = 0;
+  if (i < t.size() && t[i] == 'Z') {
+    ++i;
+  } else if (i < t.size() && (t[i] == '+' || t[i] == '-')) {
+    int oh, om;
+    if (!digits(i + 1, 2, oh) || !digits(i + 3, 2, om)) return std::nullopt;
+    offsetSeconds = (t[i] == '+' ? 1 : -1) * (oh * 3600 + om * 60);
+    i += 5;
+  } else {
+    return std::nullopt;
+  }
+  if (i != t.size() || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 60) return std::nullopt;
+  std::tm tm{};
+  tm.tm_year = y - 1900;
+  tm.tm_mon = mo - 1;
+  tm.tm_mday = d;
+  tm.tm_hour = h;
+  tm.tm_min = mi;
+  tm.tm_sec = s;
+  const time_t unix = timegm(&tm);
+  return dateFromUnixSeconds(static_cast<double>(unix) - offsetSeconds + fraction);
+}
+
+ReleaseState ReleaseParser::releaseState(const std::optional<std::string>& released, std::string_view year,
+                                         Date now) {
+  if (released) {
+    if (auto date = parseDate(*released)) {
+      const double nowUnix = unixSecondsFromDate(now);
+      const double startOfToday = std::floor(nowUnix / 86400.0) * 86400.0;
+      return unixSecondsFromDate(*date) > startOfToday ? ReleaseState::unreleased : ReleaseState::released;
+    }
+  }
+  const auto first4 = year.substr(0, 4);
+  int y = 0;
+  auto [p, ec] = std::from_chars(first4.data(), first4.data() + first4.size(), y);
+  if (first4.empty() || ec != std::errc() || p != first4.data() + first4.size() || y <= 1900)
+    return ReleaseState::unknown;
+  const time_t t = static_cast<time_t>(unixSecondsFromDate(now));
+  std::tm local{};
+  localtime_r(&t, &local);
+  const int current = local.tm_year + 1900;
+  if (y > current) return ReleaseState::unreleased;
+  if (y < current) return ReleaseState::released;
+  return ReleaseState::unknown;
+}
+
+std::string releaseInfoJson(const ReleaseInfo& i) {
+  JsonWriter w;
+  w.beginObject();
+  w.field("resolution", i.resolution);
+  w.field("codec", i.codec);
+  w.field("source", i.source);
+  w.field("service", i.service);
+  w.field("audio", i.audio);
+  w.field("hdr", i.hdr);
+  w.key("languages");
+  w.beginArray();
+  for (const auto& l : i.languages) w.value(l);
+  w.endArray();
+  w.field("container", i.container);
+  w.field("group", i.group);
+  w.field("season", i.season);
+  w.field("episode", i.episode);
+  w.field("isComplete", i.isComplete);
+  w.field("bitDepth", i.bitDepth);
+  w.field("isRemux", i.isRemux);
+  w.field("proper", i.proper);
+  w.field("repack", i.repack);
+  w.field("extended", i.extended);
+  w.field("directorsCut", i.directorsCut);
+  w.field("remastered", i.remastered);
+  w.field("upscaled", i.upscaled);
+  w.field("notTheFilm", i.notTheFilm);
+  w.field("stereo3D", i.stereo3D);
+  w.field("cyrillic", i.cyrillic);
+  w.field("burnedSubs", i.burnedSubs);
+  w.field("dolbyVisionOnly", i.dolbyVisionOnly);
+  w.field("dubbed", i.dubbed);
+  w.endObject();
+  return w.take();
+}
+
+}  // namespace vt

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Date.h"
+
+namespace vt {
+
+// Everything a release name tells. What can't be read stays absent.
+struct ReleaseInfo {
+  std::optional<std::string> resolution;  // "4K", "1080p", "720p", "480p"
+  std::optional<std::string> codec;       // "H.265", "H.264", "AV1", "VP9", "XviD"
+  std::optional<std::string> source;      // "REMUX", "WEB-DL", "Blu-ray", "HDTV", "CAM", "TS", "TC", "SCR", "WEB"
+  std::optional<std::string> service;     // "Netflix", "Amazon", ...
+  std::optional<std::string> audio;       // "Atmos", "TrueHD", "DTS-HD", "DTS", "DD+", "AC3", "AAC", "FLAC"
+  std::optional<std::string> hdr;         // "Dolby Vision", "HDR10", "HDR"
+  std::vector<std::string> languages;     // three-letter labels, "MULTI", "DUAL"
+  std::optional<std::string> container;   // lowercased known video extension
+  std::optional<std::string> group;
+  std::optional<int> season;
+  std::optional<int> episode;
+  bool isComplete = false;
+  std::optional<int> bitDepth;
+  bool isRemux = false;
+  bool proper = false;
+  bool repack = false;
+  bool extended = false;
+  bool directorsCut = false;
+  bool remastered = false;
+  bool upscaled = false;
+  bool notTheFilm = false;
+  bool stereo3D = false;
+  bool cyrillic = false;
+  bool burnedSubs = false;
+  bool dolbyVisionOnly = false;
+  bool dubbed = false;
+
+  bool operator==(const ReleaseInfo&) const = default;
+};
+
+// The one test of "is it out yet".
+enum class ReleaseState { released, unreleased, unknown };
+
+// Reads release names as add-ons send them. Never fails: any string gives a
+// ReleaseInfo. Safe to call from any thread.
+class ReleaseParser {
+ public:
+  // The memoised entry every caller uses (500 entries, keyed by the whole input).
+  static ReleaseInfo parse(std::string_view name);
+  // All passes, without the memo.
+  static ReleaseInfo parseUncached(std::string_view name);
+  // The words of the technical tail that nothing explains.
+  static std::vector<std::string> unrecognizedWords(std::string_view name);
+  // The release group of a name's base (the name without its video extension).
+  static std::optional<std::string> extractGroup(std::string_view base);
+
+  static ReleaseState releaseState(const std::optional<std::string>& released, std::string_view year, Date now);
+  // ISO 8601 in UTC, with or without fractional seconds.
+  static std::optional<Date> parseDate(std::string_view text);
+};
+
+// Compact JSON of the fields that are present (the vantory-release tool).
+std::string releaseInfoJson(const ReleaseInfo& info);
+
+}  // namespace vt

@@ -11,6 +11,7 @@
 #include "app/core/LibraryStore.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
+#include "plex/PMSClient.h"
 
 namespace vt {
 
@@ -155,6 +156,26 @@ void ManifestPublisher::flushNow() {
   pendingFlushCount_ = 0;
   lastFlushAt_ = clock_.now();
   if (hooks_.applyConfig) hooks_.applyConfig();
+}
+
+}  // namespace vt
+
+namespace vt {
+
+void ManifestPublisher::requestSubtitleReimport(const LibraryTitle& title, double delaySeconds) {
+  auto client = PMSClient::fromConfig(config_);
+  if (!client) return;
+  // The two library folders lie side by side in the data folder.
+  const auto dataDirectory = std::filesystem::path(movie_.paths.mountPoint).parent_path();
+  const std::string location = (dataDirectory / (title.season ? "Library TV" : "Library")).string();
+  auto alive = alive_;
+  Job::start([this, alive, client = std::move(*client), name = title.name, location,
+              delaySeconds](CancelToken token) -> QCoro::Task<> {
+    // A cancelled wait still asks: the subtitle is already in place.
+    if (delaySeconds > 0) co_await clock_.sleep(delaySeconds, token);
+    co_await client.refreshItem(name, location);
+    if (*alive) log("[supervisor] requested subtitle re-import for \"" + name + "\"");
+  });
 }
 
 }  // namespace vt

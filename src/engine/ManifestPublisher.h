@@ -77,6 +77,9 @@ class ManifestPublisher {
 
   void requestFlush(int count);
   void flushNow();
+  // Has Plex look at one title again after its subtitle file changed, after
+  // `delaySeconds` (so that the new entry stands in the folder by then).
+  void requestSubtitleReimport(const LibraryTitle& title, double delaySeconds);
   int pendingFlushCount() const { return pendingFlushCount_; }
 
  private:

@@ -5,6 +5,7 @@
 #include "engine/EngineTestKit.h"
 #include "engine/ManifestPublisher.h"
 #include "fakes/FakeHttpServer.h"
+#include "fakes/FakePlexServer.h"
 #include "platform/Clock.h"
 #include "platform/SerialFileWriter.h"
 
@@ -204,4 +205,32 @@ TEST(ManifestPublisher, FlushIsDebouncedByCountAndTime) {
   EXPECT_EQ(rig.applyCalls, 3) << "and the pending timer went with it";
   rig.publisher->flushNow();
   EXPECT_EQ(rig.applyCalls, 3) << "nothing pending";
+}
+
+TEST(ManifestPublisher, SubtitleReimportRefreshesTheTitleAfterTheDelay) {
+  Rig rig;
+  test::FakePlexServer plex;
+  const std::string location = rig.home.path() + "/Library";
+  plex.addSection("1", "Vantory", "movie", {location});
+  const auto title = film("tt7");
+  const auto& item = plex.addItem({"", "1", "movie", "Film", {}, {}, {}, {location + "/" + title.name}});
+  rig.config.setPmsURLString(plex.baseUrl().toString().toStdString());
+  rig.config.setToken(plex.token);
+
+  rig.publisher->requestSubtitleReimport(title, 4.0);
+  test::settle(50);
+  EXPECT_TRUE(plex.requests().empty()) << "waits for the delay";
+  rig.clock.advance(4);
+  ASSERT_TRUE(test::spinUntil([&] { return !rig.logs.empty(); }));
+  EXPECT_EQ(rig.logs.back(), "[supervisor] requested subtitle re-import for \"" + title.name + "\"");
+  EXPECT_EQ(plex.requests().back().path, QString::fromStdString("/library/metadata/" + item.ratingKey + "/refresh"));
+
+  // Without a server the line is still written; without a token nothing happens.
+  plex.forcedStatus = 500;
+  rig.publisher->requestSubtitleReimport(title, 0);
+  ASSERT_TRUE(test::spinUntil([&] { return rig.logs.size() == 2; }));
+  rig.config.setToken("");
+  rig.publisher->requestSubtitleReimport(title, 0);
+  test::settle(50);
+  EXPECT_EQ(rig.logs.size(), 2u);
 }

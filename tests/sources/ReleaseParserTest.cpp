@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <random>
 
+#include "../../bench/ReleaseNames.h"
 #include "platform/Json.h"
 #include "platform/SerialFileWriter.h"
 #include "sources/release/ReleaseParser.h"
@@ -229,4 +230,25 @@ TEST(ReleaseParser, AnyInputGivesAResultQuickly) {
   while (hostile.size() < 100000) hostile += "WATCH ";
   check(hostile);
   check(std::string(5000, '-') + std::string(5000, '.'));
+}
+
+TEST(ReleaseParser, FastPathAgreesWithThePatternByPatternPath) {
+  // The benchmark's names and random inputs: both paths must read them alike.
+  const auto names = vt::bench::releaseNames(4000);
+  std::mt19937 rng(17);
+  std::vector<std::string> inputs(names.begin(), names.end());
+  const std::string vocab[] = {"S01", "E02", "1x02", "2160", "216O", "1O8O", "720", "X", "x", "1920x1080", "٣",
+                               "DV", "HDR10", "SUBS", "ENG", "NAPISY PL", "WATCH IT FREE", "TRAILER PARK", "-",
+                               ".", "[", "]", "(", ")", "_", " ", "Фильм", "\xff", "ITA", "MULTI2", "COMPLETE",
+                               "S01-S03", "Season 2", "10bit", "HI10P", "YTS.MX", "[ABCD1234]", "mkv", "\n"};
+  for (int i = 0; i < 4000; ++i) {
+    std::string s;
+    const int n = 1 + static_cast<int>(rng() % 12);
+    for (int k = 0; k < n; ++k) s += vocab[rng() % std::size(vocab)];
+    inputs.push_back(s);
+  }
+  for (const auto& name : inputs) {
+    ASSERT_EQ(ReleaseParser::parseUncached(name), ReleaseParser::parseReference(name)) << name;
+    ASSERT_EQ(ReleaseParser::unrecognizedWords(name), ReleaseParser::unrecognizedWordsReference(name)) << name;
+  }
 }

@@ -15,66 +15,96 @@
 
 #include "platform/JsonWriter.h"
 #include "platform/Regex.h"
+#include "sources/release/Anchors.h"
 #include "sources/release/Resolution.h"
 
 namespace vt {
 
 namespace {
 
-using Row = std::pair<Regex, const char*>;
+// Set while the reference path runs: every pattern is then tried as it
+// stands, with no shortcut.
+thread_local bool t_reference = false;
+
+// A pattern with the literals that any of its matches must contain. When the
+// text holds none of them the pattern cannot match, and ICU is not asked;
+// this is what makes parsing fast, since most rows of most tables find
+// nothing in a given name.
+struct Pattern {
+  Regex re;
+  std::optional<std::vector<std::string>> anchors;
+
+  explicit Pattern(std::string_view p) : re(p), anchors(requiredLiterals(p)) {}
+  bool possible(std::string_view t) const { return t_reference || !anchors || containsAny(t, *anchors); }
+  bool matches(std::string_view t) const { return possible(t) && re.matches(t); }
+  std::optional<Regex::Match> search(std::string_view t) const {
+    if (!possible(t)) return std::nullopt;
+    return re.search(t);
+  }
+  std::vector<Regex::Match> searchAll(std::string_view t) const {
+    if (!possible(t)) return {};
+    return re.searchAll(t);
+  }
+  std::string replaceAll(std::string_view t, std::string_view with) const {
+    if (!possible(t)) return std::string(t);
+    return re.replaceAll(t, with);
+  }
+};
+
+using Row = std::pair<Pattern, const char*>;
 
 // Every pattern of the parser, compiled once. They run on upper-cased text,
 // so no pattern needs a case option.
 struct Patterns {
   std::vector<Row> resolution;
-  Regex dimensions{R"(\b([1-9]\d{2,3})X([1-9]\d{2,3})\b)"};
+  Pattern dimensions{R"(\b([1-9]\d{2,3})X([1-9]\d{2,3})\b)"};
   std::vector<Row> codec;
-  Regex remux{R"(\bREMUX\b)"};
+  Pattern remux{R"(\bREMUX\b)"};
   std::vector<Row> source;
   std::vector<Row> service;
   std::vector<Row> audio;
   std::vector<Row> hdr;
-  Regex subsPhrase{
+  Pattern subsPhrase{
       R"(\b(?:NAPISY|NAPI TRANS|NAPI|SUBS?|SUBBED|SUBTITLES?|MULTISUB|MSUB|ESUB)(?: (?:ENG|ITA|FRE|FRA|SPA|ESP|GER|POR|POL|PL|RUS|HUN|CZE|CZ|TUR|JPN|KOR|HIN|LAT|ENGLISH|POLISH|ITALIAN|FRENCH|SPANISH))+\b)"};
-  Regex subsLanguage{
+  Pattern subsLanguage{
       R"(\b(?:ENGLISH|POLISH|ITALIAN|FRENCH|SPANISH|GERMAN|RUSSIAN|PORTUGUESE|HINDI) (?:SUBS?|SUBBED|SUBTITLES?)\b)"};
-  Regex tailMarker{
+  Pattern tailMarker{
       R"(\b(?:(?:19|20)\d{2}|S\d{1,2}(?:E\d{1,3})?|(?:BDR|BD|BR|M)?(?:216[0O]|1[0O]8[0O]|72[0O]|48[0O])[PI]?|4K|UHD|WEB|WEB DL|WEBDL|WEBRIP|BLURAY|BLU RAY|BDRIP|BRRIP|BDREMUX|REMUX|HDTV|HDRIP|DVDRIP|CAM|CAMRIP|HDTS|TS|X26[45]|H ?26[45]|HEVC|AVC|XVID|AC3|EAC3|DDP\d*|DD|AAC|DTS|TRUEHD|ATMOS)\b)"};
-  Regex multi{R"(\bMULTI\d?\b)"};
+  Pattern multi{R"(\bMULTI\d?\b)"};
   std::vector<Row> spelled;
   std::vector<Row> codes;  // the code table, in its order
-  Regex dual{R"(\bDUAL\b)"};
-  Regex bit10{R"(\b(?:10\s?BIT|HI10P?)\b)"};
-  Regex bit8{R"(\b8\s?BIT\b)"};
-  Regex proper{R"(\bPROPER\b)"};
-  Regex repack{R"(\bREPACK\b)"};
-  Regex extended{R"(\bEXTENDED\b)"};
-  Regex directorsCut{R"(\b(?:DIRECTORS? CUT|DC)\b)"};
-  Regex remastered{R"(\bREMASTERED\b)"};
-  Regex upscaled{R"(\b(?:UPSCALED?|AI UPSCALE|AI USCALED?|AI ENHANCED|RIFE|INTERPOLATED)\b|\b(?:72|96|120) ?FPS)"};
-  Regex notTheFilm{R"(\b(?:TRAILER(?! PARK)|TLR|FEATURETTE|FULL MOVIE|FAN ?MADE|RECAP|WATCH .* FREE)\b)"};
-  Regex stereo3D{R"(\b(?:[HF] ?SBS|SBS|H ?OU|(?:HALF|FULL) (?:SBS|OU)|FS3D|STEREO3D|3DHDTV)\b)"};
-  Regex burnedSubs{R"(\b(?:HC|HCSUBS?|HARD ?SUBS?|HARDCODED|KORSUBS?)\b)"};
-  Regex dolbyVision{R"(\b(?:DOLBY VISION|DOVI|DV)\b)"};
-  Regex hdrFallback{R"(\b(?:HDR|HDR10|HDR10P|HDR10PLUS|HDR10X265|HLG)\b)"};
-  Regex dubbed{R"(\b(?:DUBBED|DUB)\b)"};
-  Regex ukr{R"(\bUKR\b)"};
-  Regex seasonEpisode{R"(\bS(\d{1,2})E(\d{1,3})\b)"};
-  Regex crossEpisode{R"(\b(\d{1,2})X(\d{2,3})\b)"};
-  Regex seasonOnly{R"(\b(?:S|SEASON )(\d{1,2})\b)"};
-  Regex complete{R"(\b(?:COMPLETE|S\d{1,2}\s?-\s?S?\d{1,2}|SEASONS?\s+\d\s?-\s?\d)\b)"};
-  Regex bracketTag{R"([\[(]([^\[\]()]+)[\])])"};
-  Regex dashTail{R"(-([A-Za-z0-9_.]{2,20})$)"};
-  Regex groupContext{
+  Pattern dual{R"(\bDUAL\b)"};
+  Pattern bit10{R"(\b(?:10\s?BIT|HI10P?)\b)"};
+  Pattern bit8{R"(\b8\s?BIT\b)"};
+  Pattern proper{R"(\bPROPER\b)"};
+  Pattern repack{R"(\bREPACK\b)"};
+  Pattern extended{R"(\bEXTENDED\b)"};
+  Pattern directorsCut{R"(\b(?:DIRECTORS? CUT|DC)\b)"};
+  Pattern remastered{R"(\bREMASTERED\b)"};
+  Pattern upscaled{R"(\b(?:UPSCALED?|AI UPSCALE|AI USCALED?|AI ENHANCED|RIFE|INTERPOLATED)\b|\b(?:72|96|120) ?FPS)"};
+  Pattern notTheFilm{R"(\b(?:TRAILER(?! PARK)|TLR|FEATURETTE|FULL MOVIE|FAN ?MADE|RECAP|WATCH .* FREE)\b)"};
+  Pattern stereo3D{R"(\b(?:[HF] ?SBS|SBS|H ?OU|(?:HALF|FULL) (?:SBS|OU)|FS3D|STEREO3D|3DHDTV)\b)"};
+  Pattern burnedSubs{R"(\b(?:HC|HCSUBS?|HARD ?SUBS?|HARDCODED|KORSUBS?)\b)"};
+  Pattern dolbyVision{R"(\b(?:DOLBY VISION|DOVI|DV)\b)"};
+  Pattern hdrFallback{R"(\b(?:HDR|HDR10|HDR10P|HDR10PLUS|HDR10X265|HLG)\b)"};
+  Pattern dubbed{R"(\b(?:DUBBED|DUB)\b)"};
+  Pattern ukr{R"(\bUKR\b)"};
+  Pattern seasonEpisode{R"(\bS(\d{1,2})E(\d{1,3})\b)"};
+  Pattern crossEpisode{R"(\b(\d{1,2})X(\d{2,3})\b)"};
+  Pattern seasonOnly{R"(\b(?:S|SEASON )(\d{1,2})\b)"};
+  Pattern complete{R"(\b(?:COMPLETE|S\d{1,2}\s?-\s?S?\d{1,2}|SEASONS?\s+\d\s?-\s?\d)\b)"};
+  Pattern bracketTag{R"([\[(]([^\[\]()]+)[\])])"};
+  Pattern dashTail{R"(-([A-Za-z0-9_.]{2,20})$)"};
+  Pattern groupContext{
       R"(\b(?:2160P?|1080P?|720P?|480P?|4K|UHD|BLURAY|BDRIP|BRRIP|WEB|WEBRIP|WEBDL|HDTV|DVDRIP|REMUX|X26[45]|H\.?26[45]|HEVC|AVC|XVID|DIVX|AV1|CAM|TELESYNC|HDTS|COMPLETE|S\d{1,2}E?\d*)\b)"};
-  Regex sizeWord{R"(^\d+(?:[.,]\d+)?(?:MB|GB|KBPS|BIT|CH)?$)"};
+  Pattern sizeWord{R"(^\d+(?:[.,]\d+)?(?:MB|GB|KBPS|BIT|CH)?$)"};
   // The scan list: what explains a word of the technical tail.
-  std::vector<const Regex*> scan;
+  std::vector<const Pattern*> scan;
 
   Patterns() {
     auto rows = [](std::initializer_list<std::pair<const char*, const char*>> list) {
       std::vector<Row> out;
-      for (const auto& [p, v] : list) out.emplace_back(Regex(p), v);
+      for (const auto& [p, v] : list) out.emplace_back(Pattern(p), v);
       return out;
     };
     resolution = rows({{R"(\b(?:HD|UHD)?216[0O][PI]?(?:HD|HDR|UHD)?\b)", "4K"},
@@ -120,7 +150,7 @@ struct Patterns {
              {"TAMIL", "TAM"},             {"TELUGU", "TEL"},             {"JAPANESE", "JPN"},
              {"KOREAN", "KOR"},            {"ENGLISH", "ENG"},            {"ITALIAN", "ITA"},
              {"GERMAN", "GER"},            {"PORTUGUESE", "POR"}})
-      spelled.emplace_back(Regex(std::string(R"(\b(?:)") + row + R"()\b)"), label);
+      spelled.emplace_back(Pattern(std::string(R"(\b(?:)") + row + R"()\b)"), label);
     codes = rows({{R"(\bITA\b)", "ITA"},
                   {R"(\bENG\b)", "ENG"},
                   {R"(\b(?:FRE|FRA|VFF|VF2|VFQ|VFI)\b)", "FRE"},
@@ -143,7 +173,7 @@ struct Patterns {
 
     for (const auto& r : resolution) scan.push_back(&r.first);
     scan.push_back(&dimensions);
-    for (const Regex* r : {&notTheFilm, &stereo3D, &burnedSubs, &dubbed, &ukr}) scan.push_back(r);
+    for (const Pattern* r : {&notTheFilm, &stereo3D, &burnedSubs, &dubbed, &ukr}) scan.push_back(r);
     for (const auto& r : codec) scan.push_back(&r.first);
     for (const auto& r : source) scan.push_back(&r.first);
     for (const auto& r : service) scan.push_back(&r.first);
@@ -152,7 +182,7 @@ struct Patterns {
     scan.push_back(&multi);
     for (const auto& [r, label] : codes)
       if (std::string_view(label) != "UKR" && std::string_view(label) != "DAN") scan.push_back(&r);
-    for (const Regex* r : {&dual, &remux, &bit10, &bit8, &proper, &repack, &extended, &directorsCut, &remastered,
+    for (const Pattern* r : {&dual, &remux, &bit10, &bit8, &proper, &repack, &extended, &directorsCut, &remastered,
                            &upscaled, &seasonEpisode, &crossEpisode, &seasonOnly, &complete})
       scan.push_back(r);
   }
@@ -268,7 +298,7 @@ std::optional<std::string> validateGroup(std::string_view candidate) {
   if (length < 2 || length > 20 || !letter) return std::nullopt;
   const std::string upperS = toUpper(s);
   if (rejectList().count(upperS)) return std::nullopt;
-  for (const Regex* r : P.scan)
+  for (const Pattern* r : P.scan)
     if (r->matches(upperS)) return std::nullopt;
   for (const auto& [r, label] : P.spelled)
     if (r.matches(upperS)) return std::nullopt;
@@ -353,7 +383,7 @@ std::optional<std::string> ReleaseParser::extractGroup(std::string_view base) {
 
   const auto tokens = splitAny(t, "_ ");
   if (tokens.empty()) return std::nullopt;
-  if (!P.groupContext.matches(normaliseReleaseName(t).upper)) return std::nullopt;
+  if (!P.groupContext.matches(normaliseReleaseName(t, t_reference).upper)) return std::nullopt;
   auto pieces = splitAny(tokens.back(), ".");
   if (pieces.size() > 1 && domainEndings().count(toLower(pieces.back()))) pieces.pop_back();
   if (pieces.empty()) return std::nullopt;
@@ -366,7 +396,7 @@ ReleaseInfo ReleaseParser::parseUncached(std::string_view name) {
   const auto& P = patterns();
   ReleaseInfo info;
   const auto line = firstLine(name);
-  const auto normalised = normaliseReleaseName(line);
+  const auto normalised = normaliseReleaseName(line, t_reference);
   info.container = normalised.container;
   const std::string& upper = normalised.upper;
   const std::string_view base = info.container ? line.substr(0, line.size() - info.container->size() - 1) : line;
@@ -447,6 +477,20 @@ ReleaseInfo ReleaseParser::parseUncached(std::string_view name) {
   return info;
 }
 
+ReleaseInfo ReleaseParser::parseReference(std::string_view name) {
+  t_reference = true;
+  auto info = parseUncached(name);
+  t_reference = false;
+  return info;
+}
+
+std::vector<std::string> ReleaseParser::unrecognizedWordsReference(std::string_view name) {
+  t_reference = true;
+  auto words = unrecognizedWords(name);
+  t_reference = false;
+  return words;
+}
+
 ReleaseInfo ReleaseParser::parse(std::string_view name) {
   if (auto hit = memo().get(name)) return *hit;
   auto info = parseUncached(name);
@@ -456,8 +500,8 @@ ReleaseInfo ReleaseParser::parse(std::string_view name) {
 
 std::vector<std::string> ReleaseParser::unrecognizedWords(std::string_view name) {
   const auto& P = patterns();
-  std::string text = technicalTail(normaliseReleaseName(firstLine(name)).upper);
-  for (const Regex* r : P.scan) text = r->replaceAll(text, " ");
+  std::string text = technicalTail(normaliseReleaseName(firstLine(name), t_reference).upper);
+  for (const Pattern* r : P.scan) text = r->replaceAll(text, " ");
   for (const auto& [r, label] : P.spelled) text = r.replaceAll(text, " ");
   const auto group = parse(name).group;
   const std::string upperGroup = group ? toUpper(*group) : std::string();

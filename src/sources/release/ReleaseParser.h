@@ -53,6 +53,10 @@ class ReleaseParser {
   static ReleaseInfo parse(std::string_view name);
   // All passes, without the memo.
   static ReleaseInfo parseUncached(std::string_view name);
+  // The same, trying every pattern as written with no shortcut: the yardstick
+  // that the fast path is tested against.
+  static ReleaseInfo parseReference(std::string_view name);
+  static std::vector<std::string> unrecognizedWordsReference(std::string_view name);
   // The words of the technical tail that nothing explains.
   static std::vector<std::string> unrecognizedWords(std::string_view name);
   // The release group of a name's base (the name without its video extension).

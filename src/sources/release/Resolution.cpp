@@ -1,5 +1,6 @@
 #include "sources/release/Resolution.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <utility>
@@ -17,7 +18,7 @@ const std::array<std::string_view, 9> kVideoExtensions = {"mkv", "mp4",  "avi", 
 
 }  // namespace
 
-NormalisedReleaseName normaliseReleaseName(std::string_view name) {
+NormalisedReleaseName normaliseReleaseName(std::string_view name, bool reference) {
   NormalisedReleaseName out;
   std::string_view base = name;
   // The path extension: after the last dot of the last path component.
@@ -32,6 +33,23 @@ NormalisedReleaseName normaliseReleaseName(std::string_view name) {
         break;
       }
     }
+  }
+  const bool ascii = std::all_of(base.begin(), base.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii && !reference) {
+    // Plain ASCII: the same result as the pattern and ICU's upper-casing.
+    out.upper.reserve(base.size());
+    bool inRun = false;
+    for (char c : base) {
+      const bool sep = c == '.' || c == '_' || c == '-' || c == '(' || c == ')' || c == '[' || c == ']';
+      if (sep) {
+        if (!inRun) out.upper += ' ';
+        inRun = true;
+        continue;
+      }
+      inRun = false;
+      out.upper += (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c;
+    }
+    return out;
   }
   static const Regex separators(R"([._\-()\[\]]+)");
   out.upper = toUpper(separators.replaceAll(base, " "));

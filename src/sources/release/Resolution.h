@@ -17,6 +17,7 @@ struct NormalisedReleaseName {
   std::optional<std::string> container;
   std::string upper;
 };
-NormalisedReleaseName normaliseReleaseName(std::string_view name);
+// `reference` takes the ICU path even for plain ASCII names.
+NormalisedReleaseName normaliseReleaseName(std::string_view name, bool reference = false);
 
 }  // namespace vt

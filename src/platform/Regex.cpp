@@ -135,6 +135,17 @@ std::optional<Regex::Match> Regex::search(std::string_view text, size_t from) co
   return captureMatch(*m, text);
 }
 
+bool Regex::contains(std::string_view text) const {
+  Utf8Text ut(text);
+  Lease lease(*this);
+  auto* m = lease.get();
+  if (!ut.get() || !m) return false;
+  UErrorCode status = U_ZERO_ERROR;
+  m->reset(ut.get());
+  const bool found = m->find(status);
+  return U_SUCCESS(status) && found;
+}
+
 std::optional<Regex::Match> Regex::matchAt(std::string_view text, size_t at) const {
   if (at > text.size()) return std::nullopt;
   Utf8Text ut(text);

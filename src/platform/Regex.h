@@ -42,7 +42,9 @@ class Regex {
     std::string text() const { return *group(0); }
   };
 
-  bool matches(std::string_view text) const { return search(text).has_value(); }
+  // Whether the pattern matches anywhere (no groups are collected).
+  bool contains(std::string_view text) const;
+  bool matches(std::string_view text) const { return contains(text); }
   // The first match at or after byte offset `from`.
   std::optional<Match> search(std::string_view text, size_t from = 0) const;
   std::vector<Match> searchAll(std::string_view text) const;

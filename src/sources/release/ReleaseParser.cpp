@@ -33,10 +33,19 @@ thread_local bool t_reference = false;
 struct Pattern {
   Regex re;
   std::optional<std::vector<std::string>> anchors;
+  // A further necessary condition, for patterns whose literals are too common
+  // to tell much (a lone "S" before digits, say).
+  bool (*guard)(std::string_view) = nullptr;
+  bool never = false;  // "(?!)" matches nothing
 
-  explicit Pattern(std::string_view p) : re(p), anchors(requiredLiterals(p)) {}
-  bool possible(std::string_view t) const { return t_reference || !anchors || containsAny(t, *anchors); }
-  bool matches(std::string_view t) const { return possible(t) && re.matches(t); }
+  explicit Pattern(std::string_view p) : re(p), anchors(requiredLiterals(p)), never(p == "(?!)") {}
+  bool possible(std::string_view t) const {
+    if (t_reference) return true;
+    if (never) return false;
+    if (anchors && !containsAny(t, *anchors)) return false;
+    return !guard || guard(t);
+  }
+  bool matches(std::string_view t) const { return possible(t) && re.contains(t); }
   std::optional<Regex::Match> search(std::string_view t) const {
     if (!possible(t)) return std::nullopt;
     return re.search(t);
@@ -52,6 +61,34 @@ struct Pattern {
 };
 
 using Row = std::pair<Pattern, const char*>;
+
+// Guards. `\d` also takes digits of other scripts, so a text with any byte
+// outside ASCII always passes; for ASCII text each guard is a condition that
+// every match of its pattern meets.
+bool nonAscii(std::string_view t) {
+  return std::any_of(t.begin(), t.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+}
+bool digit(char c) { return c >= '0' && c <= '9'; }
+bool letterThenDigit(std::string_view t, char letter) {
+  for (size_t i = 0; i + 1 < t.size(); ++i)
+    if (t[i] == letter && digit(t[i + 1])) return true;
+  return false;
+}
+bool digitXDigit(std::string_view t) {
+  for (size_t i = 1; i + 1 < t.size(); ++i)
+    if (t[i] == 'X' && digit(t[i - 1]) && digit(t[i + 1])) return true;
+  return false;
+}
+// S01E02, S01 and "SEASON 1" all need an S right before a digit, or "SEASON ".
+bool seasonGuard(std::string_view t) {
+  return nonAscii(t) || letterThenDigit(t, 'S') || t.find("SEASON ") != std::string_view::npos;
+}
+bool crossGuard(std::string_view t) { return nonAscii(t) || digitXDigit(t); }
+bool completeGuard(std::string_view t) {
+  return nonAscii(t) || letterThenDigit(t, 'S') || t.find("COMPLETE") != std::string_view::npos ||
+         t.find("SEASON") != std::string_view::npos;
+}
+bool sizeGuard(std::string_view t) { return nonAscii(t) || (!t.empty() && digit(t[0])); }
 
 // Every pattern of the parser, compiled once. They run on upper-cased text,
 // so no pattern needs a case option.
@@ -170,6 +207,13 @@ struct Patterns {
                   {R"(\b(?:TEL)\b)", "TEL"},
                   {R"(\b(?:JPN)\b)", "JPN"},
                   {R"(\b(?:KOR)\b)", "KOR"}});
+
+    seasonEpisode.guard = seasonGuard;
+    seasonOnly.guard = seasonGuard;
+    crossEpisode.guard = crossGuard;
+    dimensions.guard = crossGuard;
+    complete.guard = completeGuard;
+    sizeWord.guard = sizeGuard;
 
     for (const auto& r : resolution) scan.push_back(&r.first);
     scan.push_back(&dimensions);

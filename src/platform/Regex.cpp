@@ -122,64 +122,61 @@ Regex::Match captureMatch(icu::RegexMatcher& m, std::string_view text) {
 
 }  // namespace
 
-std::optional<Regex::Match> Regex::search(std::string_view text, size_t from) const {
-  if (from > text.size()) return std::nullopt;
+// Runs `step` with a pooled matcher reset to `text`; `fallback` when the text
+// or the matcher can't be had.
+template <class R, class Step>
+R Regex::withMatcher(std::string_view text, R fallback, Step&& step) const {
   Utf8Text ut(text);
   Lease lease(*this);
   auto* m = lease.get();
-  if (!ut.get() || !m) return std::nullopt;
-  UErrorCode status = U_ZERO_ERROR;
+  if (!ut.get() || !m) return fallback;
   m->reset(ut.get());
-  const bool found = from == 0 ? m->find(status) : m->find(static_cast<int64_t>(from), status);
-  if (U_FAILURE(status) || !found) return std::nullopt;
-  return captureMatch(*m, text);
+  return step(*m);
+}
+
+std::optional<Regex::Match> Regex::search(std::string_view text, size_t from) const {
+  if (from > text.size()) return std::nullopt;
+  return withMatcher<std::optional<Match>>(text, std::nullopt, [&](icu::RegexMatcher& m) -> std::optional<Match> {
+    UErrorCode status = U_ZERO_ERROR;
+    const bool found = from == 0 ? m.find(status) : m.find(static_cast<int64_t>(from), status);
+    if (U_FAILURE(status) || !found) return std::nullopt;
+    return captureMatch(m, text);
+  });
 }
 
 bool Regex::contains(std::string_view text) const {
-  Utf8Text ut(text);
-  Lease lease(*this);
-  auto* m = lease.get();
-  if (!ut.get() || !m) return false;
-  UErrorCode status = U_ZERO_ERROR;
-  m->reset(ut.get());
-  const bool found = m->find(status);
-  return U_SUCCESS(status) && found;
+  return withMatcher<bool>(text, false, [](icu::RegexMatcher& m) {
+    UErrorCode status = U_ZERO_ERROR;
+    const bool found = m.find(status);
+    return U_SUCCESS(status) && found;
+  });
 }
 
 std::optional<Regex::Match> Regex::matchAt(std::string_view text, size_t at) const {
   if (at > text.size()) return std::nullopt;
-  Utf8Text ut(text);
-  Lease lease(*this);
-  auto* m = lease.get();
-  if (!ut.get() || !m) return std::nullopt;
-  UErrorCode status = U_ZERO_ERROR;
-  m->reset(ut.get());
-  const bool found = m->lookingAt(static_cast<int64_t>(at), status);
-  if (U_FAILURE(status) || !found) return std::nullopt;
-  return captureMatch(*m, text);
+  return withMatcher<std::optional<Match>>(text, std::nullopt, [&](icu::RegexMatcher& m) -> std::optional<Match> {
+    UErrorCode status = U_ZERO_ERROR;
+    const bool found = m.lookingAt(static_cast<int64_t>(at), status);
+    if (U_FAILURE(status) || !found) return std::nullopt;
+    return captureMatch(m, text);
+  });
 }
 
 std::vector<Regex::Match> Regex::searchAll(std::string_view text) const {
-  std::vector<Match> out;
-  Utf8Text ut(text);
-  Lease lease(*this);
-  auto* m = lease.get();
-  if (!ut.get() || !m) return out;
-  UErrorCode status = U_ZERO_ERROR;
-  m->reset(ut.get());
-  while (m->find(status) && U_SUCCESS(status)) out.push_back(captureMatch(*m, text));
-  return out;
+  return withMatcher<std::vector<Match>>(text, {}, [&](icu::RegexMatcher& m) {
+    std::vector<Match> out;
+    UErrorCode status = U_ZERO_ERROR;
+    while (m.find(status) && U_SUCCESS(status)) out.push_back(captureMatch(m, text));
+    return out;
+  });
 }
 
 bool Regex::fullMatch(std::string_view text) const {
-  Utf8Text ut(text);
-  Lease lease(*this);
-  auto* m = lease.get();
-  if (!ut.get() || !m) return false;
-  UErrorCode status = U_ZERO_ERROR;
-  m->reset(ut.get());
-  const bool ok = m->matches(status);
-  return U_SUCCESS(status) && ok;
+  return withMatcher<bool>(text, false, [](icu::RegexMatcher& m) {
+    UErrorCode status = U_ZERO_ERROR;
+    const bool ok = m.matches(status);
+    return U_SUCCESS(status) && ok;
+  });
 }
 
 std::string Regex::replaceAll(std::string_view text, std::string_view replacement) const {

@@ -63,6 +63,8 @@ class Regex {
   // that a search allocates nothing in the common case.
   class Lease;
   struct Pool;
+  template <class R, class Step>
+  R withMatcher(std::string_view text, R fallback, Step&& step) const;
 
   std::string source_;
   std::unique_ptr<icu::RegexPattern> pattern_;

@@ -78,13 +78,15 @@ class Reader {
 
   Set sequence() {
     Set best;  // the strongest anchor set among the mandatory items
-    std::string run;
+    // The literal runs being read: several when a small class such as [0O]
+    // stood in the run (each spelling is one alternative).
+    std::vector<std::string> runs{std::string()};
     auto endRun = [&] {
-      if (!run.empty()) {
-        Set s = std::vector<std::string>{run};
+      if (!runs.front().empty()) {
+        Set s = runs;
         if (score(s) > score(best)) best = s;
       }
-      run.clear();
+      runs.assign(1, std::string());
     };
     while (i_ < p_.size() && p_[i_] != '|' && p_[i_] != ')') {
       const char c = p_[i_];
@@ -116,14 +118,29 @@ class Reader {
         continue;
       }
       if (c == '[') {
-        endRun();
+        // A small class of plain characters multiplies the runs; anything
+        // else ends them.
+        const size_t open = i_;
         ++i_;
-        if (i_ < p_.size() && p_[i_] == '^') ++i_;
+        bool negated = false;
+        if (i_ < p_.size() && p_[i_] == '^') negated = true, ++i_;
         if (i_ < p_.size() && p_[i_] == ']') ++i_;
         while (i_ < p_.size() && p_[i_] != ']') i_ += p_[i_] == '\\' ? 2 : 1;
+        const std::string_view body = p_.substr(open + 1 + (negated ? 1 : 0), i_ - open - 1 - (negated ? 1 : 0));
         ++i_;
         bool quantified;
-        quantifier(quantified);
+        const bool optional = quantifier(quantified);
+        const bool plain = !negated && !body.empty() && body.size() <= 4 &&
+                           body.find_first_of("\\-^[]") == std::string_view::npos;
+        if (optional || !plain || runs.size() * body.size() > 16) {
+          endRun();
+          continue;
+        }
+        std::vector<std::string> grown;
+        for (const auto& r : runs)
+          for (char k : body) grown.push_back(r + k);
+        runs = std::move(grown);
+        if (quantified) endRun();
         continue;
       }
       if (c == '\\') {
@@ -148,7 +165,7 @@ class Reader {
         endRun();
         continue;
       }
-      run += c;
+      for (auto& r : runs) r += c;
       if (quantified) endRun();
     }
     endRun();

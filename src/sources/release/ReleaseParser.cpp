@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bitset>
 #include <charconv>
 #include <cmath>
 #include <ctime>
@@ -26,6 +27,8 @@ namespace {
 // stands, with no shortcut.
 thread_local bool t_reference = false;
 
+bool anchorsPresent(std::string_view text, int id, const std::vector<std::string>& anchors);
+
 // A pattern with the literals that any of its matches must contain. When the
 // text holds none of them the pattern cannot match, and ICU is not asked;
 // this is what makes parsing fast, since most rows of most tables find
@@ -37,12 +40,13 @@ struct Pattern {
   // to tell much (a lone "S" before digits, say).
   bool (*guard)(std::string_view) = nullptr;
   bool never = false;  // "(?!)" matches nothing
+  int id = -1;         // its bit in the anchor scan, once registered
 
   explicit Pattern(std::string_view p) : re(p), anchors(requiredLiterals(p)), never(p == "(?!)") {}
   bool possible(std::string_view t) const {
     if (t_reference) return true;
     if (never) return false;
-    if (anchors && !containsAny(t, *anchors)) return false;
+    if (anchors && !anchorsPresent(t, id, *anchors)) return false;
     return !guard || guard(t);
   }
   bool matches(std::string_view t) const { return possible(t) && re.contains(t); }
@@ -89,6 +93,87 @@ bool completeGuard(std::string_view t) {
          t.find("SEASON") != std::string_view::npos;
 }
 bool sizeGuard(std::string_view t) { return nonAscii(t) || (!t.empty() && digit(t[0])); }
+
+// Aho-Corasick over the anchors of every pattern: one pass over a text tells
+// which patterns can match it.
+class AnchorScanner {
+ public:
+  using Bits = std::bitset<192>;
+
+  void add(const std::string& word, int id) { words_.emplace_back(word, id); }
+
+  void build() {
+    // Only the bytes that occur in some anchor get a symbol of their own;
+    // every other byte is symbol 0, which no anchor holds.
+    symbols_.fill(0);
+    int count = 1;
+    for (const auto& [w, id] : words_)
+      for (unsigned char c : w)
+        if (!symbols_[c]) symbols_[c] = static_cast<uint8_t>(count++);
+    width_ = count;
+    next_.assign(static_cast<size_t>(width_), -1);
+    out_.assign(1, Bits());
+    fail_.assign(1, 0);
+    for (const auto& [w, id] : words_) {
+      int node = 0;
+      for (unsigned char c : w) {
+        int& child = next_[static_cast<size_t>(node * width_ + symbols_[c])];
+        if (child < 0) {
+          child = static_cast<int>(out_.size());
+          out_.emplace_back();
+          fail_.push_back(0);
+          next_.resize(next_.size() + static_cast<size_t>(width_), -1);
+        }
+        node = next_[static_cast<size_t>(node * width_ + symbols_[c])];
+      }
+      out_[static_cast<size_t>(node)].set(static_cast<size_t>(id));
+    }
+    std::deque<int> queue;
+    for (int c = 0; c < width_; ++c) {
+      int& child = next_[static_cast<size_t>(c)];
+      if (child < 0) {
+        child = 0;
+      } else {
+        fail_[static_cast<size_t>(child)] = 0;
+        queue.push_back(child);
+      }
+    }
+    while (!queue.empty()) {
+      const int n = queue.front();
+      queue.pop_front();
+      const int f = fail_[static_cast<size_t>(n)];
+      out_[static_cast<size_t>(n)] |= out_[static_cast<size_t>(f)];
+      for (int c = 0; c < width_; ++c) {
+        int& child = next_[static_cast<size_t>(n * width_ + c)];
+        const int viaFail = next_[static_cast<size_t>(f * width_ + c)];
+        if (child < 0) {
+          child = viaFail;
+        } else {
+          fail_[static_cast<size_t>(child)] = viaFail;
+          queue.push_back(child);
+        }
+      }
+    }
+  }
+
+  Bits scan(std::string_view text) const {
+    Bits hits;
+    int node = 0;
+    for (unsigned char c : text) {
+      node = next_[static_cast<size_t>(node * width_ + symbols_[c])];
+      hits |= out_[static_cast<size_t>(node)];
+    }
+    return hits;
+  }
+
+ private:
+  std::vector<std::pair<std::string, int>> words_;
+  std::array<uint8_t, 256> symbols_{};
+  int width_ = 1;
+  std::vector<int> next_;
+  std::vector<int> fail_;
+  std::vector<Bits> out_;
+};
 
 // Every pattern of the parser, compiled once. They run on upper-cased text,
 // so no pattern needs a case option.
@@ -229,12 +314,54 @@ struct Patterns {
     for (const Pattern* r : {&dual, &remux, &bit10, &bit8, &proper, &repack, &extended, &directorsCut, &remastered,
                            &upscaled, &seasonEpisode, &crossEpisode, &seasonOnly, &complete})
       scan.push_back(r);
+
+    // Every pattern with anchors gets a bit; one pass over a text finds the
+    // anchors of all of them at once.
+    std::vector<Pattern*> all;
+    for (auto* table : {&resolution, &codec, &source, &service, &audio, &hdr, &spelled, &codes})
+      for (auto& row : *table) all.push_back(&row.first);
+    for (Pattern* p : {&dimensions, &remux, &subsPhrase, &subsLanguage, &tailMarker, &multi, &dual, &bit10, &bit8,
+                       &proper, &repack, &extended, &directorsCut, &remastered, &upscaled, &notTheFilm, &stereo3D,
+                       &burnedSubs, &dolbyVision, &hdrFallback, &dubbed, &ukr, &seasonEpisode, &crossEpisode,
+                       &seasonOnly, &complete, &bracketTag, &dashTail, &groupContext, &sizeWord})
+      all.push_back(p);
+    for (Pattern* p : all) {
+      if (!p->anchors || next >= kMaxAnchored) continue;
+      p->id = next++;
+      for (const auto& a : *p->anchors) scanner.add(a, p->id);
+    }
+    scanner.build();
   }
+
+  static constexpr int kMaxAnchored = 192;
+  int next = 0;
+  AnchorScanner scanner;
 };
 
 const Patterns& patterns() {
   static const Patterns p;
   return p;
+}
+
+// The texts of one parse are few and each is asked about many patterns, so
+// the scan of the last few texts is kept, keyed by their content.
+bool anchorsPresent(std::string_view text, int id, const std::vector<std::string>& anchors) {
+  if (id < 0) return containsAny(text, anchors);
+  struct Entry {
+    std::string text;
+    AnchorScanner::Bits bits;
+  };
+  thread_local std::array<Entry, 6> cache;
+  thread_local size_t nextSlot = 0;
+  thread_local bool filled[6] = {};
+  for (size_t i = 0; i < cache.size(); ++i)
+    if (filled[i] && cache[i].text == text) return cache[i].bits.test(static_cast<size_t>(id));
+  auto& e = cache[nextSlot];
+  filled[nextSlot] = true;
+  nextSlot = (nextSlot + 1) % cache.size();
+  e.text.assign(text);
+  e.bits = patterns().scanner.scan(text);
+  return e.bits.test(static_cast<size_t>(id));
 }
 
 std::optional<std::string> firstRow(const std::vector<Row>& table, std::string_view text) {
@@ -259,7 +386,18 @@ std::string withoutSubtitlePhrases(std::string text) {
 }
 
 std::string technicalTail(const std::string& upper) {
-  auto m = patterns().tailMarker.search(upper);
+  const auto& marker = patterns().tailMarker;
+  size_t from = 0;
+  if (!t_reference && marker.anchors) {
+    // Every alternative of the marker starts at most four bytes before one of
+    // its literals, so no match starts earlier than four bytes before the
+    // first literal in the text: the search can begin there.
+    size_t first = std::string::npos;
+    for (const auto& a : *marker.anchors) first = std::min(first, upper.find(a));
+    if (first == std::string::npos) return upper;
+    from = first > 4 ? first - 4 : 0;
+  }
+  auto m = marker.re.search(upper, from);
   return m ? upper.substr(m->begin()) : upper;
 }
 

@@ -28,6 +28,7 @@ namespace {
 thread_local bool t_reference = false;
 
 bool anchorsPresent(std::string_view text, int id, const std::vector<std::string>& anchors);
+bool nonAscii(std::string_view t);
 
 // A pattern with the literals that any of its matches must contain. When the
 // text holds none of them the pattern cannot match, and ICU is not asked;
@@ -42,14 +43,58 @@ struct Pattern {
   bool never = false;  // "(?!)" matches nothing
   int id = -1;         // its bit in the anchor scan, once registered
 
-  explicit Pattern(std::string_view p) : re(p), anchors(requiredLiterals(p)), never(p == "(?!)") {}
+  // Set when the pattern is nothing but literal words between word
+  // boundaries, "\b(?:A|B C)\b": then, on ASCII text, finding a literal with
+  // a boundary on each side is the whole match.
+  std::optional<std::vector<std::string>> words;
+
+  explicit Pattern(std::string_view p) : re(p), anchors(requiredLiterals(p)), never(p == "(?!)") {
+    std::string_view body = p;
+    if (!body.starts_with("\\b") || !body.ends_with("\\b")) return;
+    body = body.substr(2, body.size() - 4);
+    if (body.starts_with("(?:") && body.ends_with(")")) body = body.substr(3, body.size() - 4);
+    if (body.empty() || body.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789 |") != std::string_view::npos)
+      return;
+    std::vector<std::string> list;
+    size_t start = 0;
+    for (size_t i = 0; i <= body.size(); ++i) {
+      if (i == body.size() || body[i] == '|') {
+        // Each literal must begin and end with a word character for the
+        // neighbour test below to equal \b.
+        if (i == start || body[start] == ' ' || body[i - 1] == ' ') return;
+        list.emplace_back(body.substr(start, i - start));
+        start = i + 1;
+      }
+    }
+    words = std::move(list);
+  }
   bool possible(std::string_view t) const {
     if (t_reference) return true;
     if (never) return false;
     if (anchors && !anchorsPresent(t, id, *anchors)) return false;
     return !guard || guard(t);
   }
-  bool matches(std::string_view t) const { return possible(t) && re.contains(t); }
+  bool matches(std::string_view t) const {
+    if (!possible(t)) return false;
+    if (words && !t_reference && !nonAscii(t)) return containsWord(t);
+    return re.contains(t);
+  }
+  bool containsWord(std::string_view t) const {
+    auto wordChar = [](char c) {
+      return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+    };
+    for (const auto& w : *words) {
+      for (size_t at = t.find(w); at != std::string_view::npos; at = t.find(w, at + 1)) {
+        // The literal's own ends are word characters, so \b means the
+        // neighbours are not.
+        const bool left = at == 0 || !wordChar(t[at - 1]);
+        const size_t end = at + w.size();
+        const bool right = end == t.size() || !wordChar(t[end]);
+        if (left && right) return true;
+      }
+    }
+    return false;
+  }
   std::optional<Regex::Match> search(std::string_view t) const {
     if (!possible(t)) return std::nullopt;
     return re.search(t);
@@ -93,6 +138,9 @@ bool completeGuard(std::string_view t) {
          t.find("SEASON") != std::string_view::npos;
 }
 bool sizeGuard(std::string_view t) { return nonAscii(t) || (!t.empty() && digit(t[0])); }
+// The group context's literals hold a lone "S" (for S\d{1,2}E?\d*), which
+// most names contain; on ASCII text that alternative needs a digit after it.
+bool groupContextGuard(std::string_view t);
 
 // Aho-Corasick over the anchors of every pattern: one pass over a text tells
 // which patterns can match it.
@@ -299,6 +347,7 @@ struct Patterns {
     dimensions.guard = crossGuard;
     complete.guard = completeGuard;
     sizeWord.guard = sizeGuard;
+    groupContext.guard = groupContextGuard;
 
     for (const auto& r : resolution) scan.push_back(&r.first);
     scan.push_back(&dimensions);
@@ -341,6 +390,13 @@ struct Patterns {
 const Patterns& patterns() {
   static const Patterns p;
   return p;
+}
+
+bool groupContextGuard(std::string_view t) {
+  if (nonAscii(t) || letterThenDigit(t, 'S')) return true;
+  for (const auto& a : *patterns().groupContext.anchors)
+    if (a != "S" && t.find(a) != std::string_view::npos) return true;
+  return false;
 }
 
 // The texts of one parse are few and each is asked about many patterns, so
@@ -393,7 +449,16 @@ std::string technicalTail(const std::string& upper) {
     // its literals, so no match starts earlier than four bytes before the
     // first literal in the text: the search can begin there.
     size_t first = std::string::npos;
-    for (const auto& a : *marker.anchors) first = std::min(first, upper.find(a));
+    const bool ascii = !nonAscii(upper);
+    for (const auto& a : *marker.anchors) {
+      if (a == "S" && ascii) {
+        // "S" stands for S\d{1,2}: on ASCII text only an S before a digit.
+        for (size_t i = 0; i + 1 < upper.size() && i < first; ++i)
+          if (upper[i] == 'S' && digit(upper[i + 1])) first = i;
+        continue;
+      }
+      first = std::min(first, upper.find(a));
+    }
     if (first == std::string::npos) return upper;
     from = first > 4 ? first - 4 : 0;
   }

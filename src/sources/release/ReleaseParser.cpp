@@ -624,8 +624,22 @@ std::optional<std::string> ReleaseParser::extractGroup(std::string_view base) {
     }
   }
 
-  if (auto m = P.dashTail.search(t)) {
-    if (auto valid = validateGroup(*m->group(1))) return valid;
+  // "-([A-Za-z0-9_.]{2,20})$": the dash must stand right before the trailing
+  // run of those characters (a dash is not one of them), so reading the run
+  // from the end gives the same capture as the pattern.
+  std::optional<std::string> dashTail;
+  if (t_reference) {
+    if (auto m = P.dashTail.search(t)) dashTail = m->group(1);
+  } else {
+    auto tailChar = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.'; };
+    size_t k = 0;
+    while (k < t.size() && k <= 20 && static_cast<unsigned char>(t[t.size() - 1 - k]) < 0x80 &&
+           tailChar(t[t.size() - 1 - k]))
+      ++k;
+    if (k >= 2 && k <= 20 && t.size() > k && t[t.size() - 1 - k] == '-') dashTail = t.substr(t.size() - k);
+  }
+  if (dashTail) {
+    if (auto valid = validateGroup(*dashTail)) return valid;
   }
 
   const auto tokens = splitAny(t, "_ ");

@@ -25,8 +25,8 @@ void BM_ParseUncached(benchmark::State& state) {
     parsed += names().size();
   }
   state.SetItemsProcessed(static_cast<int64_t>(parsed));
-  state.counters["us_per_name"] = benchmark::Counter(static_cast<double>(parsed) / 1e6,
-                                                     benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["us_per_name"] =
+      benchmark::Counter(static_cast<double>(parsed) / 1e6, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_ParseUncached)->Unit(benchmark::kMillisecond)->Iterations(1);
 

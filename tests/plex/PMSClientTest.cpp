@@ -143,7 +143,8 @@ TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
 TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   Rig rig;
   std::vector<std::string> keys;
-  for (int i = 0; i < 120; ++i) keys.push_back(rig.plex.addItem({"", "1", "movie", std::string("F").append(std::to_string(i))}).ratingKey);
+  for (int i = 0; i < 120; ++i)
+    keys.push_back(rig.plex.addItem({"", "1", "movie", std::string("F").append(std::to_string(i))}).ratingKey);
   rig.plex.clearRequests();
   ASSERT_TRUE(run(rig.client.addLabel("1", keys, "My List")).ok());
   ASSERT_EQ(rig.plex.requests().size(), 3u);

@@ -63,12 +63,12 @@ TEST(ReleaseParser, ResolutionRowsAndDimensionBoundaries) {
     const char* name;
     std::optional<std::string> res;
   };
-  for (const C& c : {C{"Film.1O8OP", "1080p"}, C{"Film.72OP", "720p"}, C{"Film.720", std::nullopt},
-                     C{"Film.1080", "1080p"}, C{"Film.1920x1080", "1080p"}, C{"Film.1280x720", "720p"},
-                     C{"Film.3840x2160", "4K"}, C{"Film.640x480", "480p"}, C{"Film.3200x100", "4K"},
-                     C{"Film.3199x999", "1080p"}, C{"Film.1700x600", "1080p"}, C{"Film.1699x999", "720p"},
-                     C{"Film.1180x600", "720p"}, C{"Film.1179x699", "480p"}, C{"Film.1100x700", "720p"},
-                     C{"Film.0640x480", std::nullopt}, C{"Film.720p.1920x1080", "720p"}}) {
+  for (const C& c :
+       {C{"Film.1O8OP", "1080p"}, C{"Film.72OP", "720p"}, C{"Film.720", std::nullopt}, C{"Film.1080", "1080p"},
+        C{"Film.1920x1080", "1080p"}, C{"Film.1280x720", "720p"}, C{"Film.3840x2160", "4K"}, C{"Film.640x480", "480p"},
+        C{"Film.3200x100", "4K"}, C{"Film.3199x999", "1080p"}, C{"Film.1700x600", "1080p"}, C{"Film.1699x999", "720p"},
+        C{"Film.1180x600", "720p"}, C{"Film.1179x699", "480p"}, C{"Film.1100x700", "720p"},
+        C{"Film.0640x480", std::nullopt}, C{"Film.720p.1920x1080", "720p"}}) {
     EXPECT_EQ(p(c.name).resolution, c.res) << c.name;
   }
 }
@@ -173,7 +173,8 @@ TEST(ReleaseParser, UnrecognizedWordsOfTheTail) {
     EXPECT_EQ(words["BOO"].example, "B 2019 1080p ZAP BOO x264");
     EXPECT_FALSE(std::filesystem::exists(file)) << "nothing is saved before 25 new names";
     std::vector<std::string> many;
-    for (int i = 0; i < 25; ++i) many.push_back(std::string("C").append(std::to_string(i)).append(" 2019 1080p QQQ x264"));
+    for (int i = 0; i < 25; ++i)
+      many.push_back(std::string("C").append(std::to_string(i)).append(" 2019 1080p QQQ x264"));
     census.record(many);
     ASSERT_TRUE(std::filesystem::exists(file));
   }
@@ -206,8 +207,8 @@ TEST(ReleaseParser, ReleaseStateAndDates) {
 
 TEST(ReleaseParser, AnyInputGivesAResultQuickly) {
   std::mt19937 rng(9);
-  const std::string vocab[] = {"1080p", "S01E02", "MULTI", "[", "]", "(", ")", "-", ".", " ", "\xff", "\xc3",
-                               "\u200f", "Фильм", "WATCH ", " FREE", "\n", "\0", "ITA", "YTS", "2160", "x"};
+  const std::string vocab[] = {"1080p", "S01E02", "MULTI", "[",      "]",     "(",  ")",  "-",   ".",   " ",    "\xff",
+                               "\xc3",  "\u200f", "Фильм", "WATCH ", " FREE", "\n", "\0", "ITA", "YTS", "2160", "x"};
   auto check = [](const std::string& name) {
     const auto start = std::chrono::steady_clock::now();
     (void)ReleaseParser::parseUncached(name);
@@ -237,10 +238,45 @@ TEST(ReleaseParser, FastPathAgreesWithThePatternByPatternPath) {
   const auto names = vt::bench::releaseNames(4000);
   std::mt19937 rng(17);
   std::vector<std::string> inputs(names.begin(), names.end());
-  const std::string vocab[] = {"S01", "E02", "1x02", "2160", "216O", "1O8O", "720", "X", "x", "1920x1080", "٣",
-                               "DV", "HDR10", "SUBS", "ENG", "NAPISY PL", "WATCH IT FREE", "TRAILER PARK", "-",
-                               ".", "[", "]", "(", ")", "_", " ", "Фильм", "\xff", "ITA", "MULTI2", "COMPLETE",
-                               "S01-S03", "Season 2", "10bit", "HI10P", "YTS.MX", "[ABCD1234]", "mkv", "\n"};
+  const std::string vocab[] = {"S01",
+                               "E02",
+                               "1x02",
+                               "2160",
+                               "216O",
+                               "1O8O",
+                               "720",
+                               "X",
+                               "x",
+                               "1920x1080",
+                               "٣",
+                               "DV",
+                               "HDR10",
+                               "SUBS",
+                               "ENG",
+                               "NAPISY PL",
+                               "WATCH IT FREE",
+                               "TRAILER PARK",
+                               "-",
+                               ".",
+                               "[",
+                               "]",
+                               "(",
+                               ")",
+                               "_",
+                               " ",
+                               "Фильм",
+                               "\xff",
+                               "ITA",
+                               "MULTI2",
+                               "COMPLETE",
+                               "S01-S03",
+                               "Season 2",
+                               "10bit",
+                               "HI10P",
+                               "YTS.MX",
+                               "[ABCD1234]",
+                               "mkv",
+                               "\n"};
   for (int i = 0; i < 4000; ++i) {
     std::string s;
     const int n = 1 + static_cast<int>(rng() % 12);

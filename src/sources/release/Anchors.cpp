@@ -130,8 +130,8 @@ class Reader {
         ++i_;
         bool quantified;
         const bool optional = quantifier(quantified);
-        const bool plain = !negated && !body.empty() && body.size() <= 4 &&
-                           body.find_first_of("\\-^[]") == std::string_view::npos;
+        const bool plain =
+            !negated && !body.empty() && body.size() <= 4 && body.find_first_of("\\-^[]") == std::string_view::npos;
         if (optional || !plain || runs.size() * body.size() > 16) {
           endRun();
           continue;

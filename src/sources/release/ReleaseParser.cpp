@@ -287,15 +287,15 @@ struct Patterns {
                   {R"(\bAV1\b)", "AV1"},
                   {R"(\bVP9\b)", "VP9"},
                   {R"(\b(?:XVID|DIVX)\b)", "XviD"}});
-    source = rows(
-        {{R"(\b(?:WEB DL|WEBDL)\b)", "WEB-DL"},
-         {R"(\b(?:BLURAY|BLU RAY|BDRIP|BRRIP)\b)", "Blu-ray"},
-         {R"(\bHDTV\b)", "HDTV"},
-         {R"(\b(?:(?:HD|HQ|NEW|T|HDT)?CAM(?:RIP|HD)?|CAM RIP|PREDVD|PRE DVD|PRE ?HD|HQ PRE|KINO ?RIP)\b)", "CAM"},
-         {R"(\b(?:TELESYNCH?|TELE SYNCH?|HDTS|TS|HDTSCR|TSSCR|TSSCREENER)\b)", "TS"},
-         {R"(\b(?:TELECINE|TELE CINE|TC|HDTC)\b)", "TC"},
-         {R"(\b(?:DVDSCR|DVDSCREENER|SCREENER|HDSCR|SCR)\b)", "SCR"},
-         {R"(\b(?:WEB|WEBRIP)\b)", "WEB"}});
+    source =
+        rows({{R"(\b(?:WEB DL|WEBDL)\b)", "WEB-DL"},
+              {R"(\b(?:BLURAY|BLU RAY|BDRIP|BRRIP)\b)", "Blu-ray"},
+              {R"(\bHDTV\b)", "HDTV"},
+              {R"(\b(?:(?:HD|HQ|NEW|T|HDT)?CAM(?:RIP|HD)?|CAM RIP|PREDVD|PRE DVD|PRE ?HD|HQ PRE|KINO ?RIP)\b)", "CAM"},
+              {R"(\b(?:TELESYNCH?|TELE SYNCH?|HDTS|TS|HDTSCR|TSSCR|TSSCREENER)\b)", "TS"},
+              {R"(\b(?:TELECINE|TELE CINE|TC|HDTC)\b)", "TC"},
+              {R"(\b(?:DVDSCR|DVDSCREENER|SCREENER|HDSCR|SCR)\b)", "SCR"},
+              {R"(\b(?:WEB|WEBRIP)\b)", "WEB"}});
     service = rows({{R"(\b(?:NF|NETFLIX)\b)", "Netflix"},
                     {R"(\b(?:AMZN|AMAZON)\b)", "Amazon"},
                     {R"(\bHMAX\b)", "HBO Max"},
@@ -312,14 +312,27 @@ struct Patterns {
                   {R"(\bAAC\b)", "AAC"},
                   {R"(\bFLAC\b)", "FLAC"}});
     hdr = rows({{R"(\b(?:DOLBY VISION|DOVI|DV)\b)", "Dolby Vision"}, {R"(\bHDR10\b)", "HDR10"}, {R"(\bHDR\b)", "HDR"}});
-    for (const auto& [row, label] : std::initializer_list<std::pair<const char*, const char*>>{
-             {"FRENCH|TRUEFRENCH", "FRE"}, {"CASTELLANO|SPANISH", "SPA"}, {"DAN|DANISH", "DAN"},
-             {"UKRAINIAN", "UKR"},         {"DUBLADO", "POR"},            {"LATINO", "LAT"},
-             {"CZECH", "CZE"},             {"RUSSIAN", "RUS"},            {"POLISH", "POL"},
-             {"HUNGARIAN", "HUN"},         {"TURKISH", "TUR"},            {"HINDI", "HIN"},
-             {"TAMIL", "TAM"},             {"TELUGU", "TEL"},             {"JAPANESE", "JPN"},
-             {"KOREAN", "KOR"},            {"ENGLISH", "ENG"},            {"ITALIAN", "ITA"},
-             {"GERMAN", "GER"},            {"PORTUGUESE", "POR"}})
+    for (const auto& [row, label] :
+         std::initializer_list<std::pair<const char*, const char*>>{{"FRENCH|TRUEFRENCH", "FRE"},
+                                                                    {"CASTELLANO|SPANISH", "SPA"},
+                                                                    {"DAN|DANISH", "DAN"},
+                                                                    {"UKRAINIAN", "UKR"},
+                                                                    {"DUBLADO", "POR"},
+                                                                    {"LATINO", "LAT"},
+                                                                    {"CZECH", "CZE"},
+                                                                    {"RUSSIAN", "RUS"},
+                                                                    {"POLISH", "POL"},
+                                                                    {"HUNGARIAN", "HUN"},
+                                                                    {"TURKISH", "TUR"},
+                                                                    {"HINDI", "HIN"},
+                                                                    {"TAMIL", "TAM"},
+                                                                    {"TELUGU", "TEL"},
+                                                                    {"JAPANESE", "JPN"},
+                                                                    {"KOREAN", "KOR"},
+                                                                    {"ENGLISH", "ENG"},
+                                                                    {"ITALIAN", "ITA"},
+                                                                    {"GERMAN", "GER"},
+                                                                    {"PORTUGUESE", "POR"}})
       spelled.emplace_back(Pattern(std::string(R"(\b(?:)") + row + R"()\b)"), label);
     codes = rows({{R"(\bITA\b)", "ITA"},
                   {R"(\bENG\b)", "ENG"},
@@ -361,7 +374,7 @@ struct Patterns {
     for (const auto& [r, label] : codes)
       if (std::string_view(label) != "UKR" && std::string_view(label) != "DAN") scan.push_back(&r);
     for (const Pattern* r : {&dual, &remux, &bit10, &bit8, &proper, &repack, &extended, &directorsCut, &remastered,
-                           &upscaled, &seasonEpisode, &crossEpisode, &seasonOnly, &complete})
+                             &upscaled, &seasonEpisode, &crossEpisode, &seasonOnly, &complete})
       scan.push_back(r);
 
     // Every pattern with anchors gets a bit; one pass over a text finds the
@@ -369,10 +382,11 @@ struct Patterns {
     std::vector<Pattern*> all;
     for (auto* table : {&resolution, &codec, &source, &service, &audio, &hdr, &spelled, &codes})
       for (auto& row : *table) all.push_back(&row.first);
-    for (Pattern* p : {&dimensions, &remux, &subsPhrase, &subsLanguage, &tailMarker, &multi, &dual, &bit10, &bit8,
-                       &proper, &repack, &extended, &directorsCut, &remastered, &upscaled, &notTheFilm, &stereo3D,
-                       &burnedSubs, &dolbyVision, &hdrFallback, &dubbed, &ukr, &seasonEpisode, &crossEpisode,
-                       &seasonOnly, &complete, &bracketTag, &dashTail, &groupContext, &sizeWord})
+    for (Pattern* p : {&dimensions,   &remux,       &subsPhrase, &subsLanguage, &tailMarker,    &multi,
+                       &dual,         &bit10,       &bit8,       &proper,       &repack,        &extended,
+                       &directorsCut, &remastered,  &upscaled,   &notTheFilm,   &stereo3D,      &burnedSubs,
+                       &dolbyVision,  &hdrFallback, &dubbed,     &ukr,          &seasonEpisode, &crossEpisode,
+                       &seasonOnly,   &complete,    &bracketTag, &dashTail,     &groupContext,  &sizeWord})
       all.push_back(p);
     for (Pattern* p : all) {
       if (!p->anchors || next >= kMaxAnchored) continue;
@@ -506,17 +520,16 @@ std::vector<std::string> splitAny(std::string_view s, std::string_view seps) {
 
 const std::set<std::string>& rejectList() {
   static const std::set<std::string> words = {
-      "WWW",      "COM",      "ORG",       "NET",      "THE",        "BY",          "AND",        "OF",
-      "MKV",      "MP4",      "AVI",       "TEAM",     "WORLD",      "HD",          "FHD",        "SD",
-      "SDR",      "DLRIP",    "WEBDLRIP",  "HDRIP",    "DV",         "DUB",         "DUBBED",     "DUBLADO",
-      "LEGENDADO", "NACIONAL", "SUB",      "SUBS",     "ESUB",       "ESUBS",       "MSUBS",      "SURROUND",
-      "STEREO",   "MONO",     "IPHONE",    "CLEAN",    "HQ",         "NEW",         "FINAL",      "V2",
-      "V3",       "LAT",      "LATINO",    "CASTELLANO", "SAMPLE",   "TRAILER",     "ENG",        "ENGLISH",
-      "RIP",      "DL",       "MULTI",     "DUAL",     "AUDIO",      "FILM",        "MOVIE",      "COMPLETE",
-      "EXTRAS",   "NL",       "EN",        "FR",       "DE",         "ES",          "IT",         "PT",
-      "PL",       "RU",       "CZ",        "HU",       "TR",         "JP",          "KR",         "CN",
-      "BR",       "CLUB",     "NNM-CLUB",  "1XBET",    "VEGAMOVIES", "BLUDV",       "CINECALIDAD", "TORRENT911",
-      "BOLLY4U",  "WOLFMAX4K"};
+      "WWW",      "COM",      "ORG",      "NET",   "THE",        "BY",      "AND",         "OF",         "MKV",
+      "MP4",      "AVI",      "TEAM",     "WORLD", "HD",         "FHD",     "SD",          "SDR",        "DLRIP",
+      "WEBDLRIP", "HDRIP",    "DV",       "DUB",   "DUBBED",     "DUBLADO", "LEGENDADO",   "NACIONAL",   "SUB",
+      "SUBS",     "ESUB",     "ESUBS",    "MSUBS", "SURROUND",   "STEREO",  "MONO",        "IPHONE",     "CLEAN",
+      "HQ",       "NEW",      "FINAL",    "V2",    "V3",         "LAT",     "LATINO",      "CASTELLANO", "SAMPLE",
+      "TRAILER",  "ENG",      "ENGLISH",  "RIP",   "DL",         "MULTI",   "DUAL",        "AUDIO",      "FILM",
+      "MOVIE",    "COMPLETE", "EXTRAS",   "NL",    "EN",         "FR",      "DE",          "ES",         "IT",
+      "PT",       "PL",       "RU",       "CZ",    "HU",         "TR",      "JP",          "KR",         "CN",
+      "BR",       "CLUB",     "NNM-CLUB", "1XBET", "VEGAMOVIES", "BLUDV",   "CINECALIDAD", "TORRENT911", "BOLLY4U",
+      "WOLFMAX4K"};
   return words;
 }
 
@@ -554,14 +567,15 @@ std::optional<std::string> validateGroup(std::string_view candidate) {
 }
 
 bool isHex8(std::string_view w) {
-  return w.size() == 8 && std::all_of(w.begin(), w.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
+  return w.size() == 8 &&
+         std::all_of(w.begin(), w.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
 }
 
 const std::set<std::string>& domainEndings() {
-  static const std::set<std::string> endings = {"com", "org", "net", "to",  "tw",   "ro",    "lt",   "me",   "cc",
-                                                "io",  "co",  "mx",  "bz",  "gg",   "am",    "ag",   "in",   "ws",
+  static const std::set<std::string> endings = {"com",  "org",  "net", "to",   "tw",    "ro",   "lt",  "me",  "cc",
+                                                "io",   "co",   "mx",  "bz",   "gg",    "am",   "ag",  "in",  "ws",
                                                 "info", "club", "xyz", "site", "rocks", "land", "one", "pro", "vip",
-                                                "sx",  "ru",  "pl",  "es",  "fr",   "it",    "de",   "nl"};
+                                                "sx",   "ru",   "pl",  "es",   "fr",    "it",   "de",  "nl"};
   return endings;
 }
 
@@ -766,9 +780,9 @@ std::vector<std::string> ReleaseParser::unrecognizedWords(std::string_view name)
   for (const auto& [r, label] : P.spelled) text = r.replaceAll(text, " ");
   const auto group = parse(name).group;
   const std::string upperGroup = group ? toUpper(*group) : std::string();
-  static const std::set<std::string> ignored = {"WWW", "COM",  "ORG",  "NET",   "THE", "BY",  "AND",
-                                                "OF",  "YTS",  "MX",   "AM",    "AG",  "LT",  "GG",
-                                                "BZ",  "YIFY", "RARBG", "TGX",  "MKV", "MP4", "AVI"};
+  static const std::set<std::string> ignored = {"WWW", "COM",  "ORG",   "NET", "THE", "BY",  "AND",
+                                                "OF",  "YTS",  "MX",    "AM",  "AG",  "LT",  "GG",
+                                                "BZ",  "YIFY", "RARBG", "TGX", "MKV", "MP4", "AVI"};
   std::vector<std::string> out;
   for (const auto& word : splitAny(text, " ")) {
     if (characterCount(word) < 2 || (group && word == upperGroup) || ignored.count(word)) continue;
@@ -833,8 +847,7 @@ std::optional<Date> ReleaseParser::parseDate(std::string_view text) {
   return dateFromUnixSeconds(static_cast<double>(unix) - offsetSeconds + fraction);
 }
 
-ReleaseState ReleaseParser::releaseState(const std::optional<std::string>& released, std::string_view year,
-                                         Date now) {
+ReleaseState ReleaseParser::releaseState(const std::optional<std::string>& released, std::string_view year, Date now) {
   if (released) {
     if (auto date = parseDate(*released)) {
       const double nowUnix = unixSecondsFromDate(now);

@@ -15,7 +15,6 @@ namespace {
 const std::array<std::string_view, 9> kVideoExtensions = {"mkv", "mp4",  "avi",  "m4v", "mov",
                                                           "wmv", "webm", "m2ts", "mpg"};
 
-
 }  // namespace
 
 NormalisedReleaseName normaliseReleaseName(std::string_view name, bool reference) {

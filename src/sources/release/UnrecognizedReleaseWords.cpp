@@ -53,8 +53,7 @@ void UnrecognizedReleaseWords::record(const std::vector<std::string>& names) {
     if (words_.size() > kMaxWords) {
       std::vector<std::pair<int64_t, std::string>> byCount;
       for (const auto& [w, word] : words_) byCount.emplace_back(word.count, w);
-      std::stable_sort(byCount.begin(), byCount.end(),
-                       [](const auto& a, const auto& b) { return a.first < b.first; });
+      std::stable_sort(byCount.begin(), byCount.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
       for (size_t i = 0; i < byCount.size() - kMaxWords; ++i) words_.erase(byCount[i].second);
     }
     unsaved_ += static_cast<int>(fresh.size());

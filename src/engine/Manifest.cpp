@@ -179,7 +179,4 @@ ManifestFingerprints fingerprints(const std::vector<EngineEntry>& entries) {
   return {all.hex(), visible.hex()};
 }
 
-std::string fingerprint(const std::vector<EngineEntry>& entries) { return fingerprints(entries).all; }
-std::string visibleFingerprint(const std::vector<EngineEntry>& entries) { return fingerprints(entries).visible; }
-
 }  // namespace vt

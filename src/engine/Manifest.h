@@ -36,7 +36,5 @@ struct ManifestFingerprints {
   std::string visible;  // of the entries that are not hidden
 };
 ManifestFingerprints fingerprints(const std::vector<EngineEntry>& entries);
-std::string fingerprint(const std::vector<EngineEntry>& entries);
-std::string visibleFingerprint(const std::vector<EngineEntry>& entries);
 
 }  // namespace vt

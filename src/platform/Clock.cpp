@@ -96,11 +96,6 @@ void ManualClock::advance(double seconds) {
   now_ = target;
 }
 
-std::optional<double> ManualClock::nextDeadlineIn() const {
-  if (timers_.empty()) return std::nullopt;
-  return timers_.begin()->first.deadline - now_;
-}
-
 Clock& systemClock() {
   static SystemClock clock;
   return clock;

@@ -77,11 +77,7 @@ class ManualClock final : public Clock {
   // Moves time forward by `seconds`, firing every timer that falls due,
   // including timers scheduled by the callbacks themselves.
   void advance(double seconds);
-  // Fires the timers due right now without moving the clock.
-  void runDue() { advance(0); }
   size_t pendingTimers() const { return timers_.size(); }
-  // Seconds until the next timer, or none.
-  std::optional<double> nextDeadlineIn() const;
 
  private:
   struct Key {

@@ -9,20 +9,14 @@
 #include "platform/Clock.h"
 #include "platform/SerialFileWriter.h"
 #include "support/TestKit.h"
+#include "support/Titles.h"
 
 using namespace vt;
 
 namespace {
 
 LibraryTitle film(const std::string& name, const std::string& url = "http://cdn/x", std::optional<Date> at = 100.0) {
-  LibraryTitle t;
-  t.name = name;
-  t.url = url;
-  t.size = 1000;
-  t.sizeVerified = true;
-  t.source = "stremio";
-  t.resolvedAt = at;
-  return t;
+  return test::sampleTitle(name, url, at);
 }
 
 void writeText(const std::string& path, const std::string& text) { ASSERT_TRUE(writeFileAtomically(path, text)); }

@@ -6,20 +6,14 @@
 #include "engine/Manifest.h"
 #include "platform/Clock.h"
 #include "support/TestKit.h"
+#include "support/Titles.h"
 
 using namespace vt;
 
 namespace {
 
 LibraryTitle title(const std::string& name, const std::string& url, Date resolvedAt) {
-  LibraryTitle t;
-  t.name = name;
-  t.url = url;
-  t.size = 1000;
-  t.sizeVerified = true;
-  t.source = "stremio";
-  t.resolvedAt = resolvedAt;
-  return t;
+  return test::sampleTitle(name, url, resolvedAt);
 }
 
 struct SmallLibrary {

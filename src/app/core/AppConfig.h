@@ -81,7 +81,6 @@ class AppConfig : public QObject {
 
   // Re-runs the registry sync (after the provider set changes elsewhere).
   void syncRegistry() const;
-  void setRegistrySync(RegistrySync sync) { registrySync_ = std::move(sync); }
 
   SettingsStore& store() const { return store_; }
 

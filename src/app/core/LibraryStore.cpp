@@ -182,10 +182,6 @@ LibraryTitle readTitle(element e) {
 
 }  // namespace
 
-std::optional<std::vector<LibraryStore::RecordRef>> LibraryStore::decodeRecords(std::string_view text) {
-  return decodeRecords(simdjson::padded_string(text));
-}
-
 std::optional<std::vector<LibraryStore::RecordRef>> LibraryStore::decodeRecords(const simdjson::padded_string& padded) {
   simdjson::dom::parser parser;
   element doc;
@@ -215,15 +211,6 @@ std::optional<std::vector<LibraryStore::RecordRef>> LibraryStore::decodeRecords(
   work(0, std::min(items.size(), chunk));
   for (auto& th : pool) th.join();
   if (bad) return std::nullopt;
-  return out;
-}
-
-std::optional<std::vector<LibraryTitle>> LibraryStore::decodeFile(std::string_view text) {
-  auto records = decodeRecords(text);
-  if (!records) return std::nullopt;
-  std::vector<LibraryTitle> out;
-  out.reserve(records->size());
-  for (auto& r : *records) out.push_back(r->title);
   return out;
 }
 

@@ -61,8 +61,6 @@ class LibraryStore : public QObject {
   size_t seriesIndexSize() const { return ix_.bySeries.size(); }
   // Whether the indexes equal a rebuild from the list (tests).
   bool indexesMatchRebuild() const;
-  // Loads titles from the text of library.json; none when any of it is bad.
-  static std::optional<std::vector<LibraryTitle>> decodeFile(std::string_view text);
 
   void upsert(LibraryTitle title);
   void remove(const std::string& name);
@@ -78,7 +76,6 @@ class LibraryStore : public QObject {
 
  private:
   static RecordRef makeRecord(LibraryTitle title);
-  static std::optional<std::vector<RecordRef>> decodeRecords(std::string_view text);
   static std::optional<std::vector<RecordRef>> decodeRecords(const simdjson::padded_string& text);
   void load();
   void rebuildIndexes();

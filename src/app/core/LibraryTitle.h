@@ -56,7 +56,7 @@ struct LibraryTitle {
 };
 
 // JSON of library.json: the keys are the field names, in field order, absent
-// optionals left out. (Decoding lives with the store: LibraryStore::decodeFile.)
+// optionals left out. (Decoding lives with the store, which reads the whole file at once.)
 void writeLibraryTitle(JsonWriter& w, const LibraryTitle& t);
 std::string encodeLibraryTitles(const std::vector<const LibraryTitle*>& titles);
 

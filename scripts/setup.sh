@@ -8,7 +8,8 @@ PACKAGES=(
   g++ cmake ninja-build ccache pkg-config
   qt6-base-dev qt6-httpserver-dev qt6-websockets-dev qcoro-qt6-dev
   libicu-dev nlohmann-json3-dev libsimdjson-dev libxxhash-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libnfs-dev libfuse3-dev fuse3 ffmpeg
+  libgtest-dev libgmock-dev libbenchmark-dev libnfs-utils
 )
 
 root=$(cd "$(dirname "$0")/.." && pwd)

@@ -8,6 +8,7 @@
 #include <QTcpSocket>
 #include <QUrlQuery>
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 #include "app/core/Logging.h"
@@ -90,8 +91,28 @@ std::optional<Options> parseArguments(const std::vector<std::string>& args, std:
   return o;
 }
 
+namespace {
+
+// The probe cache lies beside the manifest.
+std::string probeCacheFor(const std::string& manifest) {
+  const auto slash = manifest.rfind('/');
+  return (slash == std::string::npos ? std::string(".") : manifest.substr(0, slash)) + "/probe-cache";
+}
+
+}  // namespace
+
 Engine::Engine(Options options)
-    : options_(std::move(options)), http_(vt::systemClock(), vt::HttpClient::Session::ephemeral) {}
+    : options_(std::move(options)),
+      http_(vt::systemClock(), vt::HttpClient::Session::ephemeral),
+      reader_(http_, probeCacheFor(options_.config),
+              SourceReader::Hooks{[this](const std::string& line) { log(line); },
+                                  [this](const std::string& name, int64_t size) {
+                                    auto it = entries_.find(name);
+                                    if (it != entries_.end()) it->second.size = size;
+                                    tree_.setSize(name, size);
+                                  }}),
+      service_(*this, static_cast<uint32_t>(::getuid()), static_cast<uint32_t>(::getgid())),
+      nfs_(service_) {}
 
 Engine::~Engine() { warmer_.cancel(); }
 
@@ -109,13 +130,6 @@ bool Engine::start(std::string& error) {
             nfs_.errorString().toStdString();
     return false;
   }
-  // NFS is served by a later stage of this engine; the port is held.
-  QObject::connect(&nfs_, &QTcpServer::newConnection, &nfs_, [this] {
-    while (auto* socket = nfs_.nextPendingConnection()) {
-      socket->close();
-      socket->deleteLater();
-    }
-  });
   routes();
   if (control_.listen(QHostAddress(QString::fromStdString(options_.controlHost)), options_.controlPort) == 0) {
     error = "cannot listen for control on " + options_.controlHost + ":" + std::to_string(options_.controlPort);
@@ -169,9 +183,43 @@ int Engine::reload() {
       next[name] = state;
     }
   }
+  for (const auto& [name, state] : entries_) {
+    auto kept = next.find(name);
+    if (kept == next.end() || !(kept->second.entry == state.entry)) reader_.forget(name);
+  }
   entries_ = std::move(next);
   for (const auto& [name, s] : entries_) expected_.erase(name);
+
+  std::vector<NfsTree::File> files;
+  for (const auto& [name, s] : entries_)
+    if (!s.entry.hidden) files.push_back({name, s.size.value_or(s.entry.size), s.entry.mtime});
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now).count();
+  const auto nanos = static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() % 1000000000);
+  for (const auto& bad : tree_.rebuild(files, seconds, nanos)) log("not serving \"" + bad + "\": not a usable path");
   return deferred;
+}
+
+QCoro::Task<NfsBackend::ReadOutcome> Engine::read(std::string entry, uint64_t offset, uint32_t count,
+                                                  std::string& out) {
+  auto it = entries_.find(entry);
+  if (it == entries_.end()) co_return ReadOutcome{};
+  const vt::EngineEntry source = it->second.entry;
+  const int64_t known = it->second.size.value_or(source.size);
+  const size_t before = out.size();
+  const SourceReader::Outcome got = co_await reader_.read(source, known, offset, count, out);
+  it = entries_.find(entry);
+  if (it != entries_.end() && it->second.entry == source) {
+    it->second.bytesServed += static_cast<int64_t>(out.size() - before);
+    if (got.size && it->second.size != got.size) {
+      it->second.size = got.size;
+      tree_.setSize(entry, *got.size);
+    }
+  }
+  ReadOutcome outcome;
+  outcome.ok = got.ok;
+  outcome.eof = got.eof;
+  co_return outcome;
 }
 
 void Engine::queueWarm(const std::vector<std::string>& names) {
@@ -324,7 +372,10 @@ void Engine::routes() {
   control_.route("/control/budget", Method::Post, [this](const QHttpServerRequest& req) {
     auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
     if (body && body->is_object() && body->contains("cache_gb") && (*body)["cache_gb"].is_number())
+    {
       budgetGB_ = (*body)["cache_gb"].get<double>();
+      reader_.setBudgetBytes(static_cast<int64_t>(std::max(0.0, budgetGB_) * 1e9));
+    }
     return jsonReply(vt::Json::object());
   });
   control_.route("/control/playback", Method::Post, [this](const QHttpServerRequest& req) {

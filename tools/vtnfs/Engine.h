@@ -11,6 +11,10 @@
 #include <QHttpServer>
 #include <QTcpServer>
 
+#include "NfsServer.h"
+#include "NfsService.h"
+#include "NfsTree.h"
+#include "SourceReader.h"
 #include "engine/EngineContract.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
@@ -34,10 +38,10 @@ std::optional<Options> parseArguments(const std::vector<std::string>& args, std:
 
 // The engine behind the control port: the manifest's entries and what is
 // known of each, warming, and the hints the application sends.
-class Engine {
+class Engine : public NfsBackend {
  public:
   explicit Engine(Options options);
-  ~Engine();
+  ~Engine() override;
 
   // Binds the NFS port, then the control port, and reads the manifest.
   // False with a message when either address can't be bound.
@@ -58,6 +62,10 @@ class Engine {
   int reload();
   void log(const std::string& line);
 
+  // NfsBackend
+  const NfsTree& tree() const override { return tree_; }
+  QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out) override;
+
  private:
   void routes();
   void queueWarm(const std::vector<std::string>& names);
@@ -67,14 +75,17 @@ class Engine {
 
   Options options_;
   QHttpServer control_;
-  QTcpServer nfs_;
   std::map<std::string, EntryState> entries_;
+  NfsTree tree_;
   std::vector<std::string> warmQueue_;
   std::set<std::string> boosted_;
   std::map<std::string, double> expected_;
   bool playback_ = false;
   double budgetGB_ = 0;
   vt::HttpClient http_;
+  SourceReader reader_;
+  NfsService service_;
+  NfsServer nfs_;
   vt::Job warmer_;
   vt::Completion warmWake_;
 };

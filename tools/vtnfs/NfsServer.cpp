@@ -1,0 +1,67 @@
+#include "NfsServer.h"
+
+#include <QPointer>
+#include <QTcpSocket>
+
+#include "platform/Job.h"
+
+namespace vtnfs {
+
+namespace {
+
+// The bytes received on one connection that don't make a whole record yet.
+struct Pending : QObject {
+  using QObject::QObject;
+  std::string buffer;
+  std::string record;  // fragments of the record being assembled
+};
+
+}  // namespace
+
+bool NfsServer::listen(const QHostAddress& address, quint16 port) {
+  if (!server_.listen(address, port)) return false;
+  connect(&server_, &QTcpServer::newConnection, this, [this] { accept(); });
+  return true;
+}
+
+void NfsServer::accept() {
+  while (QTcpSocket* socket = server_.nextPendingConnection()) {
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    auto* pending = new Pending(socket);
+    connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    connect(socket, &QTcpSocket::readyRead, socket, [this, socket, pending] {
+      const QByteArray data = socket->readAll();
+      pending->buffer.append(data.constData(), static_cast<size_t>(data.size()));
+      size_t pos = 0;
+      auto& buf = pending->buffer;
+      while (buf.size() - pos >= 4) {
+        const auto* b = reinterpret_cast<const unsigned char*>(buf.data() + pos);
+        const uint32_t mark = (uint32_t(b[0]) << 24) | (uint32_t(b[1]) << 16) | (uint32_t(b[2]) << 8) | b[3];
+        const bool last = (mark & 0x80000000u) != 0;
+        const size_t length = mark & 0x7fffffffu;
+        if (pending->record.size() + length > NfsService::kMaxRecord) {
+          socket->abort();
+          return;
+        }
+        if (buf.size() - pos - 4 < length) break;
+        pending->record.append(buf, pos + 4, length);
+        pos += 4 + length;
+        if (!last) continue;
+        QPointer<QTcpSocket> target(socket);
+        vt::Job::start([this, target, record = std::move(pending->record)](vt::CancelToken) mutable -> QCoro::Task<> {
+          auto reply = co_await service_.handle(std::move(record));
+          if (!target) co_return;
+          if (!reply) {
+            target->abort();
+            co_return;
+          }
+          if (!reply->empty()) target->write(reply->data(), static_cast<qint64>(reply->size()));
+        });
+        pending->record.clear();
+      }
+      buf.erase(0, pos);
+    });
+  }
+}
+
+}  // namespace vtnfs

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <qcoro/qcorotask.h>
+
+#include "NfsTree.h"
+
+namespace vtnfs {
+
+// What the protocol needs from the engine: the tree and the bytes.
+class NfsBackend {
+ public:
+  virtual ~NfsBackend() = default;
+  virtual const NfsTree& tree() const = 0;
+
+  struct ReadOutcome {
+    bool ok = false;   // false: the source failed (an I/O error for the client)
+    bool eof = false;  // the read reached the end of the file
+  };
+  // Appends up to `count` bytes of `entry` from `offset` to `out`.
+  virtual QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out) = 0;
+};
+
+// NFS version 3 and MOUNT version 3 over ONC RPC, read-only, without the
+// socket: one call record in, one reply record out. The same port serves
+// both programs.
+class NfsService {
+ public:
+  static constexpr uint32_t kMaxRead = 1 << 20;
+  static constexpr size_t kMaxRecord = (1 << 20) + 4096;  // larger calls close the connection
+
+  NfsService(NfsBackend& backend, uint32_t uid, uint32_t gid) : backend_(backend), uid_(uid), gid_(gid) {}
+
+  // The reply to one complete record, record mark included; an empty text
+  // when no reply is due (a record that isn't a call); none when the record
+  // is too broken to answer and the connection should close.
+  QCoro::Task<std::optional<std::string>> handle(std::string record);
+
+ private:
+  struct Call;
+  QCoro::Task<bool> nfs(Call& call, std::string& out);
+  bool mount(Call& call, std::string& out);
+  void attributes(std::string& out, const NfsNode& node) const;
+  void postOpAttributes(std::string& out, const NfsNode* node) const;
+  bool readdir(Call& call, std::string& out, bool plus);
+
+  NfsBackend& backend_;
+  uint32_t uid_;
+  uint32_t gid_;
+};
+
+}  // namespace vtnfs

@@ -1,0 +1,330 @@
+#include "SourceReader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <xxhash.h>
+
+#include <QDir>
+#include <QFileInfo>
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include "platform/SerialFileWriter.h"
+
+namespace vtnfs {
+
+namespace {
+
+// Every source of an entry, in the order they are tried.
+std::vector<std::string> candidates(const vt::EngineEntry& e) {
+  std::vector<std::string> out;
+  if (!e.lazy && !e.url.empty()) out.push_back(e.url);
+  if (!e.resolve_url.empty()) out.push_back(e.resolve_url);
+  if (e.alt_sources)
+    for (const auto& alt : *e.alt_sources)
+      if (!alt.resolve_url.empty()) out.push_back(alt.resolve_url);
+  return out;
+}
+
+// The identity of an entry's bytes: the same name and sources read the same.
+std::string identity(const vt::EngineEntry& e) {
+  const std::string text = e.name + '\0' + e.url + '\0' + e.resolve_url + '\0' + e.rd_link;
+  char hex[17];
+  std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(XXH3_64bits(text.data(), text.size())));
+  return hex;
+}
+
+// "bytes a-b/total" or "bytes */total"; total is none when it is "*".
+bool contentRange(const QByteArray& value, int64_t& first, std::optional<int64_t>& total) {
+  const QByteArray v = value.trimmed();
+  if (!v.startsWith("bytes ")) return false;
+  const int slash = v.lastIndexOf('/');
+  if (slash < 0) return false;
+  const QByteArray range = v.mid(6, slash - 6), size = v.mid(slash + 1);
+  bool ok = true;
+  if (size != "*") {
+    total = size.toLongLong(&ok);
+    if (!ok || *total < 0) return false;
+  }
+  if (range == "*") {
+    first = -1;
+    return true;
+  }
+  const int dash = range.indexOf('-');
+  if (dash <= 0) return false;
+  first = range.left(dash).toLongLong(&ok);
+  return ok;
+}
+
+}  // namespace
+
+SourceReader::SourceReader(vt::HttpClient& http, std::string cacheDirectory, Hooks hooks)
+    : http_(http), cacheDirectory_(std::move(cacheDirectory)), hooks_(std::move(hooks)) {
+  // What an earlier run left in the cache counts against the budget, oldest first.
+  QDir dir(QString::fromStdString(cacheDirectory_));
+  const auto files = dir.entryInfoList({"*.chunk"}, QDir::Files, QDir::Time | QDir::Reversed);
+  for (const QFileInfo& f : files) {
+    const std::string id = f.completeBaseName().toStdString();
+    diskOrder_.emplace_back(id, f.size());
+    disk_[id] = std::prev(diskOrder_.end());
+    diskBytes_ += f.size();
+  }
+}
+
+SourceReader::~SourceReader() {
+  for (auto& [path, fd] : fds_) ::close(fd);
+}
+
+void SourceReader::setBudgetBytes(int64_t bytes) {
+  budgetBytes_ = std::max<int64_t>(0, bytes);
+  evict();
+}
+
+void SourceReader::forget(const std::string& entryName) {
+  sources_.erase(entryName);
+  for (auto it = fds_.begin(); it != fds_.end();) {
+    if (it->first == entryName) {
+      ::close(it->second);
+      it = fds_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+SourceReader::Outcome SourceReader::readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count,
+                                              std::string& out) {
+  auto it = fds_.find(entry.name);
+  if (it == fds_.end()) {
+    if (fds_.size() >= 64) {
+      for (auto& [name, fd] : fds_) ::close(fd);
+      fds_.clear();
+    }
+    const int fd = ::open(entry.local.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return {};
+    it = fds_.emplace(entry.name, fd).first;
+  }
+  struct stat st{};
+  if (::fstat(it->second, &st) != 0) return {};
+  const auto size = static_cast<int64_t>(st.st_size);
+  if (offset >= static_cast<uint64_t>(size)) return {true, true, size};
+  const auto n = static_cast<size_t>(std::min<uint64_t>(count, static_cast<uint64_t>(size) - offset));
+  const size_t before = out.size();
+  out.resize(before + n);
+  size_t got = 0;
+  while (got < n) {
+    const ssize_t r = ::pread(it->second, out.data() + before + got, n - got, static_cast<off_t>(offset + got));
+    if (r < 0 && errno == EINTR) continue;
+    if (r < 0) {
+      out.resize(before);
+      return {};
+    }
+    if (r == 0) break;
+    got += static_cast<size_t>(r);
+  }
+  out.resize(before + got);
+  return {true, offset + got >= static_cast<uint64_t>(size), size};
+}
+
+SourceReader::SourceState& SourceReader::stateFor(const vt::EngineEntry& entry) {
+  auto& st = sources_[entry.name];
+  const std::string key = identity(entry);
+  if (st.key != key) st = SourceState{key};
+  return st;
+}
+
+QCoro::Task<SourceReader::Outcome> SourceReader::read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset,
+                                                      uint32_t count, std::string& out) {
+  if (!entry.local.empty()) co_return readLocal(entry, offset, count, out);
+  if (count == 0) co_return Outcome{true, false, std::nullopt};
+
+  std::optional<int64_t> total = stateFor(entry).total;
+  const int64_t size = total.value_or(knownSize);
+  if (total && offset >= static_cast<uint64_t>(size)) co_return Outcome{true, true, total};
+
+  const auto firstChunk = static_cast<int64_t>(offset / kChunk);
+  const auto lastChunk = static_cast<int64_t>((offset + count - 1) / kChunk);
+  bool shortChunk = false;
+  uint64_t end = offset;
+  for (int64_t k = firstChunk; k <= lastChunk && !shortChunk; ++k) {
+    const Chunk c = co_await chunk(entry, k);
+    if (!c) co_return Outcome{};
+    const int64_t chunkStart = k * kChunk;
+    const auto from = static_cast<size_t>(std::max<int64_t>(static_cast<int64_t>(end), chunkStart) - chunkStart);
+    shortChunk = c->size() < static_cast<size_t>(kChunk);
+    if (from >= c->size()) break;
+    const size_t want = std::min<size_t>(c->size() - from, offset + count - end);
+    out.append(c->data() + from, want);
+    end += want;
+  }
+
+  auto& st = stateFor(entry);
+  total = st.total;
+  const bool eof = total ? end >= static_cast<uint64_t>(*total) : shortChunk && end < offset + count;
+  st.lastChunk = lastChunk;
+  readAhead(entry, lastChunk);
+  co_return Outcome{true, eof, total};
+}
+
+void SourceReader::readAhead(const vt::EngineEntry& entry, int64_t index) {
+  for (int64_t j = index + 1; j <= index + kReadAhead; ++j) {
+    const auto& st = stateFor(entry);
+    if (st.total && j * kChunk >= *st.total) return;
+    const std::string id = st.key + "-" + std::to_string(j);
+    if (inflight_.count(id) || disk_.count(id)) continue;
+    if (std::any_of(memory_.begin(), memory_.end(), [&](const auto& m) { return m.first == id; })) continue;
+    vt::Job::start([this, entry, j](vt::CancelToken) -> QCoro::Task<> { co_await chunk(entry, j); });
+  }
+}
+
+QCoro::Task<SourceReader::Chunk> SourceReader::chunk(vt::EngineEntry entry, int64_t index) {
+  const std::string id = stateFor(entry).key + "-" + std::to_string(index);
+  if (Chunk c = memoryGet(id)) co_return c;
+  if (Chunk c = diskGet(id)) {
+    memoryPut(id, c);
+    co_return c;
+  }
+  if (auto it = inflight_.find(id); it != inflight_.end()) {
+    const auto pending = it->second;
+    co_await pending->done;
+    co_return pending->chunk;
+  }
+  auto pending = std::make_shared<Inflight>();
+  inflight_[id] = pending;
+  Chunk c = co_await fetch(entry, index);
+  pending->chunk = c;
+  inflight_.erase(id);
+  if (c) {
+    memoryPut(id, c);
+    diskPut(id, c);
+  }
+  pending->done.fire();
+  co_return c;
+}
+
+QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int64_t index) {
+  const auto sources = candidates(entry);
+  SourceState snapshot = stateFor(entry);
+  const int64_t first = index * kChunk;
+  int64_t last = first + kChunk - 1;
+  if (snapshot.total) {
+    if (first >= *snapshot.total) co_return std::make_shared<const std::string>();
+    last = std::min(last, *snapshot.total - 1);
+  }
+
+  // The link that worked last, then the sources from the one it came from:
+  // asking a resolve URL again gives a fresh link when the old one expired.
+  std::vector<std::pair<std::string, size_t>> attempts;
+  if (!snapshot.link.empty()) attempts.emplace_back(snapshot.link, snapshot.candidate);
+  for (size_t i = snapshot.candidate; i < sources.size(); ++i) attempts.emplace_back(sources[i], i);
+
+  for (const auto& [url, candidate] : attempts) {
+    vt::HttpRequest request;
+    request.url = QUrl(QString::fromStdString(url));
+    request.range = std::make_pair(first, std::optional<int64_t>(last));
+    request.timeoutSeconds = kRequestTimeout;
+    const vt::HttpResponse reply = co_await http_.send(std::move(request));
+
+    Chunk c;
+    std::optional<int64_t> total;
+    if (reply.failure == vt::HttpFailure::none && reply.status == 206) {
+      int64_t start = -1;
+      const auto cr = reply.header("Content-Range");
+      if (cr && contentRange(*cr, start, total) && start == first &&
+          (!total || static_cast<int64_t>(reply.body.size()) ==
+                         std::min(last, *total - 1) - first + 1))
+        c = std::make_shared<const std::string>(reply.body.constData(), static_cast<size_t>(reply.body.size()));
+    } else if (reply.failure == vt::HttpFailure::none && reply.status == 200) {
+      // A source that ignores ranges sends the whole file.
+      total = reply.body.size();
+      const int64_t from = std::min<int64_t>(first, *total);
+      const int64_t to = std::min<int64_t>(last + 1, *total);
+      c = std::make_shared<const std::string>(reply.body.constData() + from, static_cast<size_t>(to - from));
+    } else if (reply.failure == vt::HttpFailure::none && reply.status == 416) {
+      int64_t start = -1;
+      const auto cr = reply.header("Content-Range");
+      if (cr && contentRange(*cr, start, total) && total && first >= *total)
+        c = std::make_shared<const std::string>();
+    }
+    if (!c) {
+      if (hooks_.log)
+        hooks_.log("source " + std::to_string(candidate + 1) + " of " + entry.name + " failed (" +
+                   (reply.failure == vt::HttpFailure::none ? "HTTP " + std::to_string(reply.status)
+                                                           : reply.errorText) +
+                   ")");
+      continue;
+    }
+    auto& st = stateFor(entry);
+    if (st.key == snapshot.key) {
+      if (st.link.empty() || candidate != st.candidate || url != st.link) {
+        st.link = reply.finalUrl.isValid() ? reply.finalUrl.toString().toStdString() : url;
+        st.candidate = candidate;
+      }
+      if (total && st.total != total) {
+        st.total = total;
+        if (hooks_.sizeConfirmed) hooks_.sizeConfirmed(entry.name, *total);
+      }
+    }
+    co_return c;
+  }
+  co_return Chunk();
+}
+
+SourceReader::Chunk SourceReader::memoryGet(const std::string& id) {
+  for (auto it = memory_.begin(); it != memory_.end(); ++it) {
+    if (it->first != id) continue;
+    memory_.splice(memory_.begin(), memory_, it);
+    return memory_.front().second;
+  }
+  return nullptr;
+}
+
+void SourceReader::memoryPut(const std::string& id, Chunk chunk) {
+  for (auto it = memory_.begin(); it != memory_.end(); ++it)
+    if (it->first == id) {
+      memory_.erase(it);
+      break;
+    }
+  memory_.emplace_front(id, std::move(chunk));
+  if (memory_.size() > kMemoryChunks) memory_.pop_back();
+}
+
+SourceReader::Chunk SourceReader::diskGet(const std::string& id) {
+  auto it = disk_.find(id);
+  if (it == disk_.end()) return nullptr;
+  auto text = vt::readFile(cacheDirectory_ + "/" + id + ".chunk");
+  if (!text || static_cast<int64_t>(text->size()) != it->second->second) {
+    diskBytes_ -= it->second->second;
+    diskOrder_.erase(it->second);
+    disk_.erase(it);
+    ::unlink((cacheDirectory_ + "/" + id + ".chunk").c_str());
+    return nullptr;
+  }
+  diskOrder_.splice(diskOrder_.end(), diskOrder_, it->second);
+  return std::make_shared<const std::string>(std::move(*text));
+}
+
+void SourceReader::diskPut(const std::string& id, const Chunk& chunk) {
+  const auto size = static_cast<int64_t>(chunk->size());
+  if (disk_.count(id) || size > budgetBytes_ || cacheDirectory_.empty()) return;
+  QDir().mkpath(QString::fromStdString(cacheDirectory_));
+  if (!vt::writeFileAtomically(cacheDirectory_ + "/" + id + ".chunk", *chunk)) return;
+  diskOrder_.emplace_back(id, size);
+  disk_[id] = std::prev(diskOrder_.end());
+  diskBytes_ += size;
+  evict();
+}
+
+void SourceReader::evict() {
+  while (diskBytes_ > budgetBytes_ && !diskOrder_.empty()) {
+    const auto [id, size] = diskOrder_.front();
+    ::unlink((cacheDirectory_ + "/" + id + ".chunk").c_str());
+    disk_.erase(id);
+    diskOrder_.pop_front();
+    diskBytes_ -= size;
+  }
+}
+
+}  // namespace vtnfs

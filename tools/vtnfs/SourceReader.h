@@ -1,0 +1,103 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include <qcoro/qcorotask.h>
+
+#include "engine/EngineContract.h"
+#include "platform/Http.h"
+#include "platform/Job.h"
+
+namespace vtnfs {
+
+// Where an entry's bytes come from, on demand.
+//
+// A `local` entry is read from its file. Any other entry is read in aligned
+// chunks by HTTP ranged GET, tried in this order: its `url` (unless lazy),
+// its `resolve_url` (the add-on redirects to a fresh direct link, which is
+// kept for the next chunks), then each of its `alt_sources`. Sequential
+// reads fetch the next chunks ahead. Chunks are kept in a small memory cache
+// and in a bounded on-disk cache (the probe cache folder), least recently
+// used first out.
+class SourceReader {
+ public:
+  static constexpr int64_t kChunk = 4 << 20;
+  static constexpr int kReadAhead = 2;
+  static constexpr size_t kMemoryChunks = 16;
+  static constexpr double kRequestTimeout = 30;
+
+  struct Hooks {
+    std::function<void(const std::string&)> log;
+    // A source said how long the file really is.
+    std::function<void(const std::string& entry, int64_t size)> sizeConfirmed;
+  };
+
+  SourceReader(vt::HttpClient& http, std::string cacheDirectory, Hooks hooks);
+  ~SourceReader();
+
+  void setBudgetBytes(int64_t bytes);
+  int64_t diskBytes() const { return diskBytes_; }
+
+  struct Outcome {
+    bool ok = false;
+    bool eof = false;
+    std::optional<int64_t> size;  // the real size, when the source told it
+  };
+  // Appends up to `count` bytes of the entry at `offset` to `out`.
+  // `knownSize` is the size served so far (the manifest's, or one confirmed).
+  QCoro::Task<Outcome> read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset, uint32_t count,
+                            std::string& out);
+
+  // Drops what is remembered of entries that are gone or changed source.
+  void forget(const std::string& entryName);
+
+ private:
+  using Chunk = std::shared_ptr<const std::string>;
+  struct SourceState {
+    std::string key;   // names the cached chunks of this entry and source
+    std::string link;  // the working direct link, once one is found
+    size_t candidate = 0;
+    std::optional<int64_t> total;
+    int64_t lastChunk = -2;
+  };
+  struct Inflight {
+    vt::Completion done;
+    Chunk chunk;
+  };
+
+  Outcome readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count, std::string& out);
+  SourceState& stateFor(const vt::EngineEntry& entry);
+  QCoro::Task<Chunk> chunk(vt::EngineEntry entry, int64_t index);
+  QCoro::Task<Chunk> fetch(vt::EngineEntry entry, int64_t index);
+  void readAhead(const vt::EngineEntry& entry, int64_t index);
+
+  Chunk memoryGet(const std::string& id);
+  void memoryPut(const std::string& id, Chunk chunk);
+  Chunk diskGet(const std::string& id);
+  void diskPut(const std::string& id, const Chunk& chunk);
+  void evict();
+
+  vt::HttpClient& http_;
+  std::string cacheDirectory_;
+  Hooks hooks_;
+  int64_t budgetBytes_ = int64_t(1) << 30;
+  int64_t diskBytes_ = 0;
+
+  std::unordered_map<std::string, SourceState> sources_;
+  std::map<std::string, std::shared_ptr<Inflight>> inflight_;
+  std::list<std::pair<std::string, Chunk>> memory_;  // most recent first
+  // Disk chunks by id, with their size, in order of last use (oldest first).
+  std::list<std::pair<std::string, int64_t>> diskOrder_;
+  std::unordered_map<std::string, std::list<std::pair<std::string, int64_t>>::iterator> disk_;
+  // Open files of local entries.
+  std::unordered_map<std::string, int> fds_;
+};
+
+}  // namespace vtnfs

@@ -266,30 +266,20 @@ QCoro::Task<bool> Engine::warmOne(const std::string& name) {
       if (ok) size = total;
     }
   } else {
-    const std::string source = !entry.url.empty() ? entry.url : entry.resolve_url;
-    if (!source.empty()) {
-      const QUrl url(QString::fromStdString(source));
-      auto head = co_await http_.getRange(url, 0, kProbeBytes - 1, 30);
-      std::optional<int64_t> total;
-      if (head.status == 206) {
-        if (auto cr = head.header("Content-Range")) {
-          const auto slash = cr->lastIndexOf('/');
-          bool parsed = false;
-          const auto n = cr->mid(slash + 1).toLongLong(&parsed);
-          if (slash >= 0 && parsed) total = n;
-        }
-      } else if (head.status == 200) {
-        total = head.body.size();
+    // Through the reader, so the ends land in the probe cache and a failing
+    // source fails over as it would for a player.
+    std::string sink;
+    const int64_t known = it->second.size.value_or(entry.size);
+    const auto head = co_await reader_.read(entry, known, 0, static_cast<uint32_t>(kProbeBytes), sink);
+    if (head.ok && head.size) {
+      ok = true;
+      if (*head.size > kProbeBytes) {
+        sink.clear();
+        const auto tail = co_await reader_.read(entry, *head.size, static_cast<uint64_t>(*head.size - kProbeBytes),
+                                                static_cast<uint32_t>(kProbeBytes), sink);
+        ok = tail.ok && static_cast<int64_t>(sink.size()) == kProbeBytes;
       }
-      if (total) {
-        if (*total <= kProbeBytes) {
-          ok = true;
-        } else {
-          auto tail = co_await http_.getRange(url, *total - kProbeBytes, std::nullopt, 30);
-          ok = tail.status == 206 && tail.body.size() == kProbeBytes;
-        }
-        if (ok) size = total;
-      }
+      if (ok) size = head.size;
     }
   }
 

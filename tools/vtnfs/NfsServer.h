@@ -20,6 +20,7 @@ class NfsServer : public QObject {
 
   bool listen(const QHostAddress& address, quint16 port);
   QString errorString() const { return server_.errorString(); }
+  quint16 port() const { return server_.serverPort(); }
 
  private:
   void accept();

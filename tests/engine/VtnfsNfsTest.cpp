@@ -1,0 +1,222 @@
+// The engine's folder as outside clients see it: libnfs's command-line
+// tools, and the FUSE mount helper with ordinary file tools on top.
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+
+#include "engine/EngineContract.h"
+#include "engine/EngineTestKit.h"
+#include "fakes/FakeFileHost.h"
+#include "platform/SerialFileWriter.h"
+
+using namespace vt;
+using vt::test::FakeHttpServer;
+using vt::test::VtnfsProcess;
+
+namespace {
+
+struct ToolResult {
+  int status = -1;
+  QByteArray out;
+  QByteArray err;
+};
+
+// Runs a tool while the event loop keeps turning, since the sources it
+// ends up reading may be fakes in this process.
+ToolResult runTool(const QString& program, const QStringList& args, int limitMs = 30000) {
+  QProcess p;
+  p.start(program, args);
+  ToolResult r;
+  if (!p.waitForStarted(5000)) return r;
+  test::spinUntil([&] { return p.state() == QProcess::NotRunning; }, limitMs);
+  if (p.state() != QProcess::NotRunning) {
+    p.kill();
+    p.waitForFinished();
+    return r;
+  }
+  r.status = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+  r.out = p.readAllStandardOutput();
+  r.err = p.readAllStandardError();
+  return r;
+}
+
+QByteArray pattern(int n, int seed) {
+  QByteArray b(n, '\0');
+  for (int i = 0; i < n; ++i) b[i] = static_cast<char>((i * 131 + seed + i / 4096) & 0xff);
+  return b;
+}
+
+void writeBytes(const std::string& path, const QByteArray& bytes) {
+  QFile f(QString::fromStdString(path));
+  ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+  f.write(bytes);
+}
+
+EngineEntry entry(const std::string& name, int64_t size) {
+  EngineEntry e;
+  e.name = name;
+  e.size = size;
+  e.mtime = 1600000000;
+  e.size_verified = true;
+  return e;
+}
+
+QString nfsUrl(const VtnfsProcess& engine, const std::string& path) {
+  return QStringLiteral("nfs://127.0.0.1/%1?nfsport=%2&mountport=%2&version=3")
+      .arg(QString::fromStdString(path))
+      .arg(engine.nfsPort);
+}
+
+}  // namespace
+
+TEST(VtnfsNfs, AnIndependentClientListsTheTreeAndReadsEverySourceByteForByte) {
+  if (QStandardPaths::findExecutable("nfs-ls").isEmpty() || QStandardPaths::findExecutable("nfs-cat").isEmpty())
+    GTEST_SKIP() << "nfs-ls and nfs-cat (Debian libnfs-utils) are not installed";
+  test::TestHome home;
+  const QByteArray filmBytes = pattern(5 * 1024 * 1024 + 123, 1);  // two chunks and a bit
+  const QByteArray episodeBytes = pattern(700000, 2);
+  const QByteArray httpBytes = pattern(9 * 1024 * 1024 + 5, 3);
+  const QByteArray moved = pattern(2 * 1024 * 1024 + 9, 4);
+  const QByteArray alt = pattern(1024 * 1024 + 1, 5);
+  writeBytes(home.file("film.bin"), filmBytes);
+  writeBytes(home.file("episode.bin"), episodeBytes);
+
+  FakeHttpServer cdn;
+  test::serveBytes(cdn, "/direct/film.mkv", httpBytes);
+  test::serveBytes(cdn, "/fresh/moved.mkv", moved);
+  test::serveBytes(cdn, "/fresh/alt.mkv", alt);
+  cdn.on("GET", "/expired/link", [](const auto&, auto& reply) { reply.send(503); });
+  test::redirect(cdn, "/addon/resolve/moved", cdn.url("/fresh/moved.mkv").toString());
+  cdn.on("GET", "/addon/resolve/dead", [](const auto&, auto& reply) { reply.send(500); });
+  test::redirect(cdn, "/addon/resolve/alt", cdn.url("/fresh/alt.mkv").toString());
+  const auto at = [&](const char* path) { return cdn.url(path).toString().toStdString(); };
+
+  auto film = entry("Film (2020) {imdb-tt1}/Film (2020) {imdb-tt1}.mkv", filmBytes.size());
+  film.local = home.file("film.bin");
+  auto ep = entry("Show (2019) {imdb-tt2}/Season 01/Show (2019) - S01E01.mkv", episodeBytes.size());
+  ep.local = home.file("episode.bin");
+  auto ep2 = entry("Show (2019) {imdb-tt2}/Season 02/Show (2019) - S02E01.mkv", httpBytes.size());
+  ep2.url = at("/direct/film.mkv");
+  auto failing = entry("Moved (2021)/Moved (2021).mkv", moved.size());  // url fails, resolve_url saves it
+  failing.url = at("/expired/link");
+  failing.resolve_url = at("/addon/resolve/moved");
+  auto lazy = entry("Alt (2022)/Alt (2022).mkv", alt.size());  // lazy; its own resolve fails, the alternative works
+  lazy.lazy = true;
+  lazy.resolve_url = at("/addon/resolve/dead");
+  lazy.alt_sources = std::vector<EngineAltSource>{{at("/addon/resolve/alt")}};
+  auto hidden = entry("Hidden (2023)/Hidden (2023).mkv", 10);
+  hidden.local = home.file("film.bin");
+  hidden.hidden = true;
+  const auto manifest = home.file("entries.json");
+  ASSERT_TRUE(writeFileAtomically(manifest, encodeEngineConfig({film, ep, ep2, failing, lazy, hidden})));
+
+  EngineStatusClient client(sharedHttpClient());
+  VtnfsProcess engine(manifest, home.file("engine.log"));
+  ASSERT_TRUE(engine.waitReady(client));
+
+  const auto listing = runTool("nfs-ls", {"-R", nfsUrl(engine, "")});
+  ASSERT_EQ(listing.status, 0) << listing.err.toStdString();
+  const QString text = QString::fromUtf8(listing.out);
+  for (const char* path :
+       {"Film (2020) {imdb-tt1}/Film (2020) {imdb-tt1}.mkv", "Show (2019) {imdb-tt2}/Season 01/Show (2019) - S01E01.mkv",
+        "Show (2019) {imdb-tt2}/Season 02/Show (2019) - S02E01.mkv", "Moved (2021)/Moved (2021).mkv", "Alt (2022)/Alt (2022).mkv"})
+    EXPECT_TRUE(text.contains(path)) << path << "\n" << text.toStdString();
+  EXPECT_FALSE(text.contains("Hidden")) << text.toStdString();
+  EXPECT_TRUE(text.contains(QString::number(episodeBytes.size()))) << text.toStdString();
+
+  const std::vector<std::pair<EngineEntry, QByteArray>> files = {
+      {film, filmBytes}, {ep, episodeBytes}, {ep2, httpBytes}, {failing, moved}, {lazy, alt}};
+  for (const auto& [e, bytes] : files) {
+    const auto cat = runTool("nfs-cat", {nfsUrl(engine, e.name)});
+    EXPECT_EQ(cat.status, 0) << e.name << ": " << cat.err.toStdString();
+    EXPECT_TRUE(cat.out == bytes) << e.name << ": " << cat.out.size() << " bytes of " << bytes.size();
+  }
+
+  // The hidden file can't be opened; what was served is counted.
+  EXPECT_NE(runTool("nfs-cat", {nfsUrl(engine, hidden.name)}).out, filmBytes);
+  auto status = test::runTask(client.status(engine.controlURL()));
+  ASSERT_TRUE(status);
+  for (const auto& s : status->entries) {
+    if (s.name == hidden.name) EXPECT_EQ(s.bytes_served, 0);
+    else EXPECT_GE(s.bytes_served.value_or(0), s.size.value_or(1)) << s.name;
+  }
+  // The direct link was asked in aligned chunks, each once.
+  std::set<QByteArray> ranges;
+  for (const auto& r : cdn.requestsTo("/direct/film.mkv"))
+    EXPECT_TRUE(ranges.insert(*r.header("Range")).second) << r.header("Range")->toStdString();
+  EXPECT_TRUE(ranges.count("bytes=0-4194303"));
+  EXPECT_TRUE(ranges.count("bytes=8388608-9437188"));  // the last chunk ends at the size the source confirmed
+}
+
+TEST(VtnfsFuse, TheMountedFolderServesFileToolsAndFollowsReloads) {
+  if (QStandardPaths::findExecutable("fusermount3").isEmpty()) GTEST_SKIP() << "fusermount3 is not installed";
+  if (!QFile::exists("/dev/fuse")) GTEST_SKIP() << "this machine has no /dev/fuse";
+  test::TestHome home;
+  const auto mount = home.file("Library");
+  QDir().mkpath(QString::fromStdString(mount));
+
+  // A real media file for ffprobe, when ffmpeg is here to make one.
+  const bool haveFfmpeg = !QStandardPaths::findExecutable("ffmpeg").isEmpty();
+  const auto media = home.file("clip.mkv");
+  if (haveFfmpeg) {
+    const auto made = runTool("ffmpeg", {"-v", "error", "-f", "lavfi", "-i", "testsrc=duration=2:size=160x120:rate=10",
+                                         "-f", "lavfi", "-i", "sine=duration=2", "-shortest", "-y",
+                                         QString::fromStdString(media)});
+    ASSERT_EQ(made.status, 0) << made.err.toStdString();
+  } else {
+    writeBytes(media, pattern(100000, 9));
+  }
+  const auto mediaSize = QFileInfo(QString::fromStdString(media)).size();
+  const QByteArray other = pattern(3 * 1024 * 1024, 7);
+  writeBytes(home.file("other.bin"), other);
+
+  auto clip = entry("Clip (2020)/Clip (2020).mkv", mediaSize);
+  clip.local = media;
+  auto second = entry("Second (2021)/Second (2021).mkv", other.size());
+  second.local = home.file("other.bin");
+  const auto manifest = home.file("entries.json");
+  ASSERT_TRUE(writeFileAtomically(manifest, encodeEngineConfig({clip, second})));
+
+  EngineStatusClient client(sharedHttpClient());
+  VtnfsProcess engine(manifest, home.file("engine.log"));
+  ASSERT_TRUE(engine.waitReady(client));
+
+  const auto mounted = runTool(VT_VTNFS_MOUNT_BINARY, {QStringLiteral("127.0.0.1:%1").arg(engine.nfsPort),
+                                                       QString::fromStdString(mount)});
+  if (mounted.status != 0) GTEST_SKIP() << "FUSE mounts are not allowed here: " << mounted.err.toStdString();
+  struct Unmount {
+    std::string path;
+    ~Unmount() { QProcess::execute("fusermount3", {"-u", QString::fromStdString(path)}); }
+  } unmount{mount};
+
+  const auto ls = runTool("ls", {"-R", QString::fromStdString(mount)});
+  ASSERT_EQ(ls.status, 0) << ls.err.toStdString();
+  EXPECT_TRUE(ls.out.contains("Clip (2020).mkv")) << ls.out.toStdString();
+  EXPECT_TRUE(ls.out.contains("Second (2021).mkv")) << ls.out.toStdString();
+  const auto mountedClip = QString::fromStdString(mount + "/" + clip.name);
+  EXPECT_EQ(runTool("cmp", {mountedClip, QString::fromStdString(media)}).status, 0);
+  EXPECT_TRUE(runTool("cat", {QString::fromStdString(mount + "/" + second.name)}).out == other);
+  if (haveFfmpeg) {
+    const auto probe = runTool("ffprobe", {"-v", "error", "-show_entries", "stream=codec_type", "-of", "csv=p=0",
+                                           mountedClip});
+    EXPECT_EQ(probe.status, 0) << probe.err.toStdString();
+    EXPECT_TRUE(probe.out.contains("video") && probe.out.contains("audio")) << probe.out.toStdString();
+  }
+
+  // A reload that adds one entry and hides another shows without a remount.
+  auto third = entry("Third (2022)/Third (2022).mkv", other.size());
+  third.local = home.file("other.bin");
+  second.hidden = true;
+  ASSERT_TRUE(writeFileAtomically(manifest, encodeEngineConfig({clip, second, third})));
+  ASSERT_TRUE(test::runTask(client.reload(engine.controlURL())).answered);
+  EXPECT_TRUE(test::spinUntil(
+      [&] {
+        const auto again = runTool("ls", {"-R", QString::fromStdString(mount)});
+        return again.out.contains("Third (2022).mkv") && !again.out.contains("Second (2021)");
+      },
+      10000));
+  EXPECT_TRUE(runTool("cat", {QString::fromStdString(mount + "/" + third.name)}).out == other);
+}

@@ -218,8 +218,8 @@ TEST(NfsTree, KeepsHandlesAcrossRebuildsAndSkipsUnusablePaths) {
                                {"Film (2020)/Film.mkv/inner.mkv", 1, 1},  // under a file
                                {"Show", 1, 1}},                           // where a folder is
                               100, 0);
-  EXPECT_EQ(skipped, (std::vector<std::string>{"/absolute.mkv", "a//b.mkv", "../up.mkv", "", "Film (2020)/Film.mkv/inner.mkv",
-                                               "Show"}));
+  EXPECT_EQ(skipped, (std::vector<std::string>{"/absolute.mkv", "a//b.mkv", "../up.mkv", "",
+                                               "Film (2020)/Film.mkv/inner.mkv", "Show"}));
   const auto* film = tree.fileForEntry("Film (2020)/Film.mkv");
   const auto* episode = tree.fileForEntry("Show/Season 01/E01.mkv");
   ASSERT_TRUE(film && episode);
@@ -428,7 +428,8 @@ TEST(NfsService, SurvivesRandomAndMutatedRecords) {
       w.u32(4096);
       w.u32(4096);
     }));
-  for (uint32_t proc = 0; proc <= 6; ++proc) seeds.push_back(call(kMount, 3, proc, [](XdrWriter& w) { w.opaque("/A"); }));
+  for (uint32_t proc = 0; proc <= 6; ++proc)
+    seeds.push_back(call(kMount, 3, proc, [](XdrWriter& w) { w.opaque("/A"); }));
 
   std::mt19937 rng(20261123);
   int answered = 0;
@@ -443,10 +444,18 @@ TEST(NfsService, SurvivesRandomAndMutatedRecords) {
       for (int f = 0; f < flips && !record.empty(); ++f) {
         const size_t at = rng() % record.size();
         switch (rng() % 4) {
-          case 0: record[at] = static_cast<char>(rng()); break;
-          case 1: record.resize(at); break;                                   // truncated
-          case 2: record[at & ~size_t(3)] = static_cast<char>(0xff); break;  // huge lengths
-          default: record.insert(at, std::string(rng() % 9, static_cast<char>(rng()))); break;
+          case 0:
+            record[at] = static_cast<char>(rng());
+            break;
+          case 1:
+            record.resize(at);
+            break;  // truncated
+          case 2:
+            record[at & ~size_t(3)] = static_cast<char>(0xff);
+            break;  // huge lengths
+          default:
+            record.insert(at, std::string(rng() % 9, static_cast<char>(rng())));
+            break;
         }
       }
     }

@@ -120,9 +120,10 @@ TEST(VtnfsNfs, AnIndependentClientListsTheTreeAndReadsEverySourceByteForByte) {
   const auto listing = runTool("nfs-ls", {"-R", nfsUrl(engine, "")});
   ASSERT_EQ(listing.status, 0) << listing.err.toStdString();
   const QString text = QString::fromUtf8(listing.out);
-  for (const char* path :
-       {"Film (2020) {imdb-tt1}/Film (2020) {imdb-tt1}.mkv", "Show (2019) {imdb-tt2}/Season 01/Show (2019) - S01E01.mkv",
-        "Show (2019) {imdb-tt2}/Season 02/Show (2019) - S02E01.mkv", "Moved (2021)/Moved (2021).mkv", "Alt (2022)/Alt (2022).mkv"})
+  for (const char* path : {"Film (2020) {imdb-tt1}/Film (2020) {imdb-tt1}.mkv",
+                           "Show (2019) {imdb-tt2}/Season 01/Show (2019) - S01E01.mkv",
+                           "Show (2019) {imdb-tt2}/Season 02/Show (2019) - S02E01.mkv", "Moved (2021)/Moved (2021).mkv",
+                           "Alt (2022)/Alt (2022).mkv"})
     EXPECT_TRUE(text.contains(path)) << path << "\n" << text.toStdString();
   EXPECT_FALSE(text.contains("Hidden")) << text.toStdString();
   EXPECT_TRUE(text.contains(QString::number(episodeBytes.size()))) << text.toStdString();
@@ -140,8 +141,10 @@ TEST(VtnfsNfs, AnIndependentClientListsTheTreeAndReadsEverySourceByteForByte) {
   auto status = test::runTask(client.status(engine.controlURL()));
   ASSERT_TRUE(status);
   for (const auto& s : status->entries) {
-    if (s.name == hidden.name) EXPECT_EQ(s.bytes_served, 0);
-    else EXPECT_GE(s.bytes_served.value_or(0), s.size.value_or(1)) << s.name;
+    if (s.name == hidden.name)
+      EXPECT_EQ(s.bytes_served, 0);
+    else
+      EXPECT_GE(s.bytes_served.value_or(0), s.size.value_or(1)) << s.name;
   }
   // The direct link was asked in aligned chunks, each once.
   std::set<QByteArray> ranges;
@@ -162,9 +165,9 @@ TEST(VtnfsFuse, TheMountedFolderServesFileToolsAndFollowsReloads) {
   const bool haveFfmpeg = !QStandardPaths::findExecutable("ffmpeg").isEmpty();
   const auto media = home.file("clip.mkv");
   if (haveFfmpeg) {
-    const auto made = runTool("ffmpeg", {"-v", "error", "-f", "lavfi", "-i", "testsrc=duration=2:size=160x120:rate=10",
-                                         "-f", "lavfi", "-i", "sine=duration=2", "-shortest", "-y",
-                                         QString::fromStdString(media)});
+    const auto made =
+        runTool("ffmpeg", {"-v", "error", "-f", "lavfi", "-i", "testsrc=duration=2:size=160x120:rate=10", "-f", "lavfi",
+                           "-i", "sine=duration=2", "-shortest", "-y", QString::fromStdString(media)});
     ASSERT_EQ(made.status, 0) << made.err.toStdString();
   } else {
     writeBytes(media, pattern(100000, 9));
@@ -184,8 +187,8 @@ TEST(VtnfsFuse, TheMountedFolderServesFileToolsAndFollowsReloads) {
   VtnfsProcess engine(manifest, home.file("engine.log"));
   ASSERT_TRUE(engine.waitReady(client));
 
-  const auto mounted = runTool(VT_VTNFS_MOUNT_BINARY, {QStringLiteral("127.0.0.1:%1").arg(engine.nfsPort),
-                                                       QString::fromStdString(mount)});
+  const auto mounted = runTool(VT_VTNFS_MOUNT_BINARY,
+                               {QStringLiteral("127.0.0.1:%1").arg(engine.nfsPort), QString::fromStdString(mount)});
   if (mounted.status != 0) GTEST_SKIP() << "FUSE mounts are not allowed here: " << mounted.err.toStdString();
   struct Unmount {
     std::string path;
@@ -200,8 +203,8 @@ TEST(VtnfsFuse, TheMountedFolderServesFileToolsAndFollowsReloads) {
   EXPECT_EQ(runTool("cmp", {mountedClip, QString::fromStdString(media)}).status, 0);
   EXPECT_TRUE(runTool("cat", {QString::fromStdString(mount + "/" + second.name)}).out == other);
   if (haveFfmpeg) {
-    const auto probe = runTool("ffprobe", {"-v", "error", "-show_entries", "stream=codec_type", "-of", "csv=p=0",
-                                           mountedClip});
+    const auto probe =
+        runTool("ffprobe", {"-v", "error", "-show_entries", "stream=codec_type", "-of", "csv=p=0", mountedClip});
     EXPECT_EQ(probe.status, 0) << probe.err.toStdString();
     EXPECT_TRUE(probe.out.contains("video") && probe.out.contains("audio")) << probe.out.toStdString();
   }

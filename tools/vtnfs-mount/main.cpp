@@ -64,7 +64,7 @@ int readdir(const char* path, void* buf, fuse_fill_dir_t filler, off_t, fuse_fil
   const int rc = nfs_opendir(nfs, path, &dir);
   if (rc < 0) return rc;
   while (nfsdirent* e = nfs_readdir(nfs, dir)) {
-    struct stat st{};
+    struct stat st {};
     st.st_ino = e->inode;
     st.st_mode = static_cast<mode_t>(e->mode) | (e->type == 2 ? S_IFDIR : S_IFREG);
     if (filler(buf, e->name, &st, 0, static_cast<fuse_fill_dir_flags>(0))) break;
@@ -153,8 +153,7 @@ int main(int argc, char** argv) {
   nfs_set_dircache(nfs, 0);
   nfs_set_autoreconnect(nfs, 10);
   if (nfs_mount(nfs, parsed->server, "/") != 0) {
-    std::fprintf(stderr, "vtnfs-mount: cannot reach the NFS export at %s: %s\n", address.c_str(),
-                 nfs_get_error(nfs));
+    std::fprintf(stderr, "vtnfs-mount: cannot reach the NFS export at %s: %s\n", address.c_str(), nfs_get_error(nfs));
     nfs_destroy_url(parsed);
     return 1;
   }

@@ -195,7 +195,8 @@ int Engine::reload() {
     if (!s.entry.hidden) files.push_back({name, s.size.value_or(s.entry.size), s.entry.mtime});
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now).count();
-  const auto nanos = static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() % 1000000000);
+  const auto nanos =
+      static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() % 1000000000);
   for (const auto& bad : tree_.rebuild(files, seconds, nanos)) log("not serving \"" + bad + "\": not a usable path");
   return deferred;
 }
@@ -361,8 +362,7 @@ void Engine::routes() {
   });
   control_.route("/control/budget", Method::Post, [this](const QHttpServerRequest& req) {
     auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
-    if (body && body->is_object() && body->contains("cache_gb") && (*body)["cache_gb"].is_number())
-    {
+    if (body && body->is_object() && body->contains("cache_gb") && (*body)["cache_gb"].is_number()) {
       budgetGB_ = (*body)["cache_gb"].get<double>();
       reader_.setBudgetBytes(static_cast<int64_t>(std::max(0.0, budgetGB_) * 1e9));
     }

@@ -1,6 +1,9 @@
 #include "NfsServer.h"
 
+#include <sys/socket.h>
+
 #include <QPointer>
+#include <cerrno>
 #include <QTcpSocket>
 
 #include "platform/Job.h"
@@ -15,6 +18,26 @@ struct Pending : QObject {
   std::string buffer;
   std::string record;  // fragments of the record being assembled
 };
+
+// Writes straight to the socket while Qt has nothing queued for it, which
+// saves copying each reply into Qt's buffer; what the kernel doesn't take
+// at once goes through Qt, which keeps the order.
+void send(QTcpSocket& socket, const std::string& reply) {
+  size_t sent = 0;
+  if (socket.bytesToWrite() == 0 && socket.state() == QAbstractSocket::ConnectedState) {
+    const int fd = static_cast<int>(socket.socketDescriptor());
+    while (sent < reply.size()) {
+      const ssize_t n = ::send(fd, reply.data() + sent, reply.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (n > 0) {
+        sent += static_cast<size_t>(n);
+        continue;
+      }
+      if (n < 0 && errno == EINTR) continue;
+      break;  // would block, or an error that Qt will report
+    }
+  }
+  if (sent < reply.size()) socket.write(reply.data() + sent, static_cast<qint64>(reply.size() - sent));
+}
 
 }  // namespace
 
@@ -55,7 +78,7 @@ void NfsServer::accept() {
             target->abort();
             co_return;
           }
-          if (!reply->empty()) target->write(reply->data(), static_cast<qint64>(reply->size()));
+          if (!reply->empty()) send(*target, *reply);
         });
         pending->record.clear();
       }

@@ -130,11 +130,15 @@ QCoro::Task<std::optional<std::string>> NfsService::handle(std::string record) {
     } else if (vers != 3) {
       accept = kProgMismatch;
     } else if (prog == kNfsProgram) {
-      if (proc > 21) accept = kProcUnavail;
-      else if (!co_await nfs(call, out)) accept = kGarbageArgs;
+      if (proc > 21)
+        accept = kProcUnavail;
+      else if (!co_await nfs(call, out))
+        accept = kGarbageArgs;
     } else {
-      if (proc > 5) accept = kProcUnavail;
-      else if (!mount(call, out)) accept = kGarbageArgs;
+      if (proc > 5)
+        accept = kProcUnavail;
+      else if (!mount(call, out))
+        accept = kGarbageArgs;
     }
     if (accept != kSuccess) {
       out.resize(statAt + 4);
@@ -215,9 +219,12 @@ QCoro::Task<bool> NfsService::nfs(Call& call, std::string& out) {
       std::string_view name;
       if (!readHandle(r, tree, node, status) || !r.opaque(name, 1024)) co_return false;
       const NfsNode* found = nullptr;
-      if (node && !node->dir) status = kNotDir;
-      else if (node && name.size() > 255) status = kNameTooLong;
-      else if (node && !(found = tree.child(*node, name))) status = kNoEnt;
+      if (node && !node->dir)
+        status = kNotDir;
+      else if (node && name.size() > 255)
+        status = kNameTooLong;
+      else if (node && !(found = tree.child(*node, name)))
+        status = kNoEnt;
       w.u32(status);
       if (status == kOk) {
         fileHandle(w, found->id);
@@ -374,8 +381,7 @@ bool NfsService::readdir(Call& call, std::string& out, bool plus) {
   uint64_t cookie = 0;
   std::string_view verifier;
   uint32_t dircount = 0, maxcount = 0;
-  if (!readHandle(r, tree, dir, status) || !r.u64(cookie) || !r.fixed(verifier, 8) || !r.u32(dircount))
-    return false;
+  if (!readHandle(r, tree, dir, status) || !r.u64(cookie) || !r.fixed(verifier, 8) || !r.u32(dircount)) return false;
   if (plus && !r.u32(maxcount)) return false;
   if (!plus) maxcount = dircount;
   if (dir && !dir->dir) status = kNotDir;
@@ -392,7 +398,7 @@ bool NfsService::readdir(Call& call, std::string& out, bool plus) {
   const size_t begin = out.size();
   w.u32(kOk);
   postOpAttributes(out, dir);
-  w.u64(0);  // cookie verifier
+  w.u64(0);                                           // cookie verifier
   const size_t fixedCost = (out.size() - begin) + 8;  // plus end-of-list and eof
   size_t total = fixedCost, dirBytes = 0;
   size_t i = start;

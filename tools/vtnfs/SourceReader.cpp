@@ -106,7 +106,7 @@ SourceReader::Outcome SourceReader::readLocal(const vt::EngineEntry& entry, uint
     if (fd < 0) return {};
     it = fds_.emplace(entry.name, fd).first;
   }
-  struct stat st{};
+  struct stat st {};
   if (::fstat(it->second, &st) != 0) return {};
   const auto size = static_cast<int64_t>(st.st_size);
   if (offset >= static_cast<uint64_t>(size)) return {true, true, size};
@@ -233,8 +233,7 @@ QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int6
       int64_t start = -1;
       const auto cr = reply.header("Content-Range");
       if (cr && contentRange(*cr, start, total) && start == first &&
-          (!total || static_cast<int64_t>(reply.body.size()) ==
-                         std::min(last, *total - 1) - first + 1))
+          (!total || static_cast<int64_t>(reply.body.size()) == std::min(last, *total - 1) - first + 1))
         c = std::make_shared<const std::string>(reply.body.constData(), static_cast<size_t>(reply.body.size()));
     } else if (reply.failure == vt::HttpFailure::none && reply.status == 200) {
       // A source that ignores ranges sends the whole file.
@@ -245,14 +244,12 @@ QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int6
     } else if (reply.failure == vt::HttpFailure::none && reply.status == 416) {
       int64_t start = -1;
       const auto cr = reply.header("Content-Range");
-      if (cr && contentRange(*cr, start, total) && total && first >= *total)
-        c = std::make_shared<const std::string>();
+      if (cr && contentRange(*cr, start, total) && total && first >= *total) c = std::make_shared<const std::string>();
     }
     if (!c) {
       if (hooks_.log)
         hooks_.log("source " + std::to_string(candidate + 1) + " of " + entry.name + " failed (" +
-                   (reply.failure == vt::HttpFailure::none ? "HTTP " + std::to_string(reply.status)
-                                                           : reply.errorText) +
+                   (reply.failure == vt::HttpFailure::none ? "HTTP " + std::to_string(reply.status) : reply.errorText) +
                    ")");
       continue;
     }

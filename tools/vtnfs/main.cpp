@@ -1,5 +1,7 @@
 // vtnfs: the engine that serves Vantory's library folder. It reads its
 // manifest, answers the control port and holds the NFS port.
+#include <malloc.h>
+
 #include <QCoreApplication>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +10,10 @@
 #include "platform/Signals.h"
 
 int main(int argc, char** argv) {
+  // Every read reply is a buffer of up to 1 MiB; keep such buffers in the
+  // heap for reuse instead of mapping and faulting in fresh pages each time.
+  mallopt(M_MMAP_THRESHOLD, 64 << 20);
+  mallopt(M_TRIM_THRESHOLD, 256 << 20);
   QCoreApplication app(argc, argv);
   std::vector<std::string> args(argv + 1, argv + argc);
   std::string error;

@@ -1,0 +1,174 @@
+// Sequential read of a 1 GiB file through the engine's NFS export with
+// libnfs, from a `local` source and from a loopback HTTP source, beside a
+// plain read of the same file. The aim: NFS from a local source at least
+// half as fast as the plain read.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <nfsc/libnfs.h>
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QHttpServer>
+#include <QHttpServerRequest>
+#include <QHttpServerResponse>
+#include <QProcess>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QThread>
+#include <atomic>
+#include <cstdio>
+#include <random>
+#include <thread>
+
+#include "engine/EngineContract.h"
+#include "platform/SerialFileWriter.h"
+
+namespace {
+
+constexpr int64_t kFileBytes = int64_t(1) << 30;
+constexpr uint64_t kReadBytes = 1 << 20;
+
+quint16 freePort() {
+  QTcpServer s;
+  s.listen(QHostAddress::LocalHost, 0);
+  return s.serverPort();
+}
+
+// The file, the engine serving it, and an HTTP server with ranges for it.
+struct Fixture {
+  QTemporaryDir dir;
+  std::string file;
+  quint16 nfsPort = freePort(), controlPort = freePort();
+  QHttpServer http;
+  QProcess engine;
+
+  Fixture() {
+    file = dir.filePath("film.bin").toStdString();
+    {
+      QFile f(QString::fromStdString(file));
+      f.open(QIODevice::WriteOnly);
+      std::mt19937_64 rng(1);
+      std::string block(8 << 20, '\0');
+      for (int64_t done = 0; done < kFileBytes; done += static_cast<int64_t>(block.size())) {
+        for (size_t i = 0; i < block.size(); i += 8) *reinterpret_cast<uint64_t*>(&block[i]) = rng();
+        f.write(block.data(), static_cast<qint64>(block.size()));
+      }
+    }
+    http.route("/film.bin", [this](const QHttpServerRequest& req) {
+      const QByteArray range = req.value("Range");
+      const int dash = range.indexOf('-');
+      const qint64 first = range.mid(6, dash - 6).toLongLong();
+      const qint64 last = std::min<qint64>(range.mid(dash + 1).toLongLong(), kFileBytes - 1);
+      QFile f(QString::fromStdString(file));
+      f.open(QIODevice::ReadOnly);
+      f.seek(first);
+      QHttpServerResponse reply("application/octet-stream", f.read(last - first + 1),
+                                QHttpServerResponse::StatusCode::PartialContent);
+      reply.setHeader("Content-Range", "bytes " + QByteArray::number(first) + "-" + QByteArray::number(last) + "/" +
+                                           QByteArray::number(kFileBytes));
+      return reply;
+    });
+    const quint16 httpPort = http.listen(QHostAddress::LocalHost, 0);
+
+    vt::EngineEntry local;
+    local.name = "Local/Local.mkv";
+    local.size = kFileBytes;
+    local.local = file;
+    vt::EngineEntry remote;
+    remote.name = "Http/Http.mkv";
+    remote.size = kFileBytes;
+    remote.url = "http://127.0.0.1:" + std::to_string(httpPort) + "/film.bin";
+    const auto manifest = dir.filePath("entries.json").toStdString();
+    vt::writeFileAtomically(manifest, vt::encodeEngineConfig({local, remote}));
+    engine.setProcessChannelMode(QProcess::ForwardedChannels);
+    engine.start(VT_VTNFS_BINARY, {"-config", QString::fromStdString(manifest), "-nfs",
+                                   QStringLiteral("127.0.0.1:%1").arg(nfsPort), "-control",
+                                   QStringLiteral("127.0.0.1:%1").arg(controlPort), "-mount", dir.filePath("mnt"),
+                                   "-log", dir.filePath("engine.log")});
+    engine.waitForStarted();
+    QThread::msleep(500);
+  }
+  ~Fixture() {
+    engine.terminate();
+    engine.waitForFinished(3000);
+  }
+};
+
+Fixture& fixture() {
+  static Fixture f;
+  return f;
+}
+
+// Reads the whole file through libnfs on another thread while this one
+// keeps the event loop (and so the HTTP source) going. Bytes read.
+int64_t readThroughNfs(const std::string& folder, const std::string& name) {
+  std::atomic<bool> done = false;
+  int64_t total = 0;
+  std::thread reader([&] {
+    nfs_context* nfs = nfs_init_context();
+    const std::string url = "nfs://127.0.0.1/" + folder + "/" + name + "?version=3&nfsport=" +
+                            std::to_string(fixture().nfsPort) + "&mountport=" + std::to_string(fixture().nfsPort);
+    nfs_url* u = nfs_parse_url_full(nfs, url.c_str());
+    nfsfh* fh = nullptr;
+    if (u && nfs_mount(nfs, u->server, u->path) == 0 && nfs_open(nfs, u->file, O_RDONLY, &fh) == 0) {
+      std::vector<char> buf(kReadBytes);
+      for (;;) {
+        const int n = nfs_pread(nfs, fh, static_cast<uint64_t>(total), kReadBytes, buf.data());
+        if (n <= 0) break;
+        total += n;
+      }
+      nfs_close(nfs, fh);
+    } else {
+      std::fprintf(stderr, "nfs: %s\n", nfs_get_error(nfs));
+    }
+    if (u) nfs_destroy_url(u);
+    nfs_destroy_context(nfs);
+    done = true;
+  });
+  while (!done) QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+  reader.join();
+  return total;
+}
+
+void BM_PlainRead(benchmark::State& state) {
+  const int fd = ::open(fixture().file.c_str(), O_RDONLY);
+  std::vector<char> buf(kReadBytes);
+  for (auto _ : state) {
+    int64_t total = 0;
+    for (ssize_t n; (n = ::pread(fd, buf.data(), buf.size(), total)) > 0;) total += n;
+    benchmark::DoNotOptimize(total);
+    state.SetBytesProcessed(state.bytes_processed() + total);
+  }
+  ::close(fd);
+}
+BENCHMARK(BM_PlainRead)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+void BM_NfsLocalSource(benchmark::State& state) {
+  for (auto _ : state) {
+    const int64_t total = readThroughNfs("Local", "Local.mkv");
+    if (total != kFileBytes) state.SkipWithError("short read");
+    state.SetBytesProcessed(state.bytes_processed() + total);
+  }
+}
+BENCHMARK(BM_NfsLocalSource)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+void BM_NfsHttpSource(benchmark::State& state) {
+  for (auto _ : state) {
+    const int64_t total = readThroughNfs("Http", "Http.mkv");
+    if (total != kFileBytes) state.SkipWithError("short read");
+    state.SetBytesProcessed(state.bytes_processed() + total);
+  }
+}
+BENCHMARK(BM_NfsHttpSource)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  QCoreApplication app(argc, argv);
+  benchmark::Initialize(&argc, argv);
+  fixture();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

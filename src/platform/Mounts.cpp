@@ -1,0 +1,145 @@
+#include "platform/Mounts.h"
+
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+
+namespace vt {
+
+namespace {
+
+// Undoes the octal escapes of mountinfo ("\040" for a space).
+std::string unescape(const std::string& s) {
+  std::string out;
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (s[i] == '\\' && i + 3 < s.size()) {
+      const std::string oct = s.substr(i + 1, 3);
+      if (oct.size() == 3 && oct.find_first_not_of("01234567") == std::string::npos) {
+        out.push_back(static_cast<char>(std::stoi(oct, nullptr, 8)));
+        i += 3;
+        continue;
+      }
+    }
+    out.push_back(s[i]);
+  }
+  return out;
+}
+
+CommandResult notMounted(const std::string& folder) { return {1, folder + ": not currently mounted", false}; }
+
+QString canonical(const std::string& folder) {
+  const QString canon = QFileInfo(QString::fromStdString(folder)).canonicalFilePath();
+  return canon.isEmpty() ? QString::fromStdString(folder) : canon;
+}
+
+CommandResult runNow(const QString& program, const QStringList& args) {
+  QProcess p;
+  p.setProcessChannelMode(QProcess::MergedChannels);
+  p.start(program, args);
+  if (!p.waitForStarted(5000)) return {-1, p.errorString().toStdString(), false};
+  if (!p.waitForFinished(10000)) {
+    p.kill();
+    p.waitForFinished(1000);
+    return {-1, "timed out", false};
+  }
+  return {p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1, p.readAll().toStdString(), false};
+}
+
+}  // namespace
+
+std::optional<std::string> mountedFileSystem(const std::string& folder) {
+  const std::string target = canonical(folder).toStdString();
+  QFile f("/proc/self/mountinfo");
+  if (!f.open(QIODevice::ReadOnly)) return std::nullopt;
+  std::optional<std::string> found;
+  // "36 35 98:0 /mnt1 /mnt2 rw,noatime master:1 - ext3 /dev/root rw": the
+  // fifth field is the mount point, the type follows the " - ".
+  for (const QByteArray& line : f.readAll().split('\n')) {
+    const auto fields = line.split(' ');
+    if (fields.size() < 5) continue;
+    if (unescape(fields[4].toStdString()) != target) continue;
+    const int dash = fields.indexOf("-");
+    if (dash >= 0 && dash + 1 < fields.size()) found = fields[dash + 1].toStdString();  // the last one wins
+  }
+  return found;
+}
+
+std::string findHelperProgram(const std::string& name) {
+  const QString dir = QCoreApplication::instance() ? QCoreApplication::applicationDirPath() : QString();
+  const QString n = QString::fromStdString(name);
+  const QStringList candidates = {dir + "/" + n, dir + "/../tools/" + n + "/" + n,
+                                  dir + "/../../tools/" + n + "/" + n, dir + "/../libexec/vantory/" + n,
+                                  "/usr/libexec/vantory/" + n, "/usr/local/libexec/vantory/" + n};
+  for (const QString& c : candidates) {
+    const QFileInfo info(c);
+    if (info.isFile() && info.isExecutable()) return info.canonicalFilePath().toStdString();
+  }
+  return {};
+}
+
+LinuxLibraryMounter::LinuxLibraryMounter(std::string helper)
+    : helper_(helper.empty() ? findHelperProgram("vtnfs-mount") : std::move(helper)) {}
+
+std::string LinuxLibraryMounter::kernelOptions(int port) {
+  const std::string p = std::to_string(port);
+  return "vers=3,proto=tcp,port=" + p + ",mountport=" + p +
+         ",mountproto=tcp,nolock,hard,rsize=1048576,wsize=1048576,actimeo=1";
+}
+
+bool LinuxLibraryMounter::kernelMountAllowed() const {
+  return ::geteuid() == 0 && (QFile::exists("/sbin/mount.nfs") || QFile::exists("/usr/sbin/mount.nfs"));
+}
+
+QCoro::Task<CommandResult> LinuxLibraryMounter::mount(int port, std::string folder) {
+  std::string kernelOutput;
+  if (kernelMountAllowed()) {
+    const QStringList args = {"-t", "nfs", "-o", QString::fromStdString(kernelOptions(port)), "127.0.0.1:/",
+                              QString::fromStdString(folder)};
+    auto r = co_await runCommand("mount", args);
+    if (r.status == 0) co_return r;
+    kernelOutput = r.output;
+  }
+  if (helper_.empty()) {
+    CommandResult missing;
+    missing.output = kernelOutput.empty() ? "the mount helper vtnfs-mount is missing" : kernelOutput;
+    co_return missing;
+  }
+  const QStringList args = {QStringLiteral("127.0.0.1:%1").arg(port), QString::fromStdString(folder)};
+  auto r = co_await runCommand(QString::fromStdString(helper_), args);
+  if (r.status != 0 && !kernelOutput.empty()) r.output = kernelOutput + "\n" + r.output;
+  co_return r;
+}
+
+QCoro::Task<CommandResult> LinuxLibraryMounter::unmount(std::string folder) {
+  const auto type = mountedFileSystem(folder);
+  if (!type) co_return notMounted(folder);
+  const QString path = QString::fromStdString(folder);
+  if (type->rfind("fuse", 0) == 0) {
+    const QStringList args = {"-u", path};
+    auto r = co_await runCommand("fusermount3", args);
+    if (r.status != 0) {
+      const QStringList lazy = {"-u", "-z", path};  // busy: detach now, finish when the last file closes
+      r = co_await runCommand("fusermount3", lazy);
+    }
+    co_return r;
+  }
+  const QStringList args = {"-f", path};
+  co_return co_await runCommand("umount", args);
+}
+
+CommandResult LinuxLibraryMounter::unmountNow(const std::string& folder) {
+  const auto type = mountedFileSystem(folder);
+  if (!type) return notMounted(folder);
+  if (type->rfind("fuse", 0) == 0) {
+    auto r = runNow("fusermount3", {"-u", QString::fromStdString(folder)});
+    if (r.status != 0) r = runNow("fusermount3", {"-u", "-z", QString::fromStdString(folder)});
+    return r;
+  }
+  return runNow("umount", {"-f", QString::fromStdString(folder)});
+}
+
+}  // namespace vt

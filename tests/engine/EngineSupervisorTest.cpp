@@ -1,0 +1,364 @@
+// The engine's process lifecycle against the real vtnfs, on virtual time.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QTcpServer>
+
+#include "app/core/AppConfig.h"
+#include "app/core/LibraryStore.h"
+#include "app/core/LibraryTitle.h"
+#include "engine/EngineSupervisor.h"
+#include "engine/EngineTestKit.h"
+#include "platform/Clock.h"
+#include "platform/Http.h"
+#include "platform/Mounts.h"
+#include "platform/ProcessTable.h"
+#include "platform/SerialFileWriter.h"
+#include "platform/Settings.h"
+
+using namespace vt;
+
+namespace {
+
+// Mounts nothing; records what it was asked.
+class RecordingMounter : public LibraryMounter {
+ public:
+  QCoro::Task<CommandResult> mount(int port, std::string folder) override {
+    mounts.push_back(folder + ":" + std::to_string(port));
+    co_return CommandResult{mountStatus, mountStatus == 0 ? "" : "mount: permission denied", false};
+  }
+  QCoro::Task<CommandResult> unmount(std::string folder) override {
+    unmounts.push_back(folder);
+    co_return CommandResult{1, folder + ": not currently mounted", false};
+  }
+  CommandResult unmountNow(const std::string& folder) override {
+    unmounts.push_back(folder);
+    return {1, folder + ": not currently mounted", false};
+  }
+  std::vector<std::string> mounts, unmounts;
+  int mountStatus = 0;
+};
+
+// One application process: settings, library and supervisor over a data
+// folder that several of them can share.
+struct App {
+  App(const std::string& home, ManualClock& clock, LibraryMounter& mounter, quint16 controlPort, quint16 nfsPort,
+      std::string version = "0.1.0", std::string rdKey = "rd-key-1")
+      : store(home + "/settings.ini"),
+        config(store),
+        library(home + "/library.json", clock),
+        http(clock, HttpClient::Session::ephemeral) {
+    config.setControlURLString("http://127.0.0.1:" + std::to_string(controlPort));
+    config.setRdKey(rdKey);
+    EngineSupervisorEnvironment env;
+    env.clock = &clock;
+    env.http = &http;
+    env.mounter = &mounter;
+    env.dataDirectory = home;
+    env.bundledEngine = VT_VTNFS_BINARY;
+    env.appVersion = std::move(version);
+    env.logToStandardError = false;
+    env.playbackActive = [this] { return playback; };
+    env.probeFolder = [](std::string, double) -> QCoro::Task<bool> { co_return true; };
+    supervisor = std::make_unique<EngineSupervisor>(config, library, std::move(env));
+    supervisor->movie().paths.nfsAddress = "127.0.0.1:" + std::to_string(nfsPort);
+    QObject::connect(&supervisor->log(), &EngineLog::changed, [this, &clock] {
+      lines.emplace_back(clock.now(), supervisor->log().lines().back());
+    });
+    QObject::connect(supervisor.get(), &EngineSupervisor::stateChanged, [this] { states.push_back(supervisor->state()); });
+  }
+  ~App() {
+    // Tests end their engines; a leftover is killed so that none outlives the test.
+    if (supervisor)
+      if (auto pid = supervisor->movie().runningPid()) ::kill(*pid, SIGKILL);
+  }
+
+  // Lines containing `text`, with their virtual times.
+  std::vector<std::pair<Date, std::string>> linesWith(const std::string& text) const {
+    std::vector<std::pair<Date, std::string>> out;
+    for (const auto& l : lines)
+      if (l.second.find(text) != std::string::npos) out.push_back(l);
+    return out;
+  }
+  bool everRunning() const { return std::count(states.begin(), states.end(), EngineState::running) > 0; }
+
+  SettingsStore store;
+  AppConfig config;
+  LibraryStore library;
+  HttpClient http;  // its timeouts run on the virtual clock
+  bool playback = false;
+  std::unique_ptr<EngineSupervisor> supervisor;
+  std::vector<std::pair<Date, std::string>> lines;
+  std::vector<EngineState> states;
+};
+
+// Turns the event loop and moves virtual time on in `step`s until `done`.
+bool drive(ManualClock& clock, const std::function<bool()>& done, double step = 0.1, int realLimitMs = 60000) {
+  QElapsedTimer t;
+  t.start();
+  while (!done()) {
+    if (t.elapsed() > realLimitMs) return false;
+    test::settle(2);
+    if (done()) break;
+    clock.advance(step);
+  }
+  return true;
+}
+
+// Two control ports two apart (movie and tv) that are free now.
+quint16 freeControlPort() {
+  for (int i = 0; i < 50; ++i) {
+    const quint16 p = test::freePort();
+    QTcpServer probe;
+    if (p < 65000 && probe.listen(QHostAddress::LocalHost, p + 2)) return p;
+  }
+  return test::freePort();
+}
+
+}  // namespace
+
+TEST(EngineSupervisor, ACrashLoopBacksOffTwoToThirtyTwoSecondsThenGivesUp) {
+  test::TestHome home;
+  ManualClock clock;
+  RecordingMounter mounter;
+  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+  auto& sup = *app.supervisor;
+  // The engine dies as soon as it runs.
+  int kills = 0;
+  QObject::connect(&sup, &EngineSupervisor::stateChanged, [&] {
+    if (sup.state() == EngineState::running) {
+      ++kills;
+      ::kill(*sup.movie().runningPid(), SIGKILL);
+    }
+  });
+  Job::start([&](CancelToken) { return sup.start(); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::failed; }));
+
+  EXPECT_EQ(kills, 6);
+  EXPECT_EQ(sup.stuck(), std::set<EngineKind>{EngineKind::movie});
+  EXPECT_EQ(sup.lastError(), "Vantory stopped unexpectedly.");
+  ASSERT_EQ(app.linesWith("giving up after 5 attempts").size(), 1u);
+  const auto waits = app.linesWith("will restart");
+  const auto launches = app.linesWith("launched engine");
+  ASSERT_EQ(waits.size(), 5u);
+  ASSERT_EQ(launches.size(), 6u);
+  const int delays[] = {2, 4, 8, 16, 32};
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_NE(waits[i].second.find("(attempt " + std::to_string(i + 1) + "/5) in " + std::to_string(delays[i]) + "s"),
+              std::string::npos)
+        << waits[i].second;
+    const double waited = launches[i + 1].first - waits[i].first;
+    EXPECT_GE(waited, delays[i]) << i;
+    EXPECT_LT(waited, delays[i] + 2.0) << i;  // virtual time also moves while processes start
+  }
+  EXPECT_NE(waits[0].second.find("[supervisor] engine exited unexpectedly (status -1)"), std::string::npos)
+      << waits[0].second;
+  // Each unexpected exit disconnects the folder.
+  EXPECT_EQ(app.linesWith("disconnected library folder after unexpected exit").size(), 6u);
+}
+
+TEST(EngineSupervisor, ACrashAfterThirtySecondsOfRunningRestartsAfterTwoSeconds) {
+  test::TestHome home;
+  ManualClock clock;
+  RecordingMounter mounter;
+  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+  auto& sup = *app.supervisor;
+  Job::start([&](CancelToken) { return sup.start(); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+  EXPECT_EQ(mounter.mounts.size(), 1u);
+  EXPECT_EQ(app.linesWith("[supervisor] ready — library folder at " + home.path() + "/Library").size(), 1u);
+
+  // A quick crash uses an attempt...
+  ::kill(*sup.movie().runningPid(), SIGKILL);
+  ASSERT_TRUE(drive(clock, [&] { return !app.linesWith("(attempt 1/5) in 2s").empty(); }));
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+  // ...which 30 s of running gives back.
+  const Date runningSince = clock.now();
+  ASSERT_TRUE(drive(clock, [&] { return clock.now() >= runningSince + 31; }, 0.5));
+  EXPECT_EQ(sup.movie().restartAttempts, 0);
+  ::kill(*sup.movie().runningPid(), SIGKILL);
+  ASSERT_TRUE(drive(clock, [&] { return app.linesWith("will restart").size() == 2; }));
+  EXPECT_NE(app.linesWith("will restart").back().second.find("(attempt 1/5) in 2s"), std::string::npos);
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::stopped; }));
+  EXPECT_FALSE(QFile::exists(QString::fromStdString(sup.movie().paths.pidFile)));
+}
+
+TEST(EngineSupervisor, ANewApplicationProcessAdoptsTheRunningEngineAndReplacesAnOtherVersionOnlyWhenIdle) {
+  test::TestHome home;
+  ManualClock clock;
+  RecordingMounter mounter;
+  const quint16 control = freeControlPort(), nfs = test::freePort();
+  int enginePid = 0;
+  {
+    App first(home.path(), clock, mounter, control, nfs);
+    Job::start([&](CancelToken) { return first.supervisor->start(); });
+    ASSERT_TRUE(drive(clock, [&] { return first.supervisor->state() == EngineState::running; }));
+    enginePid = *first.supervisor->movie().runningPid();
+    first.supervisor.reset();  // the application quits; the engine stays
+  }
+  ASSERT_TRUE(processExists(enginePid));
+
+  // Same version, same key: adopted, nothing launched, the folder kept.
+  {
+    App second(home.path(), clock, mounter, control, nfs);
+    auto& sup = *second.supervisor;
+    mounter.unmounts.clear();
+    Job::start([&](CancelToken) { return sup.prepare(false); });
+    ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+    EXPECT_EQ(second.linesWith("[supervisor] adopted the running engine (pid " + std::to_string(enginePid) +
+                               ", vtnfs 0.1.0)")
+                  .size(),
+              1u);
+    EXPECT_TRUE(second.linesWith("launched engine").empty());
+    EXPECT_EQ(sup.movie().adoptedPID, enginePid);
+    EXPECT_EQ(sup.movie().launchedRDKey, "rd-key-1");
+    EXPECT_EQ(readFile(sup.movie().paths.pidFile), std::to_string(enginePid));
+    EXPECT_EQ(std::count(mounter.unmounts.begin(), mounter.unmounts.end(), home.path() + "/Library"), 0);
+    sup.stopLogTails();
+    second.supervisor.reset();
+  }
+
+  // Another key and another version: adopted without a known key, replaced
+  // 60 s later at the earliest and not while something plays.
+  App third(home.path(), clock, mounter, control, nfs, "9.9.9", "rd-key-2");
+  auto& sup = *third.supervisor;
+  Job::start([&](CancelToken) { return sup.prepare(false); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+  EXPECT_EQ(sup.movie().launchedRDKey, std::nullopt);
+  const Date adoptedAt = clock.now();
+  third.playback = true;
+  ASSERT_TRUE(drive(clock, [&] { return clock.now() > adoptedAt + 200; }, 1.0));
+  EXPECT_TRUE(third.linesWith("replacing the engine").empty());
+  EXPECT_EQ(sup.movie().adoptedPID, enginePid);
+  third.playback = false;
+  ASSERT_TRUE(drive(clock, [&] { return !third.linesWith("launched engine").empty(); }, 0.5));
+  const auto replacing = third.linesWith("replacing the engine");
+  ASSERT_EQ(replacing.size(), 1u);
+  EXPECT_EQ(replacing[0].second, "[supervisor] replacing the engine — it's vtnfs 0.1.0 and this is Vantory 9.9.9");
+  EXPECT_GE(replacing[0].first, adoptedAt + 60);
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+  EXPECT_EQ(sup.movie().launchedRDKey, "rd-key-2");
+  EXPECT_TRUE(test::spinUntil([&] { return !processExists(enginePid); }));
+  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::stopped; }));
+}
+
+TEST(EngineSupervisor, AStopDuringAStartEndsItWithoutRunning) {
+  test::TestHome home;
+  ManualClock clock;
+  RecordingMounter mounter;
+  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+  auto& sup = *app.supervisor;
+  auto start = Job::start([&](CancelToken) { return sup.start(); });
+  ASSERT_TRUE(drive(clock, [&] { return !app.linesWith("launched engine").empty(); }));
+  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+  ASSERT_TRUE(drive(clock, [&] { return !start.isRunning(); }));
+  EXPECT_FALSE(app.everRunning());
+  EXPECT_EQ(sup.state(), EngineState::stopped);
+  EXPECT_EQ(app.linesWith("[supervisor] start abandoned — stopped while starting").size(), 1u);
+  EXPECT_EQ(sup.lastError(), std::nullopt);
+}
+
+TEST(EngineSupervisor, LeftoversThatAreNotTheEngineAreNeverKilled) {
+  test::TestHome home;
+  ManualClock clock;
+  RecordingMounter mounter;
+  const quint16 control = freeControlPort();
+  App app(home.path(), clock, mounter, control, test::freePort());
+  auto& sup = *app.supervisor;
+
+  // A stale pid file naming another live program: only the file goes.
+  QProcess sleeper;
+  sleeper.start("sleep", {"30"});
+  ASSERT_TRUE(sleeper.waitForStarted());
+  const int sleeperPid = static_cast<int>(sleeper.processId());
+  ASSERT_TRUE(writeFileAtomically(sup.movie().paths.pidFile, std::to_string(sleeperPid)));
+  test::runTask(sup.cleanOrphanFromPidFile(sup.movie().paths.pidFile));
+  EXPECT_FALSE(QFile::exists(QString::fromStdString(sup.movie().paths.pidFile)));
+  EXPECT_TRUE(processExists(sleeperPid));
+  EXPECT_TRUE(app.linesWith("cleaned up orphaned engine").empty());
+
+  // A real orphaned engine named in the pid file is killed.
+  test::TestHome other;
+  ASSERT_TRUE(writeFileAtomically(other.file("entries.json"), encodeEngineConfig({})));
+  EngineStatusClient client(sharedHttpClient());
+  test::VtnfsProcess orphan(other.file("entries.json"), other.file("engine.log"));
+  ASSERT_TRUE(orphan.waitReady(client));
+  const int orphanPid = static_cast<int>(orphan.process.processId());
+  ASSERT_TRUE(writeFileAtomically(sup.movie().paths.pidFile, std::to_string(orphanPid)));
+  test::runTask(sup.cleanOrphanFromPidFile(sup.movie().paths.pidFile));
+  EXPECT_TRUE(orphan.process.waitForFinished(5000));
+  EXPECT_EQ(app.linesWith("[supervisor] cleaned up orphaned engine (pid " + std::to_string(orphanPid) + ")").size(),
+            1u);
+
+  // The port holder lookup finds that a vtnfs holds a port, and that this
+  // test (not a vtnfs) holds the control port.
+  EXPECT_EQ(test::runTask(sup.portHolderPid(sup.movie())), std::nullopt);
+  QTcpServer squatter;
+  ASSERT_TRUE(squatter.listen(QHostAddress::LocalHost, control));
+  EXPECT_EQ(listeningPids(control), std::vector<int>{static_cast<int>(::getpid())});
+  EXPECT_EQ(test::runTask(sup.portHolderPid(sup.movie())), std::nullopt);
+
+  // Starting while it squats: the start fails at the health check, and this
+  // process is still here to see it.
+  Job::start([&](CancelToken) { return sup.start(); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::failed; }, 0.5));
+  EXPECT_EQ(sup.lastError(), "Vantory didn't start in time. Try quitting and reopening the app.");
+  EXPECT_EQ(app.linesWith("[supervisor] start failed: Vantory didn't start in time.").size(), 1u);
+  EXPECT_TRUE(app.linesWith("stopped a leftover engine").empty());
+  sleeper.kill();
+  sleeper.waitForFinished();
+}
+
+TEST(EngineSupervisor, PlexDownOrAFailedMountDoNotHideWhatHappened) {
+  test::TestHome home;
+  ManualClock clock;
+  RecordingMounter mounter;
+  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+  auto& sup = *app.supervisor;
+  app.config.setPmsURLString("http://127.0.0.1:" + std::to_string(test::freePort()));
+  app.config.setToken("plex-token");
+  Job::start([&](CancelToken) { return sup.start(); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+  EXPECT_EQ(app.linesWith("[supervisor] library setup skipped: ").size(), 1u);
+  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::stopped; }));
+
+  mounter.mountStatus = 32;
+  Job::start([&](CancelToken) { return sup.start(); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::failed; }));
+  EXPECT_EQ(sup.lastError(), "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.");
+  EXPECT_EQ(app.linesWith("[supervisor] library folder connect failed: mount: permission denied").size(), 1u);
+  EXPECT_FALSE(sup.movie().runningPid());
+}
+
+TEST(EngineSupervisor, MountsTheFolderForRealWhereThisMachineAllows) {
+  test::TestHome home;
+  ManualClock clock;
+  LinuxLibraryMounter mounter(VT_VTNFS_MOUNT_BINARY);
+  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+  auto& sup = *app.supervisor;
+  // One title in the library so the folder has something to show.
+  LibraryTitle title;
+  title.name = "Film (2020) {imdb-tt1}/Film (2020) {imdb-tt1}.mkv";
+  title.url = "http://127.0.0.1:1/film.mkv";
+  title.size = 1234;
+  app.library.upsert(title);
+  Job::start([&](CancelToken) { return sup.start(); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() != EngineState::starting; }));
+  if (sup.state() != EngineState::running) {
+    const auto why = app.linesWith("library folder connect failed");
+    GTEST_SKIP() << "this machine does not allow the mount: " << (why.empty() ? "?" : why[0].second);
+  }
+  const std::string folder = home.path() + "/Library";
+  EXPECT_TRUE(mountedFileSystem(folder).has_value());
+  EXPECT_TRUE(QDir(QString::fromStdString(folder)).entryList(QDir::Dirs | QDir::NoDotAndDotDot).contains("Film (2020) {imdb-tt1}"));
+  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::stopped; }));
+  EXPECT_FALSE(mountedFileSystem(folder).has_value());
+}

@@ -82,10 +82,10 @@ struct Fixture {
     const auto manifest = dir.filePath("entries.json").toStdString();
     vt::writeFileAtomically(manifest, vt::encodeEngineConfig({local, remote}));
     engine.setProcessChannelMode(QProcess::ForwardedChannels);
-    engine.start(VT_VTNFS_BINARY, {"-config", QString::fromStdString(manifest), "-nfs",
-                                   QStringLiteral("127.0.0.1:%1").arg(nfsPort), "-control",
-                                   QStringLiteral("127.0.0.1:%1").arg(controlPort), "-mount", dir.filePath("mnt"),
-                                   "-log", dir.filePath("engine.log")});
+    engine.start(VT_VTNFS_BINARY,
+                 {"-config", QString::fromStdString(manifest), "-nfs", QStringLiteral("127.0.0.1:%1").arg(nfsPort),
+                  "-control", QStringLiteral("127.0.0.1:%1").arg(controlPort), "-mount", dir.filePath("mnt"), "-log",
+                  dir.filePath("engine.log")});
     engine.waitForStarted();
     QThread::msleep(500);
   }
@@ -107,8 +107,9 @@ int64_t readThroughNfs(const std::string& folder, const std::string& name) {
   int64_t total = 0;
   std::thread reader([&] {
     nfs_context* nfs = nfs_init_context();
-    const std::string url = "nfs://127.0.0.1/" + folder + "/" + name + "?version=3&nfsport=" +
-                            std::to_string(fixture().nfsPort) + "&mountport=" + std::to_string(fixture().nfsPort);
+    const std::string url = "nfs://127.0.0.1/" + folder + "/" + name +
+                            "?version=3&nfsport=" + std::to_string(fixture().nfsPort) +
+                            "&mountport=" + std::to_string(fixture().nfsPort);
     nfs_url* u = nfs_parse_url_full(nfs, url.c_str());
     nfsfh* fh = nullptr;
     if (u && nfs_mount(nfs, u->server, u->path) == 0 && nfs_open(nfs, u->file, O_RDONLY, &fh) == 0) {

@@ -5,6 +5,9 @@
 
 #include "app/SingleInstance.h"
 #include "app/VantoryApp.h"
+#include "engine/EngineSupervisor.h"
+#include "platform/Http.h"
+#include "platform/Mounts.h"
 #include "app/core/Logging.h"
 #include "platform/Clock.h"
 #include "plex/PlexServerProbe.h"
@@ -69,6 +72,21 @@ int main(int argc, char** argv) {
   vt::AppWiring wiring;
   wiring.paths = paths;
   wiring.plexAccess = vt::PlexServerProbe::factory(paths.data("Library"));
+  // The engine: the vtnfs built with the application, mounted through the
+  // kernel's NFS client where this user may mount, else the FUSE helper.
+  vt::LinuxLibraryMounter mounter;
+  wiring.makeEngine = [&paths, &mounter, &logFile](vt::AppConfig& config, vt::LibraryStore& library) {
+    vt::EngineSupervisorEnvironment env;
+    env.clock = &vt::systemClock();
+    env.http = &vt::sharedHttpClient();
+    env.mounter = &mounter;
+    env.dataDirectory = paths.dataDirectory;
+    env.bundledEngine = vt::findHelperProgram("vtnfs");
+    env.appVersion = VT_APP_VERSION;
+    env.logFile = &logFile;
+    env.logToStandardError = false;
+    return std::make_unique<vt::EngineSupervisor>(config, library, std::move(env));
+  };
   vt::VantoryApp app(std::move(wiring));
   vt::logLine("[Vantory] started; " + std::to_string(app.library().size()) + " titles in the library");
 

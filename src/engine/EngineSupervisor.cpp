@@ -30,7 +30,8 @@ namespace vt {
 namespace {
 
 constexpr const char* kTooSlow = "Vantory didn't start in time. Try quitting and reopening the app.";
-constexpr const char* kMountFailed = "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.";
+constexpr const char* kMountFailed =
+    "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.";
 constexpr const char* kGaveUp = "Vantory stopped unexpectedly.";
 
 // What follows the last ":" of an address.
@@ -62,7 +63,7 @@ QCoro::Task<bool> lstatWithin(Clock& clock, std::string folder, double limit) {
   };
   auto race = std::make_shared<Race>();
   auto future = QtConcurrent::run([folder] {
-    struct stat st{};
+    struct stat st {};
     ::lstat(folder.c_str(), &st);
   });
   future.then(QCoreApplication::instance(), [race] {
@@ -169,8 +170,10 @@ QCoro::Task<> EngineSupervisor::prepare(bool isTestHome) {
     bool adopted = false;
     if (!isTestHome) adopted = co_await adoptIfRunning(*instance);
     if (!*alive) co_return;
-    if (adopted) keep.insert(instance->paths.mountPoint);
-    else co_await cleanOrphanFromPidFile(instance->paths.pidFile);
+    if (adopted)
+      keep.insert(instance->paths.mountPoint);
+    else
+      co_await cleanOrphanFromPidFile(instance->paths.pidFile);
     if (!*alive) co_return;
   }
   co_await sweepStaleMounts(isTestHome, keep);
@@ -365,7 +368,7 @@ QCoro::Task<> EngineSupervisor::startInstance(EngineInstance& instance, std::vec
 }
 
 QCoro::Task<std::optional<std::string>> EngineSupervisor::startSteps(EngineInstance& instance,
-                                                                      std::vector<EngineEntry> entries) {
+                                                                     std::vector<EngineEntry> entries) {
   auto alive = alive_;
   co_await clearStaleEngine(instance);
   if (!*alive) co_return std::nullopt;
@@ -394,7 +397,8 @@ std::optional<std::string> EngineSupervisor::prepareEngineFiles() {
   // Replacing a running binary: write beside it and rename over it.
   const QString temp = copy + ".new";
   QFile::remove(temp);
-  if (!QFile::copy(QString::fromStdString(env_.bundledEngine), temp)) return std::string("Bundled resource vtnfs missing");
+  if (!QFile::copy(QString::fromStdString(env_.bundledEngine), temp))
+    return std::string("Bundled resource vtnfs missing");
   QFile::setPermissions(temp, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner |
                                   QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther |
                                   QFileDevice::ExeOther);

@@ -71,9 +71,12 @@ std::optional<std::string> mountedFileSystem(const std::string& folder) {
 std::string findHelperProgram(const std::string& name) {
   const QString dir = QCoreApplication::instance() ? QCoreApplication::applicationDirPath() : QString();
   const QString n = QString::fromStdString(name);
-  const QStringList candidates = {dir + "/" + n, dir + "/../tools/" + n + "/" + n,
-                                  dir + "/../../tools/" + n + "/" + n, dir + "/../libexec/vantory/" + n,
-                                  "/usr/libexec/vantory/" + n, "/usr/local/libexec/vantory/" + n};
+  const QStringList candidates = {dir + "/" + n,
+                                  dir + "/../tools/" + n + "/" + n,
+                                  dir + "/../../tools/" + n + "/" + n,
+                                  dir + "/../libexec/vantory/" + n,
+                                  "/usr/libexec/vantory/" + n,
+                                  "/usr/local/libexec/vantory/" + n};
   for (const QString& c : candidates) {
     const QFileInfo info(c);
     if (info.isFile() && info.isExecutable()) return info.canonicalFilePath().toStdString();
@@ -97,8 +100,8 @@ bool LinuxLibraryMounter::kernelMountAllowed() const {
 QCoro::Task<CommandResult> LinuxLibraryMounter::mount(int port, std::string folder) {
   std::string kernelOutput;
   if (kernelMountAllowed()) {
-    const QStringList args = {"-t", "nfs", "-o", QString::fromStdString(kernelOptions(port)), "127.0.0.1:/",
-                              QString::fromStdString(folder)};
+    const QStringList args = {
+        "-t", "nfs", "-o", QString::fromStdString(kernelOptions(port)), "127.0.0.1:/", QString::fromStdString(folder)};
     auto r = co_await runCommand("mount", args);
     if (r.status == 0) co_return r;
     kernelOutput = r.output;

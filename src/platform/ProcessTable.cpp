@@ -31,8 +31,7 @@ void listeningInodes(const char* table, int port, std::set<unsigned long>& inode
     unsigned state = 0, uid = 0;
     unsigned long inode = 0;
     int slot = 0;
-    if (std::sscanf(line, " %d: %63s %63s %x %*s %*s %*s %u %*d %lu", &slot, local, remote, &state, &uid, &inode) !=
-        6)
+    if (std::sscanf(line, " %d: %63s %63s %x %*s %*s %*s %u %*d %lu", &slot, local, remote, &state, &uid, &inode) != 6)
       continue;
     if (state != 0x0A) continue;  // TCP_LISTEN
     const char* colon = std::strrchr(local, ':');

@@ -142,7 +142,10 @@ CommandResult LinuxLibraryMounter::unmountNow(const std::string& folder) {
     if (r.status != 0) r = runNow("fusermount3", {"-u", "-z", QString::fromStdString(folder)});
     return r;
   }
-  return runNow("umount", {"-f", QString::fromStdString(folder)});
+  auto r = runNow("umount", {"-f", QString::fromStdString(folder)});
+  // Still busy: detach it now; the kernel finishes when the last user lets go.
+  if (r.status != 0) r = runNow("umount", {"-l", QString::fromStdString(folder)});
+  return r;
 }
 
 }  // namespace vt

@@ -42,12 +42,26 @@ class RecordingMounter : public LibraryMounter {
   int mountStatus = 0;
 };
 
+// Turns the event loop and moves virtual time on in `step`s until `done`.
+bool drive(ManualClock& clock, const std::function<bool()>& done, double step = 0.1, int realLimitMs = 60000) {
+  QElapsedTimer t;
+  t.start();
+  while (!done()) {
+    if (t.elapsed() > realLimitMs) return false;
+    test::settle(2);
+    if (done()) break;
+    clock.advance(step);
+  }
+  return true;
+}
+
 // One application process: settings, library and supervisor over a data
 // folder that several of them can share.
 struct App {
   App(const std::string& home, ManualClock& clock, LibraryMounter& mounter, quint16 controlPort, quint16 nfsPort,
       std::string version = "0.1.0", std::string rdKey = "rd-key-1")
-      : store(home + "/settings.ini"),
+      : clock(clock),
+        store(home + "/settings.ini"),
         config(store),
         library(home + "/library.json", clock),
         http(clock, HttpClient::Session::ephemeral) {
@@ -87,6 +101,17 @@ struct App {
   }
   bool everRunning() const { return std::count(states.begin(), states.end(), EngineState::running) > 0; }
 
+  // Starts the movie engine and drives time until its state is `until`.
+  bool startUntil(EngineState until) {
+    Job::start([this](CancelToken) { return supervisor->start(); });
+    return drive(clock, [&] { return supervisor->state() == until; });
+  }
+  bool stop() {
+    Job::start([this](CancelToken) { return supervisor->stopInstance(supervisor->movie()); });
+    return drive(clock, [&] { return supervisor->state() == EngineState::stopped; });
+  }
+
+  ManualClock& clock;
   SettingsStore store;
   AppConfig config;
   LibraryStore library;
@@ -104,19 +129,6 @@ struct App {
     return std::nullopt;
   }
 };
-
-// Turns the event loop and moves virtual time on in `step`s until `done`.
-bool drive(ManualClock& clock, const std::function<bool()>& done, double step = 0.1, int realLimitMs = 60000) {
-  QElapsedTimer t;
-  t.start();
-  while (!done()) {
-    if (t.elapsed() > realLimitMs) return false;
-    test::settle(2);
-    if (done()) break;
-    clock.advance(step);
-  }
-  return true;
-}
 
 // Two control ports two apart (movie and tv) that are free now.
 quint16 freeControlPort() {
@@ -144,8 +156,7 @@ TEST(EngineSupervisor, ACrashLoopBacksOffTwoToThirtyTwoSecondsThenGivesUp) {
       ::kill(*sup.movie().runningPid(), SIGKILL);
     }
   });
-  Job::start([&](CancelToken) { return sup.start(); });
-  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::failed; }));
+  ASSERT_TRUE(app.startUntil(EngineState::failed));
 
   EXPECT_EQ(kills, 6);
   EXPECT_EQ(sup.stuck(), std::set<EngineKind>{EngineKind::movie});
@@ -179,8 +190,7 @@ TEST(EngineSupervisor, ACrashAfterThirtySecondsOfRunningRestartsAfterTwoSeconds)
   RecordingMounter mounter;
   App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
   auto& sup = *app.supervisor;
-  Job::start([&](CancelToken) { return sup.start(); });
-  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+  ASSERT_TRUE(app.startUntil(EngineState::running));
   EXPECT_EQ(mounter.mounts.size(), 1u);
   EXPECT_EQ(app.linesWith("[supervisor] ready — library folder at " + home.path() + "/Library").size(), 1u);
 
@@ -197,8 +207,7 @@ TEST(EngineSupervisor, ACrashAfterThirtySecondsOfRunningRestartsAfterTwoSeconds)
   ASSERT_TRUE(drive(clock, [&] { return app.linesWith("will restart").size() == 2; }));
   EXPECT_NE(app.linesWith("will restart").back().second.find("(attempt 1/5) in 2s"), std::string::npos);
   ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
-  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
-  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::stopped; }));
+  ASSERT_TRUE(app.stop());
   EXPECT_FALSE(QFile::exists(QString::fromStdString(sup.movie().paths.pidFile)));
 }
 
@@ -260,8 +269,7 @@ TEST(EngineSupervisor, ANewApplicationProcessAdoptsTheRunningEngineAndReplacesAn
   ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
   EXPECT_EQ(sup.movie().launchedRDKey, "rd-key-2");
   EXPECT_TRUE(test::spinUntil([&] { return !processExists(enginePid); }));
-  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
-  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::stopped; }));
+  ASSERT_TRUE(third.stop());
 }
 
 TEST(EngineSupervisor, AStopDuringAStartEndsItWithoutRunning) {
@@ -340,15 +348,12 @@ TEST(EngineSupervisor, PlexDownOrAFailedMountDoNotHideWhatHappened) {
   auto& sup = *app.supervisor;
   app.config.setPmsURLString("http://127.0.0.1:" + std::to_string(test::freePort()));
   app.config.setToken("plex-token");
-  Job::start([&](CancelToken) { return sup.start(); });
-  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::running; }));
+  ASSERT_TRUE(app.startUntil(EngineState::running));
   EXPECT_EQ(app.linesWith("[supervisor] library setup skipped: ").size(), 1u);
-  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
-  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::stopped; }));
+  ASSERT_TRUE(app.stop());
 
   mounter.mountStatus = 32;
-  Job::start([&](CancelToken) { return sup.start(); });
-  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::failed; }));
+  ASSERT_TRUE(app.startUntil(EngineState::failed));
   EXPECT_EQ(sup.lastError(), "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.");
   EXPECT_EQ(app.linesWith("[supervisor] library folder connect failed: mount: permission denied").size(), 1u);
   EXPECT_FALSE(sup.movie().runningPid());
@@ -377,7 +382,6 @@ TEST(EngineSupervisor, MountsTheFolderForRealWhereThisMachineAllows) {
   EXPECT_TRUE(QDir(QString::fromStdString(folder))
                   .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
                   .contains("Film (2020) {imdb-tt1}"));
-  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
-  ASSERT_TRUE(drive(clock, [&] { return sup.state() == EngineState::stopped; }));
+  ASSERT_TRUE(app.stop());
   EXPECT_FALSE(mountedFileSystem(folder).has_value());
 }

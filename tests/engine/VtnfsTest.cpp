@@ -5,6 +5,7 @@
 
 #include "engine/EngineContract.h"
 #include "engine/EngineTestKit.h"
+#include "fakes/FakeFileHost.h"
 #include "fakes/FakeHttpServer.h"
 #include "platform/Clock.h"
 #include "platform/SerialFileWriter.h"
@@ -100,16 +101,7 @@ TEST(Vtnfs, WarmingReadsTheEndsOfLocalAndHttpSources) {
     f.write(content);
   }
   FakeHttpServer cdn;
-  cdn.on("GET", "/film.mkv", [&](const FakeHttpServer::Request& req, FakeHttpServer::Reply& reply) {
-    const auto range = req.header("Range").value_or("");
-    const auto spec = range.mid(6).split('-');
-    const qint64 first = spec[0].toLongLong();
-    const qint64 last = spec.size() > 1 && !spec[1].isEmpty() ? spec[1].toLongLong() : content.size() - 1;
-    reply.send(206, content.mid(first, last - first + 1),
-               {{"Content-Range", "bytes " + QByteArray::number(first) + "-" + QByteArray::number(last) + "/" +
-                                      QByteArray::number(content.size())}},
-               "video/x-matroska");
-  });
+  test::serveBytes(cdn, "/film.mkv", content);
   const auto manifest = home.file("entries.json");
   auto missing = entry("Gone.mkv", "", home.file("nope.bin"));
   ASSERT_TRUE(writeFileAtomically(

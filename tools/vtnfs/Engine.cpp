@@ -212,10 +212,6 @@ QCoro::Task<NfsBackend::ReadOutcome> Engine::read(std::string entry, uint64_t of
   it = entries_.find(entry);
   if (it != entries_.end() && it->second.entry == source) {
     it->second.bytesServed += static_cast<int64_t>(out.size() - before);
-    if (got.size && it->second.size != got.size) {
-      it->second.size = got.size;
-      tree_.setSize(entry, *got.size);
-    }
   }
   ReadOutcome outcome;
   outcome.ok = got.ok;
@@ -363,8 +359,8 @@ void Engine::routes() {
   control_.route("/control/budget", Method::Post, [this](const QHttpServerRequest& req) {
     auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
     if (body && body->is_object() && body->contains("cache_gb") && (*body)["cache_gb"].is_number()) {
-      budgetGB_ = (*body)["cache_gb"].get<double>();
-      reader_.setBudgetBytes(static_cast<int64_t>(std::max(0.0, budgetGB_) * 1e9));
+      const double gigabytes = (*body)["cache_gb"].get<double>();
+      reader_.setBudgetBytes(static_cast<int64_t>(std::max(0.0, gigabytes) * 1e9));
     }
     return jsonReply(vt::Json::object());
   });

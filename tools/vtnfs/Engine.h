@@ -81,7 +81,6 @@ class Engine : public NfsBackend {
   std::set<std::string> boosted_;
   std::map<std::string, double> expected_;
   bool playback_ = false;
-  double budgetGB_ = 0;
   vt::HttpClient http_;
   SourceReader reader_;
   NfsService service_;

@@ -84,13 +84,9 @@ void SourceReader::setBudgetBytes(int64_t bytes) {
 
 void SourceReader::forget(const std::string& entryName) {
   sources_.erase(entryName);
-  for (auto it = fds_.begin(); it != fds_.end();) {
-    if (it->first == entryName) {
-      ::close(it->second);
-      it = fds_.erase(it);
-    } else {
-      ++it;
-    }
+  if (auto it = fds_.find(entryName); it != fds_.end()) {
+    ::close(it->second);
+    fds_.erase(it);
   }
 }
 
@@ -137,7 +133,11 @@ SourceReader::SourceState& SourceReader::stateFor(const vt::EngineEntry& entry) 
 
 QCoro::Task<SourceReader::Outcome> SourceReader::read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset,
                                                       uint32_t count, std::string& out) {
-  if (!entry.local.empty()) co_return readLocal(entry, offset, count, out);
+  if (!entry.local.empty()) {
+    const Outcome local = readLocal(entry, offset, count, out);
+    if (local.size && *local.size != knownSize && hooks_.sizeConfirmed) hooks_.sizeConfirmed(entry.name, *local.size);
+    co_return local;
+  }
   if (count == 0) co_return Outcome{true, false, std::nullopt};
 
   std::optional<int64_t> total = stateFor(entry).total;

@@ -123,7 +123,9 @@ EngineSupervisor::~EngineSupervisor() {
       i->process->setParent(nullptr);
       i->process = nullptr;
     }
-    if (i->exitSource) i->exitSource->deleteLater();
+    // Deleted now, not later: a watch that fired after this point would
+    // call into a supervisor that is gone.
+    delete std::exchange(i->exitSource, nullptr);
   }
   for (auto& job : replaceTasks_) job.cancel();
 }
@@ -242,14 +244,17 @@ QCoro::Task<bool> EngineSupervisor::adoptIfRunning(EngineInstance& instance) {
 void EngineSupervisor::watchAdopted(EngineInstance& instance, int pid) {
   clearExitSource(instance);
   EngineInstance* target = &instance;
-  instance.exitSource = new ProcessExitWatch(pid, [this, target, pid] {
+  auto alive = alive_;
+  instance.exitSource = new ProcessExitWatch(pid, *env_.clock, [this, alive, target, pid] {
     // Only while that pid is still the instance's adopted engine.
-    if (target->adoptedPID == pid) handleExit(*target, -1, pid);
+    if (*alive && target->adoptedPID == pid) handleExit(*target, -1, pid);
   });
 }
 
 void EngineSupervisor::clearExitSource(EngineInstance& instance) {
   if (!instance.exitSource) return;
+  // Maybe called from the watch's own callback, hence deleted later.
+  instance.exitSource->cancel();
   instance.exitSource->deleteLater();
   instance.exitSource = nullptr;
 }

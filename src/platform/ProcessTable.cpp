@@ -82,7 +82,14 @@ std::optional<std::string> processName(int pid) {
 
 bool processExists(int pid) {
   if (pid <= 0) return false;
-  return ::kill(pid, 0) == 0 || errno == EPERM;
+  if (::kill(pid, 0) != 0 && errno != EPERM) return false;
+  // A zombie has ended; it only waits for its parent to reap it. The state
+  // follows the command name, which is in parentheses and may hold spaces.
+  QFile f(QString::fromStdString("/proc/" + std::to_string(pid) + "/stat"));
+  if (!f.open(QIODevice::ReadOnly)) return true;
+  const QByteArray stat = f.read(512);
+  const int close = stat.lastIndexOf(')');
+  return close < 0 || close + 2 >= stat.size() || stat[close + 2] != 'Z';
 }
 
 bool sendSignal(int pid, int signal) { return pid > 1 && ::kill(pid, signal) == 0; }
@@ -92,26 +99,54 @@ std::string lastPathComponent(const std::string& text) {
   return slash == std::string::npos ? text : text.substr(slash + 1);
 }
 
-ProcessExitWatch::ProcessExitWatch(int pid, std::function<void()> onExit) : pid_(pid), onExit_(std::move(onExit)) {
+namespace {
+bool pidfdAllowed = true;
+}
+
+void ProcessExitWatch::setPidfdAllowed(bool allowed) { pidfdAllowed = allowed; }
+
+ProcessExitWatch::ProcessExitWatch(int pid, Clock& clock, std::function<void()> onExit)
+    : pid_(pid), clock_(clock), onExit_(std::move(onExit)) {
 #ifdef SYS_pidfd_open
-  fd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (pidfdAllowed) fd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
 #endif
-  if (fd_ < 0) {
-    QTimer::singleShot(0, this, [this] {
-      if (onExit_) std::exchange(onExit_, nullptr)();
+  if (fd_ >= 0) {
+    // A pidfd becomes readable when the process ends.
+    auto* notifier = new QSocketNotifier(fd_, QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, [this, notifier] {
+      notifier->setEnabled(false);
+      fire();
     });
     return;
   }
-  // A pidfd becomes readable when the process ends.
-  auto* notifier = new QSocketNotifier(fd_, QSocketNotifier::Read, this);
-  connect(notifier, &QSocketNotifier::activated, this, [this, notifier] {
-    notifier->setEnabled(false);
-    if (onExit_) std::exchange(onExit_, nullptr)();
-  });
+  // No pidfd: the kernel predates it, or a sandbox filters the call (some
+  // container runtimes and valgrind do). Poll instead; a process that is
+  // already gone is reported on the first poll.
+  poll(processExists(pid_) ? kPollSeconds : 0);
 }
 
 ProcessExitWatch::~ProcessExitWatch() {
+  cancel();
   if (fd_ >= 0) ::close(fd_);
+}
+
+void ProcessExitWatch::cancel() {
+  if (timer_) clock_.cancelTimer(std::exchange(timer_, 0));
+  onExit_ = nullptr;
+}
+
+void ProcessExitWatch::poll(double delay) {
+  timer_ = clock_.schedule(delay, [this] {
+    timer_ = 0;
+    if (processExists(pid_))
+      poll(kPollSeconds);
+    else
+      fire();
+  });
+}
+
+void ProcessExitWatch::fire() {
+  if (onExit_) std::exchange(onExit_, nullptr)();
 }
 
 }  // namespace vt

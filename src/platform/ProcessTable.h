@@ -8,6 +8,8 @@
 
 #include <QObject>
 
+#include "platform/Clock.h"
+
 namespace vt {
 
 // What the system knows of other processes, read from /proc: who listens on
@@ -32,20 +34,31 @@ bool sendSignal(int pid, int signal);
 std::string lastPathComponent(const std::string& text);
 
 // Calls `onExit` once, on the main thread, when the process `pid` ends.
-// Works for any process, not only children (a pidfd). Destroying the watch
-// cancels it.
+// Works for any process, not only children: a pidfd where the kernel allows
+// one, otherwise a poll every second on `clock`. Destroying the watch cancels
+// it; nothing is called after that.
 class ProcessExitWatch : public QObject {
  public:
-  ProcessExitWatch(int pid, std::function<void()> onExit);
+  ProcessExitWatch(int pid, Clock& clock, std::function<void()> onExit);
   ~ProcessExitWatch() override;
   int pid() const { return pid_; }
-  // False when the process could not be watched (already gone: onExit is
-  // then called on the next turn of the event loop).
-  bool watching() const { return fd_ >= 0; }
+  // Nothing is called after this; for a watch that is deleted later.
+  void cancel();
+  // True when a pidfd watches the process, false when it is polled.
+  bool usesPidfd() const { return fd_ >= 0; }
+
+  static constexpr double kPollSeconds = 1.0;
+  // Tests turn pidfds off to run the polling path on any kernel.
+  static void setPidfdAllowed(bool allowed);
 
  private:
+  void poll(double delay);
+  void fire();
+
   int pid_;
+  Clock& clock_;
   int fd_ = -1;
+  Clock::TimerId timer_ = 0;
   std::function<void()> onExit_;
 };
 

@@ -279,7 +279,8 @@ void EngineSupervisor::replaceWhenIdle(EngineInstance& instance, std::string rea
 QCoro::Task<std::optional<int>> EngineSupervisor::portHolderPid(const EngineInstance& instance) {
   const int port = portOf(instance.paths.controlAddress);
   if (port <= 0) co_return std::nullopt;
-  const auto pids = co_await runInBackground([port] { return listeningPids(port); });
+  auto lookup = [port] { return listeningPids(port); };  // named: gcc 12 mishandles temporaries in co_await
+  const auto pids = co_await runInBackground(std::move(lookup));
   for (int pid : pids) {
     if (pid <= 1) continue;
     const auto name = processName(pid);

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <functional>
 #include <map>
 #include <random>
@@ -9,6 +13,7 @@
 #include "NfsService.h"
 #include "NfsTree.h"
 #include "Xdr.h"
+#include "platform/SerialFileWriter.h"
 #include "support/TestKit.h"
 
 using namespace vtnfs;
@@ -17,36 +22,53 @@ namespace {
 
 constexpr uint32_t kNfs = 100003, kMount = 100005;
 
-// A backend over bytes in memory.
+// A backend over bytes in memory; with `onDisk`, the bytes are also written
+// to files there and reads answer with spans of those files, as local
+// entries do.
 class MemoryBackend : public NfsBackend {
  public:
+  ~MemoryBackend() override {
+    for (auto& [name, fd] : fds_) ::close(fd);
+  }
   void set(std::vector<std::pair<std::string, std::string>> files) {
     data_.clear();
     std::vector<NfsTree::File> list;
     for (auto& [name, bytes] : files) {
       list.push_back({name, static_cast<int64_t>(bytes.size()), 1600000000});
       data_[name] = bytes;
+      if (onDisk) {
+        const std::string path = onDisk->filePath(QString::number(fds_.size())).toStdString();
+        EXPECT_TRUE(vt::writeFileAtomically(path, bytes));
+        fds_[name] = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      }
     }
     skipped = tree_.rebuild(list, 1700000000, ++stamp_);
   }
   const NfsTree& tree() const override { return tree_; }
-  QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out) override {
+  QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
+                                FileSpan* span) override {
     const auto& d = data_.at(entry);
     ReadOutcome o;
     o.ok = !failReads;
     if (!o.ok) co_return o;
     const size_t from = std::min<size_t>(offset, d.size());
     const size_t n = std::min<size_t>(count, d.size() - from);
-    out.append(d, from, n);
+    if (span && fds_.count(entry))
+      *span = FileSpan(fds_.at(entry), from, n + spanOverrun);
+    else
+      out.append(d, from, n);
     o.eof = from + n >= d.size();
     co_return o;
   }
   std::vector<std::string> skipped;
   bool failReads = false;
+  QTemporaryDir* onDisk = nullptr;
+  size_t spanOverrun = 0;  // spans claim this many bytes past the file's end
 
  private:
   NfsTree tree_;
   std::map<std::string, std::string> data_;
+  std::map<std::string, int> fds_;
   uint32_t stamp_ = 0;
 };
 
@@ -501,4 +523,95 @@ TEST(NfsServer, ClosesAConnectionWhoseRecordIsTooLargeAndAnswersOverRecordMarkin
   ASSERT_TRUE(vt::test::spinUntil([&] { return bad.state() == QAbstractSocket::ConnectedState; }));
   bad.write("\xff\xff\xff\xff", 4);
   EXPECT_TRUE(vt::test::spinUntil([&] { return bad.state() == QAbstractSocket::UnconnectedState; }));
+}
+
+TEST(NfsServer, SendsLocalFileBytesStraightFromTheFileAndKeepsPipelinedRepliesWhole) {
+  QTemporaryDir dir;
+  MemoryBackend backend;
+  backend.onDisk = &dir;
+  std::mt19937 rng(5);
+  std::string film(3 * (1 << 20) + 1234, '\0');
+  for (auto& c : film) c = static_cast<char>(rng());
+  backend.set({{"Film/Film.mkv", film}});
+  NfsService service(backend, 0, 0);
+  NfsServer server(service);
+  ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0));
+  Client direct{service};
+  const uint64_t id = direct.lookup(direct.lookup(1, "Film"), "Film.mkv");
+  ASSERT_NE(id, 0u);
+  // Through handle() the span is read into the text.
+  EXPECT_TRUE(direct.read(id, 1 << 20, 1 << 20) == film.substr(1 << 20, 1 << 20));
+
+  // Sixteen 1 MiB reads (and some odd lengths) sent at once, unread until
+  // all are answered: the socket fills, so replies go partly by sendfile
+  // and partly through the socket's own buffer, and each arrives whole.
+  const auto readCall = [&](uint32_t xid, uint64_t offset, uint32_t count) {
+    std::string body = call(
+        kNfs, 3, 6,
+        [&](XdrWriter& w) {
+          fh(w, id);
+          w.u64(offset);
+          w.u32(count);
+        },
+        xid);
+    std::string framed;
+    XdrWriter(framed).u32(0x80000000u | static_cast<uint32_t>(body.size()));
+    return framed + body;
+  };
+  QTcpSocket socket;
+  socket.connectToHost(QHostAddress::LocalHost, server.port());
+  ASSERT_TRUE(vt::test::spinUntil([&] { return socket.state() == QAbstractSocket::ConnectedState; }));
+  std::map<uint32_t, std::string> expected;
+  for (uint32_t xid = 1; xid <= 16; ++xid) {
+    const uint64_t offset = (xid * 777777ull) % film.size();
+    const uint32_t count = xid % 4 == 0 ? 4097 + xid : 1 << 20;
+    expected[xid] = film.substr(offset, count);
+    const std::string c = readCall(xid, offset, count);
+    socket.write(c.data(), static_cast<qint64>(c.size()));
+  }
+  socket.flush();
+  vt::test::settle(100);
+  std::string received;
+  std::map<uint32_t, std::string> got;
+  ASSERT_TRUE(vt::test::spinUntil(
+      [&] {
+        received += socket.readAll().toStdString();
+        while (received.size() >= 4) {
+          XdrReader mark(received.data(), 4);
+          uint32_t m = 0;
+          mark.u32(m);
+          const size_t length = m & 0x7fffffffu;
+          if (received.size() < 4 + length) break;
+          const std::string record = received.substr(0, 4 + length);
+          received.erase(0, 4 + length);
+          XdrReader in(record.data() + 4, length);
+          uint32_t xid = 0;
+          in.u32(xid);
+          Reply r = decode(record, xid);
+          uint32_t st = 1, n = 0;
+          bool follows = false, eof = false;
+          std::string_view attrs, data;
+          r.body.u32(st);
+          r.body.boolean(follows);
+          r.body.fixed(attrs, 84);
+          r.body.u32(n);
+          r.body.boolean(eof);
+          r.body.opaque(data, 1 << 21);
+          EXPECT_EQ(st, 0u);
+          EXPECT_EQ(r.body.remaining(), 0u);
+          got[xid] = std::string(data);
+        }
+        return got.size() == expected.size();
+      },
+      10000));
+  for (const auto& [xid, bytes] : expected) EXPECT_TRUE(got[xid] == bytes) << "xid " << xid;
+
+  // A file that shrank after its reply was sized: the reply can't be
+  // completed as promised, so the connection closes rather than send a
+  // record shorter than its mark.
+  backend.spanOverrun = 100;
+  const std::string c = readCall(99, film.size() - 10, 1000);
+  socket.write(c.data(), static_cast<qint64>(c.size()));
+  EXPECT_TRUE(vt::test::spinUntil([&] { return socket.state() == QAbstractSocket::UnconnectedState; }));
+  EXPECT_EQ(vt::test::runTask(service.handle(c.substr(4))), std::nullopt);
 }

@@ -201,17 +201,17 @@ int Engine::reload() {
   return deferred;
 }
 
-QCoro::Task<NfsBackend::ReadOutcome> Engine::read(std::string entry, uint64_t offset, uint32_t count,
-                                                  std::string& out) {
+QCoro::Task<NfsBackend::ReadOutcome> Engine::read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
+                                                  FileSpan* span) {
   auto it = entries_.find(entry);
   if (it == entries_.end()) co_return ReadOutcome{};
   const vt::EngineEntry source = it->second.entry;
   const int64_t known = it->second.size.value_or(source.size);
   const size_t before = out.size();
-  const SourceReader::Outcome got = co_await reader_.read(source, known, offset, count, out);
+  const SourceReader::Outcome got = co_await reader_.read(source, known, offset, count, out, span);
   it = entries_.find(entry);
   if (it != entries_.end() && it->second.entry == source) {
-    it->second.bytesServed += static_cast<int64_t>(out.size() - before);
+    it->second.bytesServed += static_cast<int64_t>(out.size() - before + (span ? span->length() : 0));
   }
   ReadOutcome outcome;
   outcome.ok = got.ok;

@@ -64,7 +64,8 @@ class Engine : public NfsBackend {
 
   // NfsBackend
   const NfsTree& tree() const override { return tree_; }
-  QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out) override;
+  QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
+                                FileSpan* span) override;
 
  private:
   void routes();

@@ -3,8 +3,9 @@
 #include <sys/socket.h>
 
 #include <QPointer>
-#include <cerrno>
 #include <QTcpSocket>
+#include <algorithm>
+#include <cerrno>
 
 #include "platform/Job.h"
 
@@ -20,23 +21,44 @@ struct Pending : QObject {
 };
 
 // Writes straight to the socket while Qt has nothing queued for it, which
-// saves copying each reply into Qt's buffer; what the kernel doesn't take
-// at once goes through Qt, which keeps the order.
-void send(QTcpSocket& socket, const std::string& reply) {
+// saves copying each reply into Qt's buffer, and sends a local file's bytes
+// with sendfile; what the kernel doesn't take at once goes through Qt, which
+// keeps the order. False when the reply can't be completed (its file ended
+// early): the connection must close, as its record mark already promised
+// more.
+bool sendDirect(int fd, const char* data, size_t size, size_t& sent, int flags) {
+  while (sent < size) {
+    const ssize_t n = ::send(fd, data + sent, size - sent, MSG_DONTWAIT | MSG_NOSIGNAL | flags);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    return false;  // would block, or an error that Qt will report
+  }
+  return true;
+}
+
+bool send(QTcpSocket& socket, NfsService::Reply& reply) {
+  const std::string& bytes = reply.bytes;
+  const size_t spanAt = reply.span ? reply.spanAt : bytes.size();
   size_t sent = 0;
+  bool spanDone = !reply.span;
   if (socket.bytesToWrite() == 0 && socket.state() == QAbstractSocket::ConnectedState) {
     const int fd = static_cast<int>(socket.socketDescriptor());
-    while (sent < reply.size()) {
-      const ssize_t n = ::send(fd, reply.data() + sent, reply.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
-      if (n > 0) {
-        sent += static_cast<size_t>(n);
-        continue;
-      }
-      if (n < 0 && errno == EINTR) continue;
-      break;  // would block, or an error that Qt will report
+    if (sendDirect(fd, bytes.data(), spanAt, sent, reply.span ? MSG_MORE : 0) && !spanDone) {
+      bool ended = false;
+      spanDone = reply.span.sendTo(fd, ended);
+      if (ended) return false;
+      if (spanDone) sendDirect(fd, bytes.data(), bytes.size(), sent, 0);
     }
   }
-  if (sent < reply.size()) socket.write(reply.data() + sent, static_cast<qint64>(reply.size() - sent));
+  std::string rest;
+  if (sent < spanAt) rest.append(bytes, sent, spanAt - sent);
+  if (!spanDone && !reply.span.appendTo(rest)) return false;
+  if (sent < bytes.size()) rest.append(bytes, std::max(sent, spanAt));
+  if (!rest.empty()) socket.write(rest.data(), static_cast<qint64>(rest.size()));
+  return true;
 }
 
 }  // namespace
@@ -72,13 +94,9 @@ void NfsServer::accept() {
         if (!last) continue;
         QPointer<QTcpSocket> target(socket);
         vt::Job::start([this, target, record = std::move(pending->record)](vt::CancelToken) mutable -> QCoro::Task<> {
-          auto reply = co_await service_.handle(std::move(record));
+          auto reply = co_await service_.reply(std::move(record));
           if (!target) co_return;
-          if (!reply) {
-            target->abort();
-            co_return;
-          }
-          if (!reply->empty()) send(*target, *reply);
+          if (!reply || !send(*target, *reply)) target->abort();
         });
         pending->record.clear();
       }

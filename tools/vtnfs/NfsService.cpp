@@ -92,15 +92,31 @@ void NfsService::postOpAttributes(std::string& out, const NfsNode* node) const {
   if (node) attributes(out, *node);
 }
 
+std::optional<std::string> NfsService::Reply::flatten() && {
+  if (!span) return std::move(bytes);
+  std::string out = bytes.substr(0, spanAt);
+  out.reserve(bytes.size() + span.length());
+  if (!span.appendTo(out)) return std::nullopt;
+  out.append(bytes, spanAt);
+  return out;
+}
+
 QCoro::Task<std::optional<std::string>> NfsService::handle(std::string record) {
-  std::string out;
+  auto r = co_await reply(std::move(record));
+  if (!r) co_return std::nullopt;
+  co_return std::move(*r).flatten();
+}
+
+QCoro::Task<std::optional<NfsService::Reply>> NfsService::reply(std::string record) {
+  Reply result;
+  std::string& out = result.bytes;
   out.reserve(256);
   XdrWriter w(out);
   w.u32(0);  // the record mark, set at the end
   XdrReader r(record.data(), record.size());
   uint32_t xid = 0, type = 0, rpcvers = 0, prog = 0, vers = 0, proc = 0;
   if (!r.u32(xid) || !r.u32(type)) co_return std::nullopt;
-  if (type != kCall) co_return std::string();
+  if (type != kCall) co_return Reply{};
   if (!r.u32(rpcvers) || !r.u32(prog) || !r.u32(vers) || !r.u32(proc)) co_return std::nullopt;
   uint32_t flavor = 0;
   std::string_view body;
@@ -132,7 +148,7 @@ QCoro::Task<std::optional<std::string>> NfsService::handle(std::string record) {
     } else if (prog == kNfsProgram) {
       if (proc > 21)
         accept = kProcUnavail;
-      else if (!co_await nfs(call, out))
+      else if (!co_await nfs(call, result))
         accept = kGarbageArgs;
     } else {
       if (proc > 5)
@@ -141,6 +157,7 @@ QCoro::Task<std::optional<std::string>> NfsService::handle(std::string record) {
         accept = kGarbageArgs;
     }
     if (accept != kSuccess) {
+      result.span = FileSpan();
       out.resize(statAt + 4);
       w.patch(statAt, accept);
       if (accept == kProgMismatch) {
@@ -149,8 +166,8 @@ QCoro::Task<std::optional<std::string>> NfsService::handle(std::string record) {
       }
     }
   }
-  w.patch(0, 0x80000000u | static_cast<uint32_t>(out.size() - 4));
-  co_return out;
+  w.patch(0, 0x80000000u | static_cast<uint32_t>(out.size() - 4 + result.span.length()));
+  co_return result;
 }
 
 bool NfsService::mount(Call& call, std::string& out) {
@@ -198,7 +215,8 @@ bool NfsService::mount(Call& call, std::string& out) {
   return false;
 }
 
-QCoro::Task<bool> NfsService::nfs(Call& call, std::string& out) {
+QCoro::Task<bool> NfsService::nfs(Call& call, Reply& reply) {
+  std::string& out = reply.bytes;
   XdrWriter w(out);
   XdrReader& r = call.args;
   const NfsTree& tree = backend_.tree();
@@ -268,14 +286,16 @@ QCoro::Task<bool> NfsService::nfs(Call& call, std::string& out) {
       const size_t head = out.size();
       out.append(4 + 4 + kAttrSize + 4 + 4 + 4, '\0');
       NfsBackend::ReadOutcome outcome;
+      FileSpan span;
       if (offset < static_cast<uint64_t>(std::max<int64_t>(0, node->size)) || node->size == 0) {
-        outcome = co_await backend_.read(entry, offset, count, out);
+        outcome = co_await backend_.read(entry, offset, count, out, &span);
       } else {  // at or past the end
         outcome.ok = true;
         outcome.eof = true;
       }
       const NfsNode* now = backend_.tree().find(id);
-      const size_t got = out.size() - head - (4 + 4 + kAttrSize + 4 + 4 + 4);
+      const size_t dataAt = head + (4 + 4 + kAttrSize + 4 + 4 + 4);
+      const size_t got = out.size() - dataAt + span.length();
       if (!outcome.ok || !now) {
         out.resize(head);
         w.u32(now ? kIo : kStale);
@@ -291,6 +311,10 @@ QCoro::Task<bool> NfsService::nfs(Call& call, std::string& out) {
       ww.boolean(outcome.eof);
       ww.u32(static_cast<uint32_t>(got));
       out.replace(head, words.size(), words);
+      if (span) {
+        reply.span = std::move(span);
+        reply.spanAt = dataAt;
+      }
       w.pad(got);
       co_return true;
     }

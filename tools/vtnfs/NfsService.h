@@ -6,6 +6,7 @@
 
 #include <qcoro/qcorotask.h>
 
+#include "FileSpan.h"
 #include "NfsTree.h"
 
 namespace vtnfs {
@@ -20,8 +21,11 @@ class NfsBackend {
     bool ok = false;   // false: the source failed (an I/O error for the client)
     bool eof = false;  // the read reached the end of the file
   };
-  // Appends up to `count` bytes of `entry` from `offset` to `out`.
-  virtual QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out) = 0;
+  // Appends up to `count` bytes of `entry` from `offset` to `out`. Where
+  // `span` is given and the bytes lie in a local file, the backend may name
+  // them there instead, and appends nothing.
+  virtual QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
+                                        FileSpan* span) = 0;
 };
 
 // NFS version 3 and MOUNT version 3 over ONC RPC, read-only, without the
@@ -34,14 +38,26 @@ class NfsService {
 
   NfsService(NfsBackend& backend, uint32_t uid, uint32_t gid) : backend_(backend), uid_(uid), gid_(gid) {}
 
-  // The reply to one complete record, record mark included; an empty text
-  // when no reply is due (a record that isn't a call); none when the record
-  // is too broken to answer and the connection should close.
+  // A reply record whose file bytes may still be in the file.
+  struct Reply {
+    std::string bytes;  // the record, record mark included, less the span
+    FileSpan span;      // when set, its bytes belong at `spanAt` in `bytes`
+    size_t spanAt = 0;
+    // The whole record as one text; none when the file ended early.
+    std::optional<std::string> flatten() &&;
+  };
+
+  // The reply to one complete record; empty bytes when no reply is due (a
+  // record that isn't a call); none when the record is too broken to answer
+  // and the connection should close. READ replies of local files carry a
+  // span, for the socket to send without copying.
+  QCoro::Task<std::optional<Reply>> reply(std::string record);
+  // The same reply as one text.
   QCoro::Task<std::optional<std::string>> handle(std::string record);
 
  private:
   struct Call;
-  QCoro::Task<bool> nfs(Call& call, std::string& out);
+  QCoro::Task<bool> nfs(Call& call, Reply& reply);
   bool mount(Call& call, std::string& out);
   void attributes(std::string& out, const NfsNode& node) const;
   void postOpAttributes(std::string& out, const NfsNode* node) const;

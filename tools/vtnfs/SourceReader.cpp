@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <vector>
 
+#include "platform/Background.h"
+#include "platform/Job.h"
 #include "platform/SerialFileWriter.h"
 
 namespace vtnfs {
@@ -74,6 +76,7 @@ SourceReader::SourceReader(vt::HttpClient& http, std::string cacheDirectory, Hoo
 }
 
 SourceReader::~SourceReader() {
+  *alive_ = false;
   for (auto& [path, fd] : fds_) ::close(fd);
 }
 
@@ -91,7 +94,7 @@ void SourceReader::forget(const std::string& entryName) {
 }
 
 SourceReader::Outcome SourceReader::readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count,
-                                              std::string& out) {
+                                              std::string& out, FileSpan* span) {
   auto it = fds_.find(entry.name);
   if (it == fds_.end()) {
     if (fds_.size() >= 64) {
@@ -107,6 +110,10 @@ SourceReader::Outcome SourceReader::readLocal(const vt::EngineEntry& entry, uint
   const auto size = static_cast<int64_t>(st.st_size);
   if (offset >= static_cast<uint64_t>(size)) return {true, true, size};
   const auto n = static_cast<size_t>(std::min<uint64_t>(count, static_cast<uint64_t>(size) - offset));
+  if (span) {
+    *span = FileSpan(it->second, offset, n);
+    if (*span) return {true, offset + n >= static_cast<uint64_t>(size), size};
+  }
   const size_t before = out.size();
   out.resize(before + n);
   size_t got = 0;
@@ -132,9 +139,9 @@ SourceReader::SourceState& SourceReader::stateFor(const vt::EngineEntry& entry) 
 }
 
 QCoro::Task<SourceReader::Outcome> SourceReader::read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset,
-                                                      uint32_t count, std::string& out) {
+                                                      uint32_t count, std::string& out, FileSpan* span) {
   if (!entry.local.empty()) {
-    const Outcome local = readLocal(entry, offset, count, out);
+    const Outcome local = readLocal(entry, offset, count, out, span);
     if (local.size && *local.size != knownSize && hooks_.sizeConfirmed) hooks_.sizeConfirmed(entry.name, *local.size);
     co_return local;
   }
@@ -182,10 +189,12 @@ void SourceReader::readAhead(const vt::EngineEntry& entry, int64_t index) {
 QCoro::Task<SourceReader::Chunk> SourceReader::chunk(vt::EngineEntry entry, int64_t index) {
   const std::string id = stateFor(entry).key + "-" + std::to_string(index);
   if (Chunk c = memoryGet(id)) co_return c;
-  if (Chunk c = diskGet(id)) {
+  if (Chunk c = co_await diskGet(id)) {
     memoryPut(id, c);
     co_return c;
   }
+  // A read of the disk cache or a fetch may have brought it meanwhile.
+  if (Chunk c = memoryGet(id)) co_return c;
   if (auto it = inflight_.find(id); it != inflight_.end()) {
     const auto pending = it->second;
     co_await pending->done;
@@ -288,40 +297,59 @@ void SourceReader::memoryPut(const std::string& id, Chunk chunk) {
   if (memory_.size() > kMemoryChunks) memory_.pop_back();
 }
 
-SourceReader::Chunk SourceReader::diskGet(const std::string& id) {
+// The disk cache is read and written on worker threads: a 4 MiB write with
+// its sync must not hold up the calls of other readers. A chunk counts as
+// cached once its file is complete.
+QCoro::Task<SourceReader::Chunk> SourceReader::diskGet(std::string id) {
   auto it = disk_.find(id);
-  if (it == disk_.end()) return nullptr;
-  auto text = vt::readFile(cacheDirectory_ + "/" + id + ".chunk");
-  if (!text || static_cast<int64_t>(text->size()) != it->second->second) {
-    diskBytes_ -= it->second->second;
-    diskOrder_.erase(it->second);
-    disk_.erase(it);
-    ::unlink((cacheDirectory_ + "/" + id + ".chunk").c_str());
-    return nullptr;
-  }
+  if (it == disk_.end()) co_return Chunk();
+  const int64_t expected = it->second->second;
   diskOrder_.splice(diskOrder_.end(), diskOrder_, it->second);
-  return std::make_shared<const std::string>(std::move(*text));
+  const std::string path = cacheDirectory_ + "/" + id + ".chunk";
+  auto alive = alive_;
+  auto read = [path] { return vt::readFile(path); };  // named: gcc 12 mishandles temporaries in co_await
+  auto text = co_await vt::runInBackground(std::move(read));
+  if (!*alive) co_return Chunk();
+  if (!text || static_cast<int64_t>(text->size()) != expected) {
+    diskDrop(id);  // damaged, or evicted while it was read
+    co_return Chunk();
+  }
+  co_return std::make_shared<const std::string>(std::move(*text));
 }
 
 void SourceReader::diskPut(const std::string& id, const Chunk& chunk) {
   const auto size = static_cast<int64_t>(chunk->size());
-  if (disk_.count(id) || size > budgetBytes_ || cacheDirectory_.empty()) return;
-  QDir().mkpath(QString::fromStdString(cacheDirectory_));
-  if (!vt::writeFileAtomically(cacheDirectory_ + "/" + id + ".chunk", *chunk)) return;
-  diskOrder_.emplace_back(id, size);
-  disk_[id] = std::prev(diskOrder_.end());
-  diskBytes_ += size;
-  evict();
+  if (disk_.count(id) || writing_.count(id) || size > budgetBytes_ || cacheDirectory_.empty()) return;
+  writing_.insert(id);
+  auto alive = alive_;
+  const std::string folder = cacheDirectory_, path = cacheDirectory_ + "/" + id + ".chunk";
+  vt::Job::start([this, alive, id, chunk, folder, path, size](vt::CancelToken) -> QCoro::Task<> {
+    auto write = [folder, path, chunk] {
+      QDir().mkpath(QString::fromStdString(folder));
+      return vt::writeFileAtomically(path, *chunk);
+    };
+    const bool written = co_await vt::runInBackground(std::move(write));
+    if (!*alive) co_return;
+    writing_.erase(id);
+    if (!written || disk_.count(id)) co_return;
+    diskOrder_.emplace_back(id, size);
+    disk_[id] = std::prev(diskOrder_.end());
+    diskBytes_ += size;
+    evict();
+  });
+}
+
+void SourceReader::diskDrop(std::string id) {  // a copy: callers pass names that this erases
+  auto it = disk_.find(id);
+  if (it == disk_.end()) return;
+  diskBytes_ -= it->second->second;
+  diskOrder_.erase(it->second);
+  disk_.erase(it);
+  ::unlink((cacheDirectory_ + "/" + id + ".chunk").c_str());
 }
 
 void SourceReader::evict() {
-  while (diskBytes_ > budgetBytes_ && !diskOrder_.empty()) {
-    const auto [id, size] = diskOrder_.front();
-    ::unlink((cacheDirectory_ + "/" + id + ".chunk").c_str());
-    disk_.erase(id);
-    diskOrder_.pop_front();
-    diskBytes_ -= size;
-  }
+  while (diskBytes_ > budgetBytes_ && !diskOrder_.empty()) diskDrop(diskOrder_.front().first);
 }
 
 }  // namespace vtnfs

@@ -6,11 +6,13 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 
 #include <qcoro/qcorotask.h>
 
+#include "FileSpan.h"
 #include "engine/EngineContract.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
@@ -44,6 +46,7 @@ class SourceReader {
 
   void setBudgetBytes(int64_t bytes);
   int64_t diskBytes() const { return diskBytes_; }
+  bool diskWritesPending() const { return !writing_.empty(); }
 
   struct Outcome {
     bool ok = false;
@@ -52,8 +55,9 @@ class SourceReader {
   };
   // Appends up to `count` bytes of the entry at `offset` to `out`.
   // `knownSize` is the size served so far (the manifest's, or one confirmed).
-  QCoro::Task<Outcome> read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset, uint32_t count,
-                            std::string& out);
+  // With `span`, the bytes of a local file are named there, not appended.
+  QCoro::Task<Outcome> read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset, uint32_t count, std::string& out,
+                            FileSpan* span = nullptr);
 
   // Drops what is remembered of entries that are gone or changed source.
   void forget(const std::string& entryName);
@@ -72,7 +76,7 @@ class SourceReader {
     Chunk chunk;
   };
 
-  Outcome readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count, std::string& out);
+  Outcome readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count, std::string& out, FileSpan* span);
   SourceState& stateFor(const vt::EngineEntry& entry);
   QCoro::Task<Chunk> chunk(vt::EngineEntry entry, int64_t index);
   QCoro::Task<Chunk> fetch(vt::EngineEntry entry, int64_t index);
@@ -80,8 +84,9 @@ class SourceReader {
 
   Chunk memoryGet(const std::string& id);
   void memoryPut(const std::string& id, Chunk chunk);
-  Chunk diskGet(const std::string& id);
+  QCoro::Task<Chunk> diskGet(std::string id);
   void diskPut(const std::string& id, const Chunk& chunk);
+  void diskDrop(std::string id);
   void evict();
 
   vt::HttpClient& http_;
@@ -98,6 +103,9 @@ class SourceReader {
   std::unordered_map<std::string, std::list<std::pair<std::string, int64_t>>::iterator> disk_;
   // Open files of local entries.
   std::unordered_map<std::string, int> fds_;
+  // Chunks being written to the disk cache on a worker thread.
+  std::set<std::string> writing_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace vtnfs

@@ -20,12 +20,7 @@ struct Pending : QObject {
   std::string record;  // fragments of the record being assembled
 };
 
-// Writes straight to the socket while Qt has nothing queued for it, which
-// saves copying each reply into Qt's buffer, and sends a local file's bytes
-// with sendfile; what the kernel doesn't take at once goes through Qt, which
-// keeps the order. False when the reply can't be completed (its file ended
-// early): the connection must close, as its record mark already promised
-// more.
+// Sends from `sent` on without blocking; true when all of it went.
 bool sendDirect(int fd, const char* data, size_t size, size_t& sent, int flags) {
   while (sent < size) {
     const ssize_t n = ::send(fd, data + sent, size - sent, MSG_DONTWAIT | MSG_NOSIGNAL | flags);
@@ -39,6 +34,12 @@ bool sendDirect(int fd, const char* data, size_t size, size_t& sent, int flags) 
   return true;
 }
 
+// Writes straight to the socket while Qt has nothing queued for it, which
+// saves copying each reply into Qt's buffer, and sends a local file's bytes
+// with sendfile; what the kernel doesn't take at once goes through Qt, which
+// keeps the order. False when the reply can't be completed (its file ended
+// early): the connection must close, as its record mark already promised
+// more.
 bool send(QTcpSocket& socket, NfsService::Reply& reply) {
   const std::string& bytes = reply.bytes;
   const size_t spanAt = reply.span ? reply.spanAt : bytes.size();

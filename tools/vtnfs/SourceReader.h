@@ -32,6 +32,7 @@ class SourceReader {
  public:
   static constexpr int64_t kChunk = 4 << 20;
   static constexpr int kReadAhead = 2;
+  static constexpr off_t kLocalReadAhead = 8 << 20;  // bytes asked ahead of local reads
   static constexpr size_t kMemoryChunks = 16;
   static constexpr double kRequestTimeout = 30;
 

@@ -7,6 +7,7 @@
 #include <QProcess>
 #include <QScopeGuard>
 #include <QTcpServer>
+#include <optional>
 
 #include "app/core/AppConfig.h"
 #include "app/core/LibraryStore.h"
@@ -143,11 +144,20 @@ quint16 freeControlPort() {
 
 }  // namespace
 
-TEST(EngineSupervisor, ACrashLoopBacksOffTwoToThirtyTwoSecondsThenGivesUp) {
+// Every test starts from an empty home, a virtual clock and a mounter that
+// records what it is asked.
+class EngineSupervisorTest : public ::testing::Test {
+ protected:
+  App& standardApp() { return app_.emplace(home.path(), clock, mounter, freeControlPort(), test::freePort()); }
+
   test::TestHome home;
   ManualClock clock;
   RecordingMounter mounter;
-  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+  std::optional<App> app_;
+};
+
+TEST_F(EngineSupervisorTest, ACrashLoopBacksOffTwoToThirtyTwoSecondsThenGivesUp) {
+  App& app = standardApp();
   auto& sup = *app.supervisor;
   // The engine dies as soon as it runs.
   int kills = 0;
@@ -185,11 +195,8 @@ TEST(EngineSupervisor, ACrashLoopBacksOffTwoToThirtyTwoSecondsThenGivesUp) {
   EXPECT_EQ(app.linesWith("disconnected library folder after unexpected exit").size(), 6u);
 }
 
-TEST(EngineSupervisor, ACrashAfterThirtySecondsOfRunningRestartsAfterTwoSeconds) {
-  test::TestHome home;
-  ManualClock clock;
-  RecordingMounter mounter;
-  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+TEST_F(EngineSupervisorTest, ACrashAfterThirtySecondsOfRunningRestartsAfterTwoSeconds) {
+  App& app = standardApp();
   auto& sup = *app.supervisor;
   ASSERT_TRUE(app.startUntil(EngineState::running));
   EXPECT_EQ(mounter.mounts.size(), 1u);
@@ -212,14 +219,11 @@ TEST(EngineSupervisor, ACrashAfterThirtySecondsOfRunningRestartsAfterTwoSeconds)
   EXPECT_FALSE(QFile::exists(QString::fromStdString(sup.movie().paths.pidFile)));
 }
 
-TEST(EngineSupervisor, ANewApplicationProcessAdoptsTheRunningEngineAndReplacesAnOtherVersionOnlyWhenIdle) {
+TEST_F(EngineSupervisorTest, ANewApplicationProcessAdoptsTheRunningEngineAndReplacesAnOtherVersionOnlyWhenIdle) {
   // Adopted engines are watched by polling here, as where a sandbox refuses
   // pidfds: a supervisor that quits must not hear from its watch afterwards.
   ProcessExitWatch::setPidfdAllowed(false);
   const auto restore = qScopeGuard([] { ProcessExitWatch::setPidfdAllowed(true); });
-  test::TestHome home;
-  ManualClock clock;
-  RecordingMounter mounter;
   const quint16 control = freeControlPort(), nfs = test::freePort();
   int enginePid = 0;
   {
@@ -277,11 +281,8 @@ TEST(EngineSupervisor, ANewApplicationProcessAdoptsTheRunningEngineAndReplacesAn
   ASSERT_TRUE(third.stop());
 }
 
-TEST(EngineSupervisor, AStopDuringAStartEndsItWithoutRunning) {
-  test::TestHome home;
-  ManualClock clock;
-  RecordingMounter mounter;
-  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+TEST_F(EngineSupervisorTest, AStopDuringAStartEndsItWithoutRunning) {
+  App& app = standardApp();
   auto& sup = *app.supervisor;
   auto start = Job::start([&](CancelToken) { return sup.start(); });
   ASSERT_TRUE(drive(clock, [&] { return !app.linesWith("launched engine").empty(); }));
@@ -293,10 +294,7 @@ TEST(EngineSupervisor, AStopDuringAStartEndsItWithoutRunning) {
   EXPECT_EQ(sup.lastError(), std::nullopt);
 }
 
-TEST(EngineSupervisor, LeftoversThatAreNotTheEngineAreNeverKilled) {
-  test::TestHome home;
-  ManualClock clock;
-  RecordingMounter mounter;
+TEST_F(EngineSupervisorTest, LeftoversThatAreNotTheEngineAreNeverKilled) {
   const quint16 control = freeControlPort();
   App app(home.path(), clock, mounter, control, test::freePort());
   auto& sup = *app.supervisor;
@@ -345,11 +343,8 @@ TEST(EngineSupervisor, LeftoversThatAreNotTheEngineAreNeverKilled) {
   sleeper.waitForFinished();
 }
 
-TEST(EngineSupervisor, PlexDownOrAFailedMountDoNotHideWhatHappened) {
-  test::TestHome home;
-  ManualClock clock;
-  RecordingMounter mounter;
-  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+TEST_F(EngineSupervisorTest, PlexDownOrAFailedMountDoNotHideWhatHappened) {
+  App& app = standardApp();
   auto& sup = *app.supervisor;
   app.config.setPmsURLString("http://127.0.0.1:" + std::to_string(test::freePort()));
   app.config.setToken("plex-token");
@@ -364,11 +359,9 @@ TEST(EngineSupervisor, PlexDownOrAFailedMountDoNotHideWhatHappened) {
   EXPECT_FALSE(sup.movie().runningPid());
 }
 
-TEST(EngineSupervisor, MountsTheFolderForRealWhereThisMachineAllows) {
-  test::TestHome home;
-  ManualClock clock;
-  LinuxLibraryMounter mounter(VT_VTNFS_MOUNT_BINARY);
-  App app(home.path(), clock, mounter, freeControlPort(), test::freePort());
+TEST_F(EngineSupervisorTest, MountsTheFolderForRealWhereThisMachineAllows) {
+  LinuxLibraryMounter realMounter(VT_VTNFS_MOUNT_BINARY);
+  App app(home.path(), clock, realMounter, freeControlPort(), test::freePort());
   auto& sup = *app.supervisor;
   // One title in the library so the folder has something to show.
   LibraryTitle title;

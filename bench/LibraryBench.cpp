@@ -8,7 +8,7 @@
 #include <QTemporaryDir>
 #include <sys/resource.h>
 
-#include "app/core/LibraryStore.h"
+#include "core/LibraryStore.h"
 #include "platform/Clock.h"
 #include "platform/JsonWriter.h"
 #include "platform/SerialFileWriter.h"

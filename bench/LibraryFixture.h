@@ -7,7 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <string>
 
-#include "app/core/LibraryStore.h"
+#include "core/LibraryStore.h"
 #include "platform/JsonWriter.h"
 #include "platform/SerialFileWriter.h"
 

@@ -4,11 +4,12 @@
 // nothing, do nothing and say so once in the log, so that the spine runs end
 // to end and each subsystem later replaces its stand-in through AppWiring.
 
-#include "app/Spine.h"
+#include "core/CatalogPort.h"
+#include "core/EnginePort.h"
 
 namespace vt {
 
-class AbsentCatalog final : public CatalogApi {
+class AbsentCatalog final : public CatalogPort {
  public:
   void deferRefresh(Date) override {}
   QCoro::Task<> materialiseExisting() override { co_return; }
@@ -19,15 +20,15 @@ class AbsentCatalog final : public CatalogApi {
   void finishStaging(const std::string&) override {}
 };
 
-class AbsentEngineSupervisor final : public EngineSupervisorApi {
+class AbsentEngineSupervisor final : public EnginePort {
  public:
-  void attach(CatalogApi&) override {}
+  void attach(CatalogPort&) override {}
   QCoro::Task<> prepare(bool) override { co_return; }
   QCoro::Task<> start() override;
   EngineState movieState() const override { return EngineState::stopped; }
   void pruneOrphans(const std::set<std::string>&) override {}
-  std::vector<std::string> collectionsMissingTitles(CatalogApi&) override { return {}; }
-  void resolveAndPublish(const std::vector<std::string>&, CatalogApi&, const std::set<std::string>&, bool) override {}
+  std::vector<std::string> collectionsMissingTitles(CatalogPort&) override { return {}; }
+  void resolveAndPublish(const std::vector<std::string>&, CatalogPort&, const std::set<std::string>&, bool) override {}
   void kickPlexSync() override {}
   void measureLink(double) override {}
   void stopLogTails() override {}

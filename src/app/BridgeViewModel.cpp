@@ -3,7 +3,7 @@
 #include <QPointer>
 #include <cstdio>
 
-#include "app/core/AppConfig.h"
+#include "core/AppConfig.h"
 #include "platform/Clock.h"
 #include "platform/Url.h"
 

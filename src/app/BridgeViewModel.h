@@ -7,7 +7,8 @@
 #include <QObject>
 #include <qcoro/qcorotask.h>
 
-#include "app/Spine.h"
+#include "core/EnginePort.h"
+#include "core/PlexPort.h"
 #include "platform/Date.h"
 #include "platform/Job.h"
 
@@ -37,8 +38,8 @@ class BridgeViewModel : public QObject {
   int consecutiveFailures() const { return consecutiveFailures_; }
   std::optional<Date> lastRediscoveryAttempt() const { return lastRediscoveryAttempt_; }
 
-  EngineSupervisorApi* engine() const { return engine_; }
-  void setEngine(EngineSupervisorApi* engine) { engine_ = engine; }
+  EnginePort* engine() const { return engine_; }
+  void setEngine(EnginePort* engine) { engine_ = engine; }
   // Where the Plex movie section lives; used to announce a pending folder.
   static constexpr const char* kMovieSectionName = "Vantory";
 
@@ -62,7 +63,7 @@ class BridgeViewModel : public QObject {
   PlexAccessFactory plexAccess_;
   PlexDiscovery discovery_;
   std::function<void(const std::string&)> console_;
-  EngineSupervisorApi* engine_ = nullptr;
+  EnginePort* engine_ = nullptr;
 
   bool reachable_ = false;
   bool needsReauth_ = false;

@@ -9,10 +9,10 @@
 namespace vt {
 
 namespace {
-EngineSupervisorApi* g_engine = nullptr;
+EnginePort* g_engine = nullptr;
 }
 
-EngineSupervisorApi* currentEngineSupervisor() { return g_engine; }
+EnginePort* currentEngineSupervisor() { return g_engine; }
 
 QCoro::Task<> AbsentEngineSupervisor::start() {
   logLine("[supervisor] the engine supervision is not part of this build; nothing started");

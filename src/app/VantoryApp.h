@@ -8,9 +8,11 @@
 #include <qcoro/qcorotask.h>
 
 #include "app/BridgeViewModel.h"
-#include "app/Spine.h"
-#include "app/core/AppConfig.h"
-#include "app/core/LibraryStore.h"
+#include "core/CatalogPort.h"
+#include "core/EnginePort.h"
+#include "core/PlexPort.h"
+#include "core/AppConfig.h"
+#include "core/LibraryStore.h"
 #include "platform/Paths.h"
 #include "platform/Settings.h"
 
@@ -33,8 +35,8 @@ struct AppWiring {
   Clock* clock = nullptr;  // the system clock when none
   bool installHttpCache = true;
   AppConfig::RegistrySync registrySync;
-  std::function<std::unique_ptr<EngineSupervisorApi>(AppConfig&, LibraryStore&)> makeEngine;
-  std::function<std::unique_ptr<CatalogApi>(const std::string& directory, AppConfig&)> makeCatalog;
+  std::function<std::unique_ptr<EnginePort>(AppConfig&, LibraryStore&)> makeEngine;
+  std::function<std::unique_ptr<CatalogPort>(const std::string& directory, AppConfig&)> makeCatalog;
   PlexAccessFactory plexAccess;
   PlexDiscovery plexDiscovery;
   std::function<void(const std::string&)> console;
@@ -54,8 +56,8 @@ class VantoryApp {
 
   AppConfig& config() { return *config_; }
   LibraryStore& library() { return *library_; }
-  EngineSupervisorApi& engine() { return *engine_; }
-  CatalogApi& catalog() { return *catalog_; }
+  EnginePort& engine() { return *engine_; }
+  CatalogPort& catalog() { return *catalog_; }
   BridgeViewModel& viewModel() { return *viewModel_; }
   ConnectGate& connectGate() { return *connectGate_; }
   const AppPaths& paths() const { return wiring_.paths; }
@@ -66,14 +68,14 @@ class VantoryApp {
   std::unique_ptr<SettingsStore> settings_;
   std::unique_ptr<AppConfig> config_;
   std::unique_ptr<LibraryStore> library_;
-  std::unique_ptr<EngineSupervisorApi> engine_;
-  std::unique_ptr<CatalogApi> catalog_;
+  std::unique_ptr<EnginePort> engine_;
+  std::unique_ptr<CatalogPort> catalog_;
   std::unique_ptr<BridgeViewModel> viewModel_;
   std::unique_ptr<ConnectGate> connectGate_;
 };
 
 // The running application's engine supervisor, for the quit path; none
 // before creation has finished.
-EngineSupervisorApi* currentEngineSupervisor();
+EnginePort* currentEngineSupervisor();
 
 }  // namespace vt

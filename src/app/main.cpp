@@ -8,7 +8,7 @@
 #include "engine/EngineSupervisor.h"
 #include "platform/Http.h"
 #include "platform/Mounts.h"
-#include "app/core/Logging.h"
+#include "core/Logging.h"
 #include "platform/Clock.h"
 #include "plex/PlexServerProbe.h"
 #include "platform/Job.h"

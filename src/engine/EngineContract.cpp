@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "app/core/AppConfig.h"
+#include "core/AppConfig.h"
 #include "platform/Crypto.h"
 #include "platform/Http.h"
 #include "platform/Json.h"

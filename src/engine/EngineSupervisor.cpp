@@ -12,9 +12,9 @@
 #include <QtConcurrent/QtConcurrentRun>
 #include <algorithm>
 
-#include "app/core/AppConfig.h"
-#include "app/core/LibraryStore.h"
-#include "app/core/LibraryTitle.h"
+#include "core/AppConfig.h"
+#include "core/LibraryStore.h"
+#include "core/LibraryTitle.h"
 #include "engine/Manifest.h"
 #include "platform/Background.h"
 #include "platform/Clock.h"

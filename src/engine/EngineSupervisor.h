@@ -12,8 +12,8 @@
 #include <QProcess>
 #include <qcoro/qcorotask.h>
 
-#include "app/Spine.h"
-#include "app/core/Logging.h"
+#include "core/EnginePort.h"
+#include "core/Logging.h"
 #include "engine/EngineContract.h"
 #include "engine/ManifestPublisher.h"
 #include "platform/Job.h"
@@ -81,7 +81,7 @@ struct EngineSupervisorEnvironment {
 // leftovers, the mount, the liveness watchdog and the restart policy.
 // Quitting the application leaves a healthy engine running for the next
 // one. Main thread only.
-class EngineSupervisor : public QObject, public EngineSupervisorApi {
+class EngineSupervisor : public QObject, public EnginePort {
   Q_OBJECT
  public:
   static constexpr int kMaxRestarts = 5;
@@ -106,14 +106,14 @@ class EngineSupervisor : public QObject, public EngineSupervisorApi {
   EngineInstance& ensureTvInstance();
   ManifestPublisher& publisher() { return *publisher_; }
 
-  // EngineSupervisorApi
-  void attach(CatalogApi& catalog) override { catalog_ = &catalog; }
+  // EnginePort
+  void attach(CatalogPort& catalog) override { catalog_ = &catalog; }
   QCoro::Task<> prepare(bool isTestHome) override;
   QCoro::Task<> start() override;
   EngineState movieState() const override { return movie_.state; }
   void pruneOrphans(const std::set<std::string>&) override {}
-  std::vector<std::string> collectionsMissingTitles(CatalogApi&) override { return {}; }
-  void resolveAndPublish(const std::vector<std::string>&, CatalogApi&, const std::set<std::string>&, bool) override {}
+  std::vector<std::string> collectionsMissingTitles(CatalogPort&) override { return {}; }
+  void resolveAndPublish(const std::vector<std::string>&, CatalogPort&, const std::set<std::string>&, bool) override {}
   void kickPlexSync() override;
   void measureLink(double) override {}
   void stopLogTails() override;
@@ -169,7 +169,7 @@ class EngineSupervisor : public QObject, public EngineSupervisorApi {
   EngineInstance movie_;
   std::unique_ptr<EngineInstance> tv_;
   std::unique_ptr<ManifestPublisher> publisher_;
-  CatalogApi* catalog_ = nullptr;
+  CatalogPort* catalog_ = nullptr;
   std::optional<std::string> lastError_;
   std::set<EngineKind> stuck_;
   std::vector<Job> replaceTasks_;

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "app/core/LibraryStore.h"
+#include "core/LibraryStore.h"
 
 namespace vt {
 

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <filesystem>
 
-#include "app/core/AppConfig.h"
-#include "app/core/LibraryStore.h"
+#include "core/AppConfig.h"
+#include "core/LibraryStore.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
 #include "plex/PMSClient.h"

@@ -7,7 +7,7 @@
 
 #include <qcoro/qcorotask.h>
 
-#include "app/Spine.h"
+#include "core/EnginePort.h"
 #include "engine/EngineContract.h"
 #include "engine/Manifest.h"
 #include "platform/Date.h"

@@ -1,6 +1,6 @@
 #include "plex/PMSClient.h"
 
-#include "app/core/AppConfig.h"
+#include "core/AppConfig.h"
 #include "platform/Http.h"
 #include "platform/Regex.h"
 

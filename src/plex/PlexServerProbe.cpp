@@ -1,6 +1,6 @@
 #include "plex/PlexServerProbe.h"
 
-#include "app/core/AppConfig.h"
+#include "core/AppConfig.h"
 
 namespace vt {
 

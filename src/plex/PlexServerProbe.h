@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "app/Spine.h"
+#include "core/PlexPort.h"
 #include "plex/PMSClient.h"
 
 namespace vt {

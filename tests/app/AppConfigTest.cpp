@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "app/core/AppConfig.h"
+#include "core/AppConfig.h"
 #include "support/TestKit.h"
 
 using namespace vt;

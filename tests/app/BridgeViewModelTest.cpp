@@ -3,7 +3,7 @@
 #include <deque>
 
 #include "app/BridgeViewModel.h"
-#include "app/core/AppConfig.h"
+#include "core/AppConfig.h"
 #include "platform/Clock.h"
 #include "support/TestKit.h"
 

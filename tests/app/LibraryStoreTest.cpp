@@ -5,7 +5,7 @@
 
 #include "platform/Regex.h"
 
-#include "app/core/LibraryStore.h"
+#include "core/LibraryStore.h"
 #include "platform/Clock.h"
 #include "platform/SerialFileWriter.h"
 #include "support/TestKit.h"

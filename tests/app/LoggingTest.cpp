@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <random>
 
-#include "app/core/Logging.h"
+#include "core/Logging.h"
 #include "platform/Clock.h"
 #include "platform/Json.h"
 #include "platform/Log.h"

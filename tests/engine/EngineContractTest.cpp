@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "app/core/AppConfig.h"
-#include "app/core/LibraryStore.h"
+#include "core/AppConfig.h"
+#include "core/LibraryStore.h"
 #include "engine/EngineContract.h"
 #include "engine/Manifest.h"
 #include "platform/Clock.h"

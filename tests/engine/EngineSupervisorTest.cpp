@@ -9,9 +9,9 @@
 #include <QTcpServer>
 #include <optional>
 
-#include "app/core/AppConfig.h"
-#include "app/core/LibraryStore.h"
-#include "app/core/LibraryTitle.h"
+#include "core/AppConfig.h"
+#include "core/LibraryStore.h"
+#include "core/LibraryTitle.h"
 #include "engine/EngineSupervisor.h"
 #include "engine/EngineTestKit.h"
 #include "platform/Clock.h"

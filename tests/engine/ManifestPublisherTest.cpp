@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "app/core/AppConfig.h"
-#include "app/core/LibraryStore.h"
+#include "core/AppConfig.h"
+#include "core/LibraryStore.h"
 #include "engine/EngineTestKit.h"
 #include "engine/ManifestPublisher.h"
 #include "fakes/FakeHttpServer.h"

@@ -3,7 +3,7 @@
 #include <random>
 
 #include "app/BridgeViewModel.h"
-#include "app/core/AppConfig.h"
+#include "core/AppConfig.h"
 #include "fakes/FakePlexServer.h"
 #include "platform/Clock.h"
 #include "plex/PMSClient.h"

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "app/core/LibraryTitle.h"
+#include "core/LibraryTitle.h"
 
 namespace vt::test {
 

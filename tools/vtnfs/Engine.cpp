@@ -11,7 +11,7 @@
 #include <chrono>
 #include <cstdio>
 
-#include "app/core/Logging.h"
+#include "core/Logging.h"
 #include "platform/Clock.h"
 #include "platform/Json.h"
 #include "platform/SerialFileWriter.h"

@@ -1,4 +1,4 @@
-#include "app/core/LibraryTitle.h"
+#include "core/LibraryTitle.h"
 
 #include <charconv>
 #include <cstdio>

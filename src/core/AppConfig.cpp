@@ -1,4 +1,4 @@
-#include "app/core/AppConfig.h"
+#include "core/AppConfig.h"
 
 #include <QUrlQuery>
 #include <QUuid>

@@ -1,4 +1,4 @@
-#include "app/core/LibraryStore.h"
+#include "core/LibraryStore.h"
 
 #include <algorithm>
 #include <tuple>

@@ -1,4 +1,4 @@
-#include "app/core/Logging.h"
+#include "core/Logging.h"
 
 #include <fcntl.h>
 #include <unistd.h>

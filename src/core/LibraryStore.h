@@ -14,7 +14,7 @@ namespace simdjson {
 struct padded_string;
 }
 
-#include "app/core/LibraryTitle.h"
+#include "core/LibraryTitle.h"
 #include "platform/FlatIndex.h"
 #include "platform/SerialFileWriter.h"
 

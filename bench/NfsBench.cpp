@@ -27,7 +27,8 @@
 #include <random>
 #include <thread>
 
-#include "engine/EngineContract.h"
+#include "engine/EngineInstancePaths.h"
+#include "engine/EngineStatusClient.h"
 #include "platform/SerialFileWriter.h"
 
 namespace {

@@ -1,5 +1,7 @@
 #include "app/BridgeViewModel.h"
 
+#include "core/LibraryFolders.h"
+
 #include <QPointer>
 #include <cstdio>
 
@@ -55,7 +57,7 @@ QCoro::Task<> BridgeViewModel::pollOnce() {
   }
   const bool wasReachable = reachable_;
   std::optional<PlexProbeFailure> failure;
-  auto client = plexAccess_ ? plexAccess_(config_) : nullptr;
+  auto client = plexAccess_ ? plexAccess_() : nullptr;
   if (!client) {
     failure = PlexProbeFailure{std::nullopt, "No Plex client available"};
   } else {
@@ -88,7 +90,7 @@ QCoro::Task<> BridgeViewModel::pollOnce() {
 QCoro::Task<> BridgeViewModel::applyPendingPlexSync() {
   const auto path = config_.pendingPlexSyncPath();
   if (!path || config_.token().empty() || !parseUrl(config_.pmsURLString())) co_return;
-  auto client = plexAccess_ ? plexAccess_(config_) : nullptr;
+  auto client = plexAccess_ ? plexAccess_() : nullptr;
   if (!client) co_return;
   QPointer<BridgeViewModel> self(this);
   const bool ensured = co_await client->ensureMovieSection(kMovieSectionName, *path);

@@ -41,7 +41,6 @@ class BridgeViewModel : public QObject {
   EnginePort* engine() const { return engine_; }
   void setEngine(EnginePort* engine) { engine_ = engine; }
   // Where the Plex movie section lives; used to announce a pending folder.
-  static constexpr const char* kMovieSectionName = "Vantory";
 
   // Idempotent: does nothing while the poll runs.
   void startPolling();

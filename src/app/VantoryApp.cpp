@@ -1,6 +1,8 @@
 #include "app/VantoryApp.h"
 
 #include "app/Absent.h"
+#include "core/LibraryFolders.h"
+#include "plex/PlexServerProbe.h"
 #include "platform/Clock.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
@@ -29,6 +31,11 @@ VantoryApp::VantoryApp(AppWiring wiring)
   settings_ = wiring_.paths.isTestHome() ? SettingsStore::openForTestHome(*wiring_.paths.homeOverride)
                                          : std::make_unique<SettingsStore>(wiring_.paths.settingsPath);
   config_ = std::make_unique<AppConfig>(*settings_, wiring_.registrySync);
+  // The one door to Plex: every part that talks to the server gets its
+  // clients from here.
+  plexClients_ = std::make_unique<PMSClientFactory>(*config_, wiring_.http ? *wiring_.http : sharedHttpClient());
+  if (!wiring_.plexAccess)
+    wiring_.plexAccess = PlexServerProbe::factory(*plexClients_, wiring_.paths.data(kMovieFolderName));
 
   // 3. The data folder; a failure here is not fatal.
   wiring_.paths.ensureDataDirectory();
@@ -38,7 +45,7 @@ VantoryApp::VantoryApp(AppWiring wiring)
   library_ = std::make_unique<LibraryStore>(libraryPath, clock_);
 
   // 5. Engine supervision.
-  engine_ = wiring_.makeEngine ? wiring_.makeEngine(*config_, *library_) : nullptr;
+  engine_ = wiring_.makeEngine ? wiring_.makeEngine(*config_, *library_, *plexClients_) : nullptr;
   if (!engine_) engine_ = std::make_unique<AbsentEngineSupervisor>();
 
   // 6. The catalog, with the data folder as its directory.
@@ -74,11 +81,12 @@ QCoro::Task<> VantoryApp::bootstrap() {
 
   auto retired = catalog.takeRetiredPlexGroupings();
   if (!retired.empty() && wiring_.plexAccess) {
-    Job::start([retired, factory = wiring_.plexAccess, config = config_.get()](CancelToken) -> QCoro::Task<> {
+    jobs_.start([this, retired](CancelToken token) -> QCoro::Task<> {
       for (const auto& title : retired) {
-        auto client = factory(*config);
+        auto client = wiring_.plexAccess();
         if (!client) co_return;
         co_await client->deleteCollectionNamed(title);
+        if (token.isCancelled()) co_return;
       }
     });
   }

@@ -12,13 +12,17 @@
 #include "core/EnginePort.h"
 #include "core/PlexPort.h"
 #include "core/AppConfig.h"
+#include "core/EngineLog.h"
 #include "core/LibraryStore.h"
+#include "platform/Job.h"
 #include "platform/Paths.h"
 #include "platform/Settings.h"
+#include "plex/PMSClient.h"
 
 namespace vt {
 
 class Clock;
+class HttpClient;
 
 // Whether the first-run connect sheet must show, and what to do after it.
 class ConnectGate {
@@ -32,11 +36,14 @@ class ConnectGate {
 // that reports the subsystem as absent.
 struct AppWiring {
   AppPaths paths = appPaths();
-  Clock* clock = nullptr;  // the system clock when none
+  Clock* clock = nullptr;       // the system clock when none
+  HttpClient* http = nullptr;  // the shared client when none
   bool installHttpCache = true;
   AppConfig::RegistrySync registrySync;
-  std::function<std::unique_ptr<EnginePort>(AppConfig&, LibraryStore&)> makeEngine;
+  std::function<std::unique_ptr<EnginePort>(AppConfig&, LibraryStore&, const PMSClientFactory&)> makeEngine;
   std::function<std::unique_ptr<CatalogPort>(const std::string& directory, AppConfig&)> makeCatalog;
+  // The start-up's view of the Plex server; by default a probe over the
+  // application's Plex clients.
   PlexAccessFactory plexAccess;
   PlexDiscovery plexDiscovery;
   std::function<void(const std::string&)> console;
@@ -60,6 +67,8 @@ class VantoryApp {
   CatalogPort& catalog() { return *catalog_; }
   BridgeViewModel& viewModel() { return *viewModel_; }
   ConnectGate& connectGate() { return *connectGate_; }
+  const PMSClientFactory& plexClients() const { return *plexClients_; }
+  EngineLog& engineLog() { return engineLog_; }
   const AppPaths& paths() const { return wiring_.paths; }
 
  private:
@@ -67,11 +76,14 @@ class VantoryApp {
   Clock& clock_;
   std::unique_ptr<SettingsStore> settings_;
   std::unique_ptr<AppConfig> config_;
+  std::unique_ptr<PMSClientFactory> plexClients_;
   std::unique_ptr<LibraryStore> library_;
   std::unique_ptr<EnginePort> engine_;
   std::unique_ptr<CatalogPort> catalog_;
   std::unique_ptr<BridgeViewModel> viewModel_;
   std::unique_ptr<ConnectGate> connectGate_;
+  EngineLog engineLog_;
+  JobScope jobs_;  // last: its jobs end before anything else here goes
 };
 
 // The running application's engine supervisor, for the quit path; none

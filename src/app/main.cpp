@@ -8,9 +8,10 @@
 #include "engine/EngineSupervisor.h"
 #include "platform/Http.h"
 #include "platform/Mounts.h"
-#include "core/Logging.h"
+#include "core/LibraryFolders.h"
+#include "core/LogFile.h"
 #include "platform/Clock.h"
-#include "plex/PlexServerProbe.h"
+#include "plex/PlexLibrarySetup.h"
 #include "platform/Job.h"
 #include "platform/Log.h"
 #include "platform/Signals.h"
@@ -60,22 +61,20 @@ int main(int argc, char** argv) {
   // Every log line goes, redacted, to logs/vantory.log; headless, to standard output too.
   paths.ensureDataDirectory();
   vt::LogFile logFile(paths.data("logs"), [] { return vt::systemClock().now(); });
-  vt::LogFile::setShared(&logFile);
-  vt::addLogSink([&logFile](std::string_view line) {
-    logFile.write(line);
-    const auto clean = vt::redact(line);
-    std::fwrite(clean.data(), 1, clean.size(), stdout);
+  vt::ScopedLogSink fileSink([&logFile](std::string_view line) { logFile.write(line); });
+  vt::ScopedLogSink consoleSink([](std::string_view line) {
+    std::fwrite(line.data(), 1, line.size(), stdout);
     std::fputc('\n', stdout);
     std::fflush(stdout);
   });
 
   vt::AppWiring wiring;
   wiring.paths = paths;
-  wiring.plexAccess = vt::PlexServerProbe::factory(paths.data("Library"));
   // The engine: the vtnfs built with the application, mounted through the
   // kernel's NFS client where this user may mount, else the FUSE helper.
   vt::LinuxLibraryMounter mounter;
-  wiring.makeEngine = [&paths, &mounter, &logFile](vt::AppConfig& config, vt::LibraryStore& library) {
+  wiring.makeEngine = [&paths, &mounter](vt::AppConfig& config, vt::LibraryStore& library,
+                                         const vt::PMSClientFactory& plex) {
     vt::EngineSupervisorEnvironment env;
     env.clock = &vt::systemClock();
     env.http = &vt::sharedHttpClient();
@@ -83,8 +82,15 @@ int main(int argc, char** argv) {
     env.dataDirectory = paths.dataDirectory;
     env.bundledEngine = vt::findHelperProgram("vtnfs");
     env.appVersion = VT_APP_VERSION;
-    env.logFile = &logFile;
-    env.logToStandardError = false;
+    // Once an engine is up, Plex gets its section for the folder.
+    env.prepareLibrary = vt::libraryPreparer(plex, library, [](const std::string& line) { vt::logLine(line); });
+    env.refreshItem = [&plex](std::string name, std::string location, vt::CancelToken) -> QCoro::Task<bool> {
+      auto client = plex.make();
+      if (!client) co_return false;
+      auto refreshed = co_await client->refreshItem(std::move(name), std::move(location));
+      (void)refreshed;  // a hint: the next scan catches up anyway
+      co_return true;
+    };
     return std::make_unique<vt::EngineSupervisor>(config, library, std::move(env));
   };
   vt::VantoryApp app(std::move(wiring));
@@ -98,6 +104,5 @@ int main(int argc, char** argv) {
   running = nullptr;
   app.library().waitForSaves();
   logFile.flush();
-  vt::LogFile::setShared(nullptr);
   return rc;
 }

@@ -12,8 +12,6 @@
 
 namespace vt {
 
-class AppConfig;
-
 // A probe failure: the server's HTTP status when it answered, and the text
 // for `lastError`.
 struct PlexProbeFailure {
@@ -33,8 +31,8 @@ class PlexServerAccess {
   virtual QCoro::Task<bool> deleteCollectionNamed(std::string title) = 0;
 };
 
-// Builds a client from the settings; none when the settings can't make one.
-using PlexAccessFactory = std::function<std::unique_ptr<PlexServerAccess>(const AppConfig&)>;
+// Builds a client from the current settings; none when they can't make one.
+using PlexAccessFactory = std::function<std::unique_ptr<PlexServerAccess>()>;
 
 struct DiscoveredServer {
   std::string url;

@@ -9,13 +9,15 @@
 #include <vector>
 
 #include <QObject>
-#include <QProcess>
 #include <qcoro/qcorotask.h>
 
 #include "core/EnginePort.h"
-#include "core/Logging.h"
-#include "engine/EngineContract.h"
+#include "engine/EngineError.h"
+#include "engine/EngineInstance.h"
+#include "engine/EngineInstancePaths.h"
+#include "engine/EngineStatusClient.h"
 #include "engine/ManifestPublisher.h"
+#include "engine/MountKeeper.h"
 #include "platform/Job.h"
 
 namespace vt {
@@ -25,30 +27,7 @@ class Clock;
 class HttpClient;
 class LibraryMounter;
 class LibraryStore;
-class PMSClient;
-class ProcessExitWatch;
 struct LibraryTitle;
-
-// One engine process and its mount: `movie` or `tv`.
-struct EngineInstance : EngineInstanceState {
-  int generation = 0;  // raised by every stop; a start that sees it change gives up
-  std::optional<std::string> launchedRDKey;
-  QProcess* process = nullptr;  // launched by this application process
-  std::optional<int32_t> adoptedPID;
-  ProcessExitWatch* exitSource = nullptr;  // watches an adopted engine
-  uint64_t logOffset = 0;
-  std::string logBuffer;  // a partial last line of engine.log
-  Job logTask;
-  int restartAttempts = 0;
-  Job restartTask;
-  Job stableTask;
-  Job mountWatchdogTask;
-
-  EngineKind kind() const { return paths.kind; }
-  const std::string& label() const { return paths.label; }
-  // The pid of the engine this application process knows of, if any.
-  std::optional<int> runningPid() const;
-};
 
 // What the supervisor needs from around it. The seams at the end stand for
 // subsystems that plug in later (the Plex sync coordinator, the play intent
@@ -60,13 +39,17 @@ struct EngineSupervisorEnvironment {
   std::string dataDirectory;
   std::string bundledEngine;  // the vtnfs built with the application; empty: missing
   std::string appVersion;     // the application's short version; empty: none
-  LogFile* logFile = nullptr;
-  bool logToStandardError = true;
-  // A PMSClient from the settings, or none.
-  std::function<std::optional<PMSClient>(const AppConfig&)> plexClient;
+  // Where the supervision's lines go; logLine when none.
+  std::function<void(const std::string&)> log;
   // Whether the folder answers an lstat within `limit` seconds; by default a
-  // real lstat on a worker thread, raced against the clock.
-  std::function<QCoro::Task<bool>(std::string folder, double limit)> probeFolder;
+  // real lstat on a thread of its own, raced against the clock.
+  FolderProbe probeFolder;
+  // Sets up the Plex library section for an instance's folder once its
+  // engine is up, before the instance counts as running.
+  std::function<QCoro::Task<>(bool tv, std::string location, CancelToken token)> prepareLibrary;
+  // Has Plex read one file of a library folder again; false when there is
+  // no server to ask.
+  std::function<QCoro::Task<bool>(std::string name, std::string location, CancelToken token)> refreshItem;
 
   std::function<bool()> playbackActive;
   std::function<bool(const LibraryTitle&)> isHidden;
@@ -76,33 +59,29 @@ struct EngineSupervisorEnvironment {
   std::function<void()> stopIntentWatcher;
 };
 
-// Keeps each engine instance's process and mount alive: launch, adoption of
-// an engine an earlier application process left running, removal of
-// leftovers, the mount, the liveness watchdog and the restart policy.
-// Quitting the application leaves a healthy engine running for the next
-// one. Main thread only.
-class EngineSupervisor : public QObject, public EnginePort {
+// Keeps each engine instance's process and mount alive: the sequences of
+// start, adoption of an engine an earlier application process left running,
+// removal of leftovers, stop and restart, over the instances (process, pid
+// file, log tail) and their mount keepers (mount, watchdog). Quitting the
+// application leaves a healthy engine running for the next one. Main
+// thread only.
+class EngineSupervisor : public QObject, public EnginePort, private EngineInstances {
   Q_OBJECT
  public:
   static constexpr int kMaxRestarts = 5;
-  static constexpr double kStableSeconds = 30;
   static constexpr double kReplaceDelay = 60;
   static constexpr int kHealthTries = 50;
   static constexpr double kHealthPause = 0.4;
-  static constexpr double kWatchdogPeriod = 20;
-  static constexpr double kWatchdogLimit = 8.0;
-  static constexpr double kLogTailPeriod = 0.5;
 
   EngineSupervisor(AppConfig& config, LibraryStore& store, EngineSupervisorEnvironment environment);
   ~EngineSupervisor() override;
 
-  EngineState state() const { return movie_.state; }
+  EngineState state() const { return movie_->state; }
   const std::optional<std::string>& lastError() const { return lastError_; }
   const std::set<EngineKind>& stuck() const { return stuck_; }
-  size_t entryCount() const { return movie_.entryCount; }
-  EngineLog& log() { return log_; }
-  EngineInstance& movie() { return movie_; }
-  EngineInstance* tvInstance() { return tv_.get(); }
+  size_t entryCount() const { return movie_->entryCount; }
+  EngineInstance& movie() { return *movie_; }
+  EngineInstance* tvInstanceIfAny() { return tv_.get(); }
   EngineInstance& ensureTvInstance();
   ManifestPublisher& publisher() { return *publisher_; }
 
@@ -110,7 +89,7 @@ class EngineSupervisor : public QObject, public EnginePort {
   void attach(CatalogPort& catalog) override { catalog_ = &catalog; }
   QCoro::Task<> prepare(bool isTestHome) override;
   QCoro::Task<> start() override;
-  EngineState movieState() const override { return movie_.state; }
+  EngineState movieState() const override { return movie_->state; }
   void pruneOrphans(const std::set<std::string>&) override {}
   std::vector<std::string> collectionsMissingTitles(CatalogPort&) override { return {}; }
   void resolveAndPublish(const std::vector<std::string>&, CatalogPort&, const std::set<std::string>&, bool) override {}
@@ -126,7 +105,7 @@ class EngineSupervisor : public QObject, public EnginePort {
   void shutdownAtExit();
 
   // The pid of a vtnfs listening on the instance's control port.
-  QCoro::Task<std::optional<int>> portHolderPid(const EngineInstance& instance);
+  QCoro::Task<std::optional<int>> portHolderPid(const EngineInstance& instance, CancelToken token);
   QCoro::Task<> cleanOrphanFromPidFile(std::string pidFile);
   void pushCacheBudget();
 
@@ -135,45 +114,39 @@ class EngineSupervisor : public QObject, public EnginePort {
   void lastErrorChanged();
 
  private:
+  // EngineInstances, for the publisher.
+  EngineInstanceState& movieInstance() override { return *movie_; }
+  EngineInstanceState& tvInstance() override { return ensureTvInstance(); }
+  EngineInstanceState* existingTvInstance() override { return tv_.get(); }
+  QCoro::Task<> startInstance(EngineInstanceState& instance, std::vector<EngineEntry> entries) override;
+  QCoro::Task<> stopInstance(EngineInstanceState& instance) override;
+  EngineInstance& instanceFor(EngineInstanceState& state);
+
+  std::unique_ptr<EngineInstance> makeInstance(EngineKind kind);
   void setState(EngineInstance& instance, EngineState state);
   void setLastError(std::optional<std::string> text);
-  void append(const std::string& line) { log_.append(line); }
+  void log(const std::string& line) const;
   std::vector<EngineEntry> entriesFor(const EngineInstance& instance) const;
 
-  QCoro::Task<std::optional<std::string>> startSteps(EngineInstance& instance, std::vector<EngineEntry> entries);
-  QCoro::Task<> clearStaleEngine(EngineInstance& instance);
-  std::optional<std::string> prepareEngineFiles();
-  std::optional<std::string> launchEngine(EngineInstance& instance);
-  QCoro::Task<std::optional<std::string>> waitForHealth(EngineInstance& instance);
-  QCoro::Task<std::optional<std::string>> connectLibraryFolder(EngineInstance& instance);
-  QCoro::Task<> ensurePlexLibrary(EngineInstance& instance);
+  QCoro::Task<EngineResult> startSteps(EngineInstance& instance, std::vector<EngineEntry> entries, CancelToken token);
+  QCoro::Task<> clearStaleEngine(EngineInstance& instance, CancelToken token);
+  QCoro::Task<EngineResult> waitForHealth(EngineInstance& instance, CancelToken token);
   void didBecomeReady(EngineInstance& instance);
   void replaceWhenIdle(EngineInstance& instance, std::string reason);
   void handleExit(EngineInstance& instance, int status, int pid);
-  void startMountWatchdog(EngineInstance& instance);
-  void startLogTail(EngineInstance& instance, uint64_t offset);
-  void readLogTail(EngineInstance& instance);
-  void watchAdopted(EngineInstance& instance, int pid);
-  void clearExitSource(EngineInstance& instance);
-  void releaseProcess(EngineInstance& instance);
-  void removePidFileIfHolds(const EngineInstance& instance, int pid);
-  void signalEngine(EngineInstance& instance, int signal);
-  QCoro::Task<> sweepStaleMounts(bool isTestHome, std::set<std::string> keep);
-  std::string logOffsetKey(const EngineInstance& instance) const;
+  QCoro::Task<> sweepStaleMounts(std::set<std::string> keep, CancelToken token);
 
   AppConfig& config_;
   LibraryStore& store_;
   EngineSupervisorEnvironment env_;
-  EngineLog log_;
   EngineStatusClient client_;
-  EngineInstance movie_;
+  std::unique_ptr<EngineInstance> movie_;
   std::unique_ptr<EngineInstance> tv_;
   std::unique_ptr<ManifestPublisher> publisher_;
   CatalogPort* catalog_ = nullptr;
   std::optional<std::string> lastError_;
   std::set<EngineKind> stuck_;
-  std::vector<Job> replaceTasks_;
-  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  JobScope jobs_;  // last: its jobs end before anything else here goes
 };
 
 }  // namespace vt

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/EngineContract.h"
+#include "engine/contract/EngineContract.h"
 
 namespace vt {
 

@@ -11,7 +11,8 @@
 #include "core/LibraryStore.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
-#include "plex/PMSClient.h"
+#include "core/LibraryFolders.h"
+#include "core/LibraryTitle.h"
 
 namespace vt {
 
@@ -44,14 +45,15 @@ bool writeManifest(const std::string& path, const std::string& bytes, std::strin
 }  // namespace
 
 ManifestPublisher::ManifestPublisher(LibraryStore& library, AppConfig& config, Clock& clock, EngineStatusClient& client,
-                                     EngineInstanceState& movie, Hooks hooks)
-    : library_(library), config_(config), clock_(clock), client_(client), movie_(movie), hooks_(std::move(hooks)) {}
+                                     EngineInstances& instances, Hooks hooks)
+    : library_(library),
+      config_(config),
+      clock_(clock),
+      client_(client),
+      instances_(instances),
+      hooks_(std::move(hooks)) {}
 
-ManifestPublisher::~ManifestPublisher() {
-  *alive_ = false;
-  flushTask_.cancel();
-  for (auto& j : resendTasks_) j.cancel();
-}
+ManifestPublisher::~ManifestPublisher() = default;
 
 void ManifestPublisher::log(const std::string& line) const {
   if (hooks_.log)
@@ -79,9 +81,9 @@ QCoro::Task<bool> ManifestPublisher::sendConfig(std::vector<EngineEntry> entries
   instance.entryCount = entries.size();
   if (instance.state != EngineState::running) co_return !visibleUnchanged;
 
-  auto alive = alive_;
-  const auto reply = co_await client_.reload(instance.paths.controlURL);
-  if (!*alive) co_return false;
+  const auto token = jobs_.token();
+  const auto reply = co_await client_.reload(instance.paths.controlURL, token);
+  if (token.isCancelled()) co_return false;
   log(instance.paths.label + " reloaded engine (" + std::to_string(entries.size()) + " titles)");
 
   if (reply.deferred && *reply.deferred > 0) {
@@ -92,15 +94,14 @@ QCoro::Task<bool> ManifestPublisher::sendConfig(std::vector<EngineEntry> entries
     if (!instance.resendScheduled) {
       instance.resendScheduled = true;
       EngineInstanceState* target = &instance;
-      std::erase_if(resendTasks_, [](const Job& j) { return !j.isRunning(); });
-      resendTasks_.push_back(Job::start([this, target, alive](CancelToken token) -> QCoro::Task<> {
-        if (!co_await clock_.sleep(kResendDelay, token) || !*alive) co_return;
+      jobs_.start([this, target](CancelToken token) -> QCoro::Task<> {
+        if (!co_await clock_.sleep(kResendDelay, token)) co_return;
         while (hooks_.playbackActive && hooks_.playbackActive()) {
-          if (!co_await clock_.sleep(kResendDelay, token) || !*alive) co_return;
+          if (!co_await clock_.sleep(kResendDelay, token)) co_return;
         }
         target->resendScheduled = false;
         if (hooks_.applyConfig) hooks_.applyConfig();
-      }));
+      });
     }
     co_return false;
   }
@@ -112,23 +113,24 @@ QCoro::Task<bool> ManifestPublisher::sendConfig(std::vector<EngineEntry> entries
 QCoro::Task<EngineApplyResult> ManifestPublisher::applyEngineConfig() {
   auto entries = buildEntries();
   EngineApplyResult result;
-  auto alive = alive_;
-  result.movieVisibleChanged = co_await sendConfig(std::move(entries.movie), movie_);
-  if (!*alive) co_return result;
+  const auto token = jobs_.token();
+  result.movieVisibleChanged = co_await sendConfig(std::move(entries.movie), instances_.movieInstance());
+  if (token.isCancelled()) co_return result;
 
   if (!entries.tv.empty()) {
-    auto& tv = hooks_.tvInstance();
+    auto& tv = instances_.tvInstance();
     if (tv.state == EngineState::stopped || tv.state == EngineState::failed) {
-      if (hooks_.startInstance) co_await hooks_.startInstance(tv, std::move(entries.tv));
+      co_await instances_.startInstance(tv, std::move(entries.tv));
+      if (token.isCancelled()) co_return result;
       result.tvVisibleChanged = result.tvActive = tv.state == EngineState::running;
     } else {
       result.tvVisibleChanged = co_await sendConfig(std::move(entries.tv), tv);
       result.tvActive = tv.state == EngineState::running;
     }
-  } else if (auto* tv = hooks_.existingTvInstance ? hooks_.existingTvInstance() : nullptr;
+  } else if (auto* tv = instances_.existingTvInstance();
              tv && (tv->state == EngineState::starting || tv->state == EngineState::running)) {
     log("[tv-supervisor] no episodes remain in the library — stopping TV engine");
-    if (hooks_.stopInstance) co_await hooks_.stopInstance(*tv);
+    co_await instances_.stopInstance(*tv);
   }
   co_return result;
 }
@@ -139,19 +141,21 @@ void ManifestPublisher::requestFlush(int count) {
     flushNow();
     return;
   }
-  if (flushTask_.isRunning()) return;  // the window is not extended
-  auto alive = alive_;
-  flushTask_ = Job::start([this, alive](CancelToken token) -> QCoro::Task<> {
-    if (!co_await clock_.sleep(kFlushWindow, token) || !*alive) co_return;
-    // The task ends here; flushNow would otherwise cancel the job it runs in.
-    flushTask_ = Job();
+  if (flushScheduled_) return;  // the window is not extended
+  flushScheduled_ = true;
+  flushes_.start([this](CancelToken token) -> QCoro::Task<> {
+    if (!co_await clock_.sleep(kFlushWindow, token)) co_return;
+    // The job ends here; flushNow would otherwise cancel the job it runs in.
+    flushScheduled_ = false;
     flushNow();
   });
 }
 
 void ManifestPublisher::flushNow() {
-  flushTask_.cancel();
-  flushTask_ = Job();
+  if (flushScheduled_) {
+    flushScheduled_ = false;
+    flushes_.cancelAll();
+  }
   if (pendingFlushCount_ <= 0) return;
   pendingFlushCount_ = 0;
   lastFlushAt_ = clock_.now();
@@ -163,18 +167,15 @@ void ManifestPublisher::flushNow() {
 namespace vt {
 
 void ManifestPublisher::requestSubtitleReimport(const LibraryTitle& title, double delaySeconds) {
-  auto client = PMSClient::fromConfig(config_);
-  if (!client) return;
+  if (!hooks_.refreshItem) return;
   // The two library folders lie side by side in the data folder.
-  const auto dataDirectory = std::filesystem::path(movie_.paths.mountPoint).parent_path();
-  const std::string location = (dataDirectory / (title.season ? "Library TV" : "Library")).string();
-  auto alive = alive_;
-  Job::start([this, alive, client = std::move(*client), name = title.name, location,
-              delaySeconds](CancelToken token) -> QCoro::Task<> {
-    // A cancelled wait still asks: the subtitle is already in place.
-    if (delaySeconds > 0) co_await clock_.sleep(delaySeconds, token);
-    co_await client.refreshItem(name, location);
-    if (*alive) log("[supervisor] requested subtitle re-import for \"" + name + "\"");
+  const auto dataDirectory = std::filesystem::path(instances_.movieInstance().paths.mountPoint).parent_path();
+  const std::string location = (dataDirectory / libraryFolderName(title.season.has_value())).string();
+  jobs_.start([this, name = title.name, location, delaySeconds](CancelToken token) -> QCoro::Task<> {
+    if (delaySeconds > 0 && !co_await clock_.sleep(delaySeconds, token)) co_return;
+    const bool asked = co_await hooks_.refreshItem(name, location, token);
+    if (!asked || token.isCancelled()) co_return;
+    log("[supervisor] requested subtitle re-import for \"" + name + "\"");
   });
 }
 

@@ -8,7 +8,8 @@
 #include <qcoro/qcorotask.h>
 
 #include "core/EnginePort.h"
-#include "engine/EngineContract.h"
+#include "engine/EngineInstancePaths.h"
+#include "engine/EngineStatusClient.h"
 #include "engine/Manifest.h"
 #include "platform/Date.h"
 #include "platform/Job.h"
@@ -39,26 +40,37 @@ struct EngineInstanceState {
   size_t entryCount = 0;
 };
 
+// The engine instances as the publisher sees them. The tv instance is
+// created on first use.
+class EngineInstances {
+ public:
+  virtual ~EngineInstances() = default;
+  virtual EngineInstanceState& movieInstance() = 0;
+  virtual EngineInstanceState& tvInstance() = 0;
+  virtual EngineInstanceState* existingTvInstance() = 0;
+  // Starts an instance with these entries (writes the manifest itself).
+  virtual QCoro::Task<> startInstance(EngineInstanceState& instance, std::vector<EngineEntry> entries) = 0;
+  virtual QCoro::Task<> stopInstance(EngineInstanceState& instance) = 0;
+};
+
 // Brings the engines' manifests up to date with the library with as little
 // disturbance as possible: a debounced flush, a fingerprint of each manifest
 // and of what it shows, and a resend of changes the engine put off while a
 // title played. Main thread only.
 class ManifestPublisher {
  public:
-  // What the process side of the supervision provides.
+  // What the publisher needs from around it; empty ones do nothing.
   struct Hooks {
-    // Starts an instance with these entries (writes the manifest itself).
-    std::function<QCoro::Task<>(EngineInstanceState&, std::vector<EngineEntry>)> startInstance;
-    std::function<QCoro::Task<>(EngineInstanceState&)> stopInstance;
-    // The tv instance, created on first use.
-    std::function<EngineInstanceState&()> tvInstance;
-    std::function<EngineInstanceState*()> existingTvInstance;
     // Asks the Plex sync coordinator for an application (returns at once).
     std::function<void()> applyConfig;
     // Whether a playback is active right now.
     std::function<bool()> playbackActive;
     // Whether staging holds a title back; none: nothing is hidden.
     std::function<bool(const LibraryTitle&)> isHidden;
+    // Has Plex read one file of a library folder again; false when there is
+    // no server to ask.
+    std::function<QCoro::Task<bool>(std::string name, std::string location, CancelToken token)> refreshItem;
+    // Where lines go; logLine when none.
     std::function<void(const std::string&)> log;
   };
 
@@ -67,7 +79,7 @@ class ManifestPublisher {
   static constexpr double kResendDelay = 60.0;
 
   ManifestPublisher(LibraryStore& library, AppConfig& config, Clock& clock, EngineStatusClient& client,
-                    EngineInstanceState& movie, Hooks hooks);
+                    EngineInstances& instances, Hooks hooks);
   ~ManifestPublisher();
 
   ManifestEntries buildEntries() const;
@@ -89,13 +101,13 @@ class ManifestPublisher {
   AppConfig& config_;
   Clock& clock_;
   EngineStatusClient& client_;
-  EngineInstanceState& movie_;
+  EngineInstances& instances_;
   Hooks hooks_;
   int pendingFlushCount_ = 0;
   Date lastFlushAt_ = kDistantPast;
-  Job flushTask_;
-  std::vector<Job> resendTasks_;
-  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  bool flushScheduled_ = false;
+  JobScope flushes_;
+  JobScope jobs_;  // last: its jobs end before anything else here goes
 };
 
 }  // namespace vt

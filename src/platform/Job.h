@@ -4,6 +4,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <qcoro/qcorotask.h>
@@ -90,6 +91,48 @@ class Job {
     state->done.fire();
   }
   static void reportUncaught(const std::string& what);
+};
+
+
+// The jobs of one long-lived owner. The owner holds a scope as its last
+// member, so that the scope goes first: every job it started is cancelled
+// while the rest of the owner still stands. A job notices at its next
+// suspension, and its open requests and child processes end with it (they
+// take the job's token). Jobs check `token.isCancelled()` after each
+// suspension and return without touching the owner once it is set.
+// Finished jobs are forgotten as new ones start. Main thread only.
+class JobScope {
+ public:
+  JobScope() = default;
+  ~JobScope() { cancelAll(); }
+  JobScope(const JobScope&) = delete;
+  JobScope& operator=(const JobScope&) = delete;
+
+  template <class F>
+  Job start(F fn) {
+    std::erase_if(jobs_, [](const Job& j) { return !j.isRunning(); });
+    Job job = Job::start(std::move(fn), root_);
+    if (job.isRunning()) jobs_.push_back(job);
+    return job;
+  }
+
+  // Cancels every job of the scope; jobs started afterwards run normally.
+  void cancelAll() {
+    auto old = std::exchange(root_, CancelToken());
+    jobs_.clear();
+    old.cancel();
+  }
+  // A token cancelled when the scope goes, for work that is no job.
+  CancelToken token() const { return root_; }
+  size_t runningCount() const {
+    size_t n = 0;
+    for (const auto& j : jobs_) n += j.isRunning() ? 1 : 0;
+    return n;
+  }
+
+ private:
+  CancelToken root_;
+  std::vector<Job> jobs_;
 };
 
 }  // namespace vt

@@ -29,7 +29,12 @@ std::string unescape(const std::string& s) {
   return out;
 }
 
-CommandResult notMounted(const std::string& folder) { return {1, folder + ": not currently mounted", false}; }
+MountResult notMounted() { return Failure(MountError{MountError::Kind::notMounted, {}}); }
+
+MountResult fromCommand(const CommandResult& r) {
+  if (r.status == 0) return {};
+  return Failure(MountError{MountError::Kind::failed, r.output});
+}
 
 QString canonical(const std::string& folder) {
   const QString canon = QFileInfo(QString::fromStdString(folder)).canonicalFilePath();
@@ -50,6 +55,10 @@ CommandResult runNow(const QString& program, const QStringList& args) {
 }
 
 }  // namespace
+
+std::string message(const MountError& e) {
+  return e.kind == MountError::Kind::notMounted ? "not currently mounted" : e.output;
+}
 
 std::optional<std::string> mountedFileSystem(const std::string& folder) {
   const std::string target = canonical(folder).toStdString();
@@ -97,55 +106,55 @@ bool LinuxLibraryMounter::kernelMountAllowed() const {
   return ::geteuid() == 0 && (QFile::exists("/sbin/mount.nfs") || QFile::exists("/usr/sbin/mount.nfs"));
 }
 
-QCoro::Task<CommandResult> LinuxLibraryMounter::mount(int port, std::string folder) {
+QCoro::Task<MountResult> LinuxLibraryMounter::mount(int port, std::string folder, CancelToken token) {
   std::string kernelOutput;
   if (kernelMountAllowed()) {
     const QStringList args = {
         "-t", "nfs", "-o", QString::fromStdString(kernelOptions(port)), "127.0.0.1:/", QString::fromStdString(folder)};
-    auto r = co_await runCommand("mount", args);
-    if (r.status == 0) co_return r;
+    auto r = co_await runCommand("mount", args, std::nullopt, token);
+    if (r.status == 0) co_return MountResult();
     kernelOutput = r.output;
   }
   if (helper_.empty()) {
-    CommandResult missing;
-    missing.output = kernelOutput.empty() ? "the mount helper vtnfs-mount is missing" : kernelOutput;
-    co_return missing;
+    const std::string why = kernelOutput.empty() ? "the mount helper vtnfs-mount is missing" : kernelOutput;
+    co_return Failure(MountError{MountError::Kind::failed, why});
   }
   const QStringList args = {QStringLiteral("127.0.0.1:%1").arg(port), QString::fromStdString(folder)};
-  auto r = co_await runCommand(QString::fromStdString(helper_), args);
+  auto r = co_await runCommand(QString::fromStdString(helper_), args, std::nullopt, token);
   if (r.status != 0 && !kernelOutput.empty()) r.output = kernelOutput + "\n" + r.output;
-  co_return r;
+  co_return fromCommand(r);
 }
 
-QCoro::Task<CommandResult> LinuxLibraryMounter::unmount(std::string folder) {
+QCoro::Task<MountResult> LinuxLibraryMounter::unmount(std::string folder, CancelToken token) {
   const auto type = mountedFileSystem(folder);
-  if (!type) co_return notMounted(folder);
+  if (!type) co_return notMounted();
   const QString path = QString::fromStdString(folder);
   if (type->rfind("fuse", 0) == 0) {
     const QStringList args = {"-u", path};
-    auto r = co_await runCommand("fusermount3", args);
-    if (r.status != 0) {
+    auto r = co_await runCommand("fusermount3", args, std::nullopt, token);
+    if (r.status != 0 && !token.isCancelled()) {
       const QStringList lazy = {"-u", "-z", path};  // busy: detach now, finish when the last file closes
-      r = co_await runCommand("fusermount3", lazy);
+      r = co_await runCommand("fusermount3", lazy, std::nullopt, token);
     }
-    co_return r;
+    co_return fromCommand(r);
   }
   const QStringList args = {"-f", path};
-  co_return co_await runCommand("umount", args);
+  auto r = co_await runCommand("umount", args, std::nullopt, token);
+  co_return fromCommand(r);
 }
 
-CommandResult LinuxLibraryMounter::unmountNow(const std::string& folder) {
+MountResult LinuxLibraryMounter::unmountNow(const std::string& folder) {
   const auto type = mountedFileSystem(folder);
-  if (!type) return notMounted(folder);
+  if (!type) return notMounted();
   if (type->rfind("fuse", 0) == 0) {
     auto r = runNow("fusermount3", {"-u", QString::fromStdString(folder)});
     if (r.status != 0) r = runNow("fusermount3", {"-u", "-z", QString::fromStdString(folder)});
-    return r;
+    return fromCommand(r);
   }
   auto r = runNow("umount", {"-f", QString::fromStdString(folder)});
   // Still busy: detach it now; the kernel finishes when the last user lets go.
   if (r.status != 0) r = runNow("umount", {"-l", QString::fromStdString(folder)});
-  return r;
+  return fromCommand(r);
 }
 
 }  // namespace vt

@@ -5,24 +5,34 @@
 
 #include <qcoro/qcorotask.h>
 
+#include "platform/Cancellation.h"
 #include "platform/Process.h"
+#include "platform/Result.h"
 
 namespace vt {
 
+// Why a mount or an unmount did not happen: nothing was mounted there, or
+// the tools failed and said why.
+struct MountError {
+  enum class Kind { notMounted, failed };
+  Kind kind = Kind::failed;
+  std::string output;  // the tools' own words, for `failed`
+  bool operator==(const MountError&) const = default;
+};
+std::string message(const MountError& e);
+using MountResult = Result<void, MountError>;
+
 // Mounting an engine's NFS export at a folder, and taking it away again.
-// Results read like the system tools': status 0 for success, else the
-// tools' own output. Unmounting a folder where nothing is mounted answers a
-// non-zero status whose output holds "not currently mounted".
 class LibraryMounter {
  public:
   virtual ~LibraryMounter() = default;
   // The export of the engine listening on 127.0.0.1:`port` (NFS and its mount
   // protocol share the port), at `folder`.
-  virtual QCoro::Task<CommandResult> mount(int port, std::string folder) = 0;
+  virtual QCoro::Task<MountResult> mount(int port, std::string folder, CancelToken token = CancelToken::none()) = 0;
   // Forced: a hung engine must not keep the folder.
-  virtual QCoro::Task<CommandResult> unmount(std::string folder) = 0;
+  virtual QCoro::Task<MountResult> unmount(std::string folder, CancelToken token = CancelToken::none()) = 0;
   // The same, blocking, for the last moments of the process.
-  virtual CommandResult unmountNow(const std::string& folder) = 0;
+  virtual MountResult unmountNow(const std::string& folder) = 0;
 };
 
 // What is mounted at a folder, from /proc/self/mountinfo: the file system
@@ -38,9 +48,9 @@ class LinuxLibraryMounter final : public LibraryMounter {
   // `helper`: path of vtnfs-mount; empty: look next to the application.
   explicit LinuxLibraryMounter(std::string helper = {});
 
-  QCoro::Task<CommandResult> mount(int port, std::string folder) override;
-  QCoro::Task<CommandResult> unmount(std::string folder) override;
-  CommandResult unmountNow(const std::string& folder) override;
+  QCoro::Task<MountResult> mount(int port, std::string folder, CancelToken token = CancelToken::none()) override;
+  QCoro::Task<MountResult> unmount(std::string folder, CancelToken token = CancelToken::none()) override;
+  MountResult unmountNow(const std::string& folder) override;
 
   // The options of the kernel mount: version 3 over TCP on the one port, no
   // locks, hard, 1 MiB transfers.

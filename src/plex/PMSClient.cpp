@@ -1,23 +1,25 @@
 #include "plex/PMSClient.h"
 
+#include "core/LibraryTitle.h"
+
 #include "core/AppConfig.h"
 #include "platform/Http.h"
 #include "platform/Regex.h"
 
 namespace vt {
 
-std::string PMSError::description() const {
-  switch (kind) {
-    case Kind::badStatus:
-      return "PMS returned HTTP " + std::to_string(status);
-    case Kind::noToken:
+std::string message(const PMSError& e) {
+  switch (e.kind) {
+    case PMSError::Kind::badStatus:
+      return "PMS returned HTTP " + std::to_string(e.status);
+    case PMSError::Kind::noToken:
       return "No Plex token configured";
-    case Kind::transport:
-      return detail.empty() ? std::string("The Plex server could not be reached.") : detail;
-    case Kind::undecodable:
+    case PMSError::Kind::transport:
+      return e.detail.empty() ? std::string("The Plex server could not be reached.") : e.detail;
+    case PMSError::Kind::undecodable:
       return "The Plex server's reply could not be read.";
   }
-  return detail;
+  return e.detail;
 }
 
 std::string percentEncodeStrict(std::string_view text) {
@@ -168,18 +170,19 @@ std::optional<std::vector<PlexCollectionRow>> decodeCollections(const QByteArray
   return out;
 }
 
-PMSClient::PMSClient(QUrl baseURL, std::string token, std::string clientIdentifier)
-    : baseURL_(std::move(baseURL)), token_(std::move(token)), clientIdentifier_(std::move(clientIdentifier)) {
+PMSClient::PMSClient(HttpClient& http, QUrl baseURL, std::string token, std::string clientIdentifier)
+    : http_(&http),
+      baseURL_(std::move(baseURL)), token_(std::move(token)), clientIdentifier_(std::move(clientIdentifier)) {
   // A server address typed with a trailing slash means the same server.
   QString path = baseURL_.path();
   while (path.endsWith('/')) path.chop(1);
   baseURL_.setPath(path);
 }
 
-std::optional<PMSClient> PMSClient::fromConfig(const AppConfig& config) {
+std::optional<PMSClient> PMSClient::fromConfig(const AppConfig& config, HttpClient& http) {
   auto url = config.pmsURL();
   if (!url || config.token().empty()) return std::nullopt;
-  return PMSClient(*url, config.token(), config.clientIdentifier());
+  return PMSClient(http, *url, config.token(), config.clientIdentifier());
 }
 
 QUrl PMSClient::urlFor(const std::string& path) const {
@@ -201,7 +204,7 @@ std::string queryString(const PMSClient::Query& query) {
 }
 }  // namespace
 
-QCoro::Task<PMSResult<QByteArray>> PMSClient::send(QByteArray method, QUrl url, double timeout) const {
+QCoro::Task<Result<QByteArray, PMSError>> PMSClient::send(QByteArray method, QUrl url, double timeout) const {
   HttpRequest request;
   request.url = std::move(url);
   request.method = std::move(method);
@@ -210,68 +213,64 @@ QCoro::Task<PMSResult<QByteArray>> PMSClient::send(QByteArray method, QUrl url, 
                      {"X-Plex-Token", QByteArray::fromStdString(token_)},
                      {"X-Plex-Product", "Vantory"},
                      {"X-Plex-Client-Identifier", QByteArray::fromStdString(clientIdentifier_)}};
-  auto response = co_await sharedHttpClient().send(std::move(request));
+  auto response = co_await http_->send(std::move(request));
   if (response.failure != HttpFailure::none)
-    co_return PMSResult<QByteArray>::failure({PMSError::Kind::transport, 0, response.errorText});
+    co_return Failure(PMSError{PMSError::Kind::transport, 0, response.errorText});
   if (response.status < 200 || response.status > 299)
-    co_return PMSResult<QByteArray>::failure({PMSError::Kind::badStatus, response.status, {}});
-  co_return PMSResult<QByteArray>{std::move(response.body), std::nullopt};
+    co_return Failure(PMSError{PMSError::Kind::badStatus, response.status, {}});
+  co_return Result<QByteArray, PMSError>(std::move(response.body));
 }
 
-QCoro::Task<PMSResult<QByteArray>> PMSClient::httpRequest(QByteArray method, std::string path, Query query,
+QCoro::Task<Result<QByteArray, PMSError>> PMSClient::httpRequest(QByteArray method, std::string path, Query query,
                                                           double timeout) const {
-  if (token_.empty()) co_return PMSResult<QByteArray>::failure({PMSError::Kind::noToken});
+  if (token_.empty()) co_return Failure(PMSError{PMSError::Kind::noToken});
   QUrl url = urlFor(path);
   if (!query.empty()) url.setQuery(QString::fromStdString(queryString(query)), QUrl::StrictMode);
   co_return co_await send(std::move(method), std::move(url), timeout);
 }
 
-QCoro::Task<PMSResult<QByteArray>> PMSClient::putQuery(std::string path, Query query) const {
+QCoro::Task<Result<QByteArray, PMSError>> PMSClient::putQuery(std::string path, Query query) const {
   query.emplace_back("X-Plex-Token", token_);
   co_return co_await httpRequest("PUT", std::move(path), std::move(query), kWriteTimeout);
 }
 
-QCoro::Task<PMSResult<QByteArray>> PMSClient::postQuery(std::string path, Query query) const {
+QCoro::Task<Result<QByteArray, PMSError>> PMSClient::postQuery(std::string path, Query query) const {
   query.emplace_back("X-Plex-Token", token_);
   co_return co_await httpRequest("POST", std::move(path), std::move(query), kWriteTimeout);
 }
 
-// Forwards a failure of another result type.
-#define VT_PMS_TRY(result, Type) \
-  if (!(result).ok()) co_return PMSResult<Type>::failure(*(result).error);
-
-QCoro::Task<PMSResult<std::pair<std::string, std::optional<std::string>>>> PMSClient::machineInfo() const {
+QCoro::Task<Result<std::pair<std::string, std::optional<std::string>>, PMSError>> PMSClient::machineInfo() const {
   using R = std::pair<std::string, std::optional<std::string>>;
   auto r = co_await httpRequest("GET", "/", Query(), kReadTimeout);
-  VT_PMS_TRY(r, R);
-  auto mc = container(*r.value);
-  if (!mc) co_return PMSResult<R>::failure({PMSError::Kind::undecodable});
-  co_return PMSResult<R>{R{text(*mc, "machineIdentifier").value_or("—"), text(*mc, "myPlexUsername")}, std::nullopt};
+  if (!r) co_return Failure(r.error());
+  auto mc = container(*r);
+  if (!mc) co_return Failure(PMSError{PMSError::Kind::undecodable});
+  co_return Result<R, PMSError>(R{text(*mc, "machineIdentifier").value_or("—"), text(*mc, "myPlexUsername")});
 }
 
-QCoro::Task<PMSResult<std::optional<PlexSection>>> PMSClient::sectionForLocation(std::string location) const {
+QCoro::Task<Result<std::optional<PlexSection>, PMSError>> PMSClient::sectionForLocation(std::string location) const {
   using R = std::optional<PlexSection>;
   auto r = co_await httpRequest("GET", "/library/sections", Query(), kReadTimeout);
-  VT_PMS_TRY(r, R);
-  auto mc = container(*r.value);
+  if (!r) co_return Failure(r.error());
+  auto mc = container(*r);
   if (mc) {
     for (const auto& dir : array(*mc, "Directory")) {
       for (const auto& loc : array(dir, "Location")) {
         if (text(loc, "path") == location) {
           auto key = text(dir, "key");
           if (!key) break;
-          co_return PMSResult<R>{R{PlexSection{*key, text(dir, "type").value_or("")}}, std::nullopt};
+          co_return Result<R, PMSError>(R{PlexSection{*key, text(dir, "type").value_or("")}});
         }
       }
     }
   }
-  co_return PMSResult<R>{R{}, std::nullopt};
+  co_return Result<R, PMSError>(R{});
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::createSection(std::string name, bool isShow, std::string location) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::createSection(std::string name, bool isShow, std::string location) const {
   auto existing = co_await sectionForLocation(location);
-  VT_PMS_TRY(existing, Done);
-  if (*existing.value) co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!existing) co_return Failure(existing.error());
+  if (*existing) co_return Result<void, PMSError>();
   Query q = {{"name", name},
              {"type", isShow ? "show" : "movie"},
              {"agent", isShow ? "tv.plex.agents.series" : "tv.plex.agents.movie"},
@@ -279,48 +278,48 @@ QCoro::Task<PMSResult<Done>> PMSClient::createSection(std::string name, bool isS
              {"language", "en-US"},
              {"location", location}};
   auto r = co_await postQuery("/library/sections", std::move(q));
-  VT_PMS_TRY(r, Done);
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!r) co_return Failure(r.error());
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::disableAnalysisJobs(std::string location) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::disableAnalysisJobs(std::string location) const {
   auto section = co_await sectionForLocation(location);
-  VT_PMS_TRY(section, Done);
-  if (!*section.value) co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!section) co_return Failure(section.error());
+  if (!*section) co_return Result<void, PMSError>();
   // gcc 12 needs braced lists outside co_await expressions.
   Query sectionPrefs = {{"enableBIFGeneration", "0"},
                         {"enableCreditsMarkerGeneration", "0"},
                         {"enableVoiceActivityGeneration", "0"},
                         {"enableAdMarkerGeneration", "0"}};
-  auto r = co_await putQuery("/library/sections/" + (*section.value)->key + "/prefs", std::move(sectionPrefs));
-  VT_PMS_TRY(r, Done);
+  auto r = co_await putQuery("/library/sections/" + (*section)->key + "/prefs", std::move(sectionPrefs));
+  if (!r) co_return Failure(r.error());
   Query serverPrefs = {{"ButlerTaskDeepMediaAnalysis", "0"}};
   auto s = co_await putQuery("/:/prefs", std::move(serverPrefs));
-  VT_PMS_TRY(s, Done);
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!s) co_return Failure(s.error());
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::refreshSection(std::string location) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::refreshSection(std::string location) const {
   auto section = co_await sectionForLocation(location);
-  VT_PMS_TRY(section, Done);
-  if (!*section.value) co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!section) co_return Failure(section.error());
+  if (!*section) co_return Result<void, PMSError>();
   auto r =
-      co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/refresh", Query(), kReadTimeout);
-  VT_PMS_TRY(r, Done);
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+      co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/refresh", Query(), kReadTimeout);
+  if (!r) co_return Failure(r.error());
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<std::vector<PlexItem>>> PMSClient::sectionItems(std::string location) const {
+QCoro::Task<Result<std::vector<PlexItem>, PMSError>> PMSClient::sectionItems(std::string location) const {
   using R = std::vector<PlexItem>;
   auto section = co_await sectionForLocation(location);
-  VT_PMS_TRY(section, R);
-  if (!*section.value) co_return PMSResult<R>{R{}, std::nullopt};
+  if (!section) co_return Failure(section.error());
+  if (!*section) co_return Result<R, PMSError>(R{});
   Query q;
-  if ((*section.value)->type == "show") q.emplace_back("type", "4");
+  if ((*section)->type == "show") q.emplace_back("type", "4");
   auto r =
-      co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q), kReadTimeout);
-  VT_PMS_TRY(r, R);
-  co_return PMSResult<R>{decodeSectionItems(*r.value).value_or(R{}), std::nullopt};
+      co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
+  if (!r) co_return Failure(r.error());
+  co_return Result<R, PMSError>(decodeSectionItems(*r).value_or(R{}));
 }
 
 namespace {
@@ -330,81 +329,80 @@ std::string lastPathComponent(const std::string& path) {
 }
 }  // namespace
 
-QCoro::Task<PMSResult<std::map<std::string, PlexItem>>> PMSClient::fileIndex(std::string location) const {
+QCoro::Task<Result<std::map<std::string, PlexItem>, PMSError>> PMSClient::fileIndex(std::string location) const {
   using R = std::map<std::string, PlexItem>;
   auto items = co_await sectionItems(std::move(location));
-  VT_PMS_TRY(items, R);
+  if (!items) co_return Failure(items.error());
   R index;
-  for (const auto& item : *items.value)
+  for (const auto& item : *items)
     for (const auto& m : item.media)
       for (const auto& p : m.parts)
         if (p.file) index[lastPathComponent(*p.file)] = item;
-  co_return PMSResult<R>{std::move(index), std::nullopt};
+  co_return Result<R, PMSError>(std::move(index));
 }
 
-QCoro::Task<PMSResult<std::map<std::string, PlexImdbEntry>>> PMSClient::imdbIndex(std::string location) const {
+QCoro::Task<Result<std::map<std::string, PlexImdbEntry>, PMSError>> PMSClient::imdbIndex(std::string location) const {
   using R = std::map<std::string, PlexImdbEntry>;
   auto section = co_await sectionForLocation(location);
-  VT_PMS_TRY(section, R);
-  if (!*section.value) co_return PMSResult<R>{R{}, std::nullopt};
-  auto r = co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", Query(), kReadTimeout);
-  VT_PMS_TRY(r, R);
-  static const Regex imdbTag(R"((?<=\{imdb-)tt\d+(?=\}))");
+  if (!section) co_return Failure(section.error());
+  if (!*section) co_return Result<R, PMSError>(R{});
+  auto r = co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", Query(), kReadTimeout);
+  if (!r) co_return Failure(r.error());
   R index;
-  for (const auto& item : decodeSectionItems(*r.value).value_or(std::vector<PlexItem>{})) {
+  for (const auto& item : decodeSectionItems(*r).value_or(std::vector<PlexItem>{})) {
     std::optional<std::string> firstFile;
     for (const auto& m : item.media)
       for (const auto& p : m.parts)
         if (p.file && !firstFile) firstFile = p.file;
     if (!firstFile) continue;
-    auto m = imdbTag.search(*firstFile);
-    if (!m) continue;
-    const auto id = m->text();
+    const auto found = imdbIdOf(*firstFile);
+    if (!found) continue;
+    const auto& id = *found;
     index[id] = PlexImdbEntry{item.title.value_or(id), item.year ? std::to_string(*item.year) : "", item.thumb};
   }
-  co_return PMSResult<R>{std::move(index), std::nullopt};
+  co_return Result<R, PMSError>(std::move(index));
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::refreshItem(std::string file, std::string location) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::refreshItem(std::string file, std::string location) const {
   auto index = co_await fileIndex(std::move(location));
-  VT_PMS_TRY(index, Done);
-  auto it = index.value->find(lastPathComponent(file));
-  if (it == index.value->end() || !it->second.ratingKey) co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!index) co_return Failure(index.error());
+  auto it = index->find(lastPathComponent(file));
+  if (it == index->end() || !it->second.ratingKey) co_return Result<void, PMSError>();
   auto r =
       co_await httpRequest("GET", "/library/metadata/" + *it->second.ratingKey + "/refresh", Query(), kReadTimeout);
-  VT_PMS_TRY(r, Done);
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!r) co_return Failure(r.error());
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<std::optional<PlexItemDetails>>> PMSClient::itemDetails(std::string ratingKey) const {
+QCoro::Task<Result<std::optional<PlexItemDetails>, PMSError>> PMSClient::itemDetails(std::string ratingKey) const {
   using R = std::optional<PlexItemDetails>;
   auto r = co_await httpRequest("GET", "/library/metadata/" + ratingKey, Query(), kReadTimeout);
-  VT_PMS_TRY(r, R);
-  for (const auto& item : decodeSectionItems(*r.value).value_or(std::vector<PlexItem>{})) {
+  if (!r) co_return Failure(r.error());
+  for (const auto& item : decodeSectionItems(*r).value_or(std::vector<PlexItem>{})) {
     for (const auto& m : item.media)
       for (const auto& p : m.parts)
         if (p.file && !p.file->empty())
-          co_return PMSResult<R>{R{PlexItemDetails{*p.file, item.viewOffset, item.duration}}, std::nullopt};
+          co_return Result<R, PMSError>(R{PlexItemDetails{*p.file, item.viewOffset, item.duration}});
   }
-  co_return PMSResult<R>{R{}, std::nullopt};
+  co_return Result<R, PMSError>(R{});
 }
 
-QCoro::Task<PMSResult<std::vector<PlaySession>>> PMSClient::sessions() const {
+QCoro::Task<Result<std::vector<PlaySession>, PMSError>> PMSClient::sessions() const {
   using R = std::vector<PlaySession>;
   auto r = co_await httpRequest("GET", "/status/sessions", Query(), kReadTimeout);
-  VT_PMS_TRY(r, R);
-  co_return PMSResult<R>{decodeSessions(*r.value).value_or(R{}), std::nullopt};
+  if (!r) co_return Failure(r.error());
+  co_return Result<R, PMSError>(decodeSessions(*r).value_or(R{}));
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::emptyTrash(std::string sectionKey) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::emptyTrash(std::string sectionKey) const {
   auto r = co_await putQuery("/library/sections/" + sectionKey + "/emptyTrash", Query());
-  VT_PMS_TRY(r, Done);
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!r) co_return Failure(r.error());
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::addLabel(std::string sectionKey, std::vector<std::string> ratingKeys,
+QCoro::Task<Result<void, PMSError>> PMSClient::addLabel(std::string sectionKey, std::vector<std::string> ratingKeys,
                                                  std::string label) const {
-  if (token_.empty()) co_return PMSResult<Done>::failure({PMSError::Kind::noToken});
+  if (token_.empty()) co_return Failure(PMSError{PMSError::Kind::noToken});
   constexpr size_t kChunk = 50;
   for (size_t start = 0; start < ratingKeys.size(); start += kChunk) {
     std::string ids;
@@ -414,27 +412,27 @@ QCoro::Task<PMSResult<Done>> PMSClient::addLabel(std::string sectionKey, std::ve
     }
     Query q = {{"type", "1"}, {"id", ids}, {"label[0].tag.tag", label}, {"label.locked", "1"}};
     auto r = co_await putQuery("/library/sections/" + sectionKey + "/all", std::move(q));
-    VT_PMS_TRY(r, Done);
+    if (!r) co_return Failure(r.error());
   }
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::removeLabel(std::vector<std::string> ratingKeys, std::string label) const {
-  if (token_.empty()) co_return PMSResult<Done>::failure({PMSError::Kind::noToken});
+QCoro::Task<Result<void, PMSError>> PMSClient::removeLabel(std::vector<std::string> ratingKeys, std::string label) const {
+  if (token_.empty()) co_return Failure(PMSError{PMSError::Kind::noToken});
   for (const auto& key : ratingKeys) {
     Query q = {{"type", "1"}, {"label[0].tag.tag-", label}, {"label.locked", "1"}};
     auto r = co_await putQuery("/library/metadata/" + key, std::move(q));
-    VT_PMS_TRY(r, Done);
+    if (!r) co_return Failure(r.error());
   }
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<std::map<std::string, std::string>>> PMSClient::sectionLabels(std::string sectionKey) const {
+QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> PMSClient::sectionLabels(std::string sectionKey) const {
   using R = std::map<std::string, std::string>;
   auto r = co_await httpRequest("GET", "/library/sections/" + sectionKey + "/label", Query(), kReadTimeout);
-  VT_PMS_TRY(r, R);
+  if (!r) co_return Failure(r.error());
   R labels;
-  if (auto mc = container(*r.value)) {
+  if (auto mc = container(*r)) {
     for (const auto& row : array(*mc, "Directory")) {
       auto key = text(row, "key");
       auto title = text(row, "title");
@@ -443,32 +441,32 @@ QCoro::Task<PMSResult<std::map<std::string, std::string>>> PMSClient::sectionLab
       labels[*title] = eq == std::string::npos ? *key : key->substr(eq + 1);
     }
   }
-  co_return PMSResult<R>{std::move(labels), std::nullopt};
+  co_return Result<R, PMSError>(std::move(labels));
 }
 
-QCoro::Task<PMSResult<std::set<std::string>>> PMSClient::labelledKeys(std::string sectionKey,
+QCoro::Task<Result<std::set<std::string>, PMSError>> PMSClient::labelledKeys(std::string sectionKey,
                                                                       std::string labelId) const {
   using R = std::set<std::string>;
   Query q = {{"type", "1"}, {"label", labelId}};
   auto r = co_await httpRequest("GET", "/library/sections/" + sectionKey + "/all", std::move(q), kReadTimeout);
-  VT_PMS_TRY(r, R);
+  if (!r) co_return Failure(r.error());
   R keys;
-  for (const auto& item : decodeSectionItems(*r.value).value_or(std::vector<PlexItem>{}))
+  for (const auto& item : decodeSectionItems(*r).value_or(std::vector<PlexItem>{}))
     if (item.ratingKey) keys.insert(*item.ratingKey);
-  co_return PMSResult<R>{std::move(keys), std::nullopt};
+  co_return Result<R, PMSError>(std::move(keys));
 }
 
-QCoro::Task<PMSResult<std::vector<PlexCollectionRow>>> PMSClient::sectionCollections(std::string sectionKey) const {
+QCoro::Task<Result<std::vector<PlexCollectionRow>, PMSError>> PMSClient::sectionCollections(std::string sectionKey) const {
   using R = std::vector<PlexCollectionRow>;
   auto r = co_await httpRequest("GET", "/library/sections/" + sectionKey + "/collections", Query(), kReadTimeout);
-  VT_PMS_TRY(r, R);
-  co_return PMSResult<R>{decodeCollections(*r.value).value_or(R{}), std::nullopt};
+  if (!r) co_return Failure(r.error());
+  co_return Result<R, PMSError>(decodeCollections(*r).value_or(R{}));
 }
 
-QCoro::Task<PMSResult<std::optional<std::string>>> PMSClient::createSmartCollection(
+QCoro::Task<Result<std::optional<std::string>, PMSError>> PMSClient::createSmartCollection(
     std::string title, std::string labelId, std::string sectionKey, std::string machineIdentifier) const {
   using R = std::optional<std::string>;
-  if (token_.empty()) co_return PMSResult<R>::failure({PMSError::Kind::noToken});
+  if (token_.empty()) co_return Failure(PMSError{PMSError::Kind::noToken});
   const std::string inner = "/library/sections/" + sectionKey + "/all?type=1&label=" + labelId + "&sort=addedAt%3Adesc";
   const std::string uri = "server://" + machineIdentifier + "/com.plexapp.plugins.library" + inner;
   const std::string query = "type=1&title=" + percentEncodeStrict(title) +
@@ -477,80 +475,80 @@ QCoro::Task<PMSResult<std::optional<std::string>>> PMSClient::createSmartCollect
   QUrl url = urlFor("/library/collections");
   url.setQuery(QString::fromStdString(query), QUrl::StrictMode);
   auto r = co_await send("POST", std::move(url), kWriteTimeout);
-  VT_PMS_TRY(r, R);
+  if (!r) co_return Failure(r.error());
   R key;
-  if (auto mc = container(*r.value)) {
+  if (auto mc = container(*r)) {
     const auto& rows = array(*mc, "Metadata");
     if (!rows.empty()) key = text(rows[0], "ratingKey");
   }
-  co_return PMSResult<R>{R{key}, std::nullopt};
+  co_return Result<R, PMSError>(R{key});
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::deleteCollection(std::string ratingKey) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::deleteCollection(std::string ratingKey) const {
   auto r = co_await httpRequest("DELETE", "/library/collections/" + ratingKey, Query(), kWriteTimeout);
-  VT_PMS_TRY(r, Done);
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+  if (!r) co_return Failure(r.error());
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<Done>> PMSClient::deleteCollectionNamed(std::string title, std::string location) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::deleteCollectionNamed(std::string title, std::string location) const {
   auto section = co_await sectionForLocation(std::move(location));
-  VT_PMS_TRY(section, Done);
-  if (!*section.value) co_return PMSResult<Done>{Done{}, std::nullopt};
-  auto rows = co_await sectionCollections((*section.value)->key);
-  VT_PMS_TRY(rows, Done);
-  for (const auto& row : *rows.value) {
+  if (!section) co_return Failure(section.error());
+  if (!*section) co_return Result<void, PMSError>();
+  auto rows = co_await sectionCollections((*section)->key);
+  if (!rows) co_return Failure(rows.error());
+  for (const auto& row : *rows) {
     if (row.title != title) continue;
     auto r = co_await deleteCollection(row.ratingKey);
-    VT_PMS_TRY(r, Done);
+    if (!r) co_return Failure(r.error());
     break;
   }
-  co_return PMSResult<Done>{Done{}, std::nullopt};
+  co_return Result<void, PMSError>();
 }
 
-QCoro::Task<PMSResult<std::vector<std::string>>> PMSClient::itemsWithoutDuration(std::string location,
+QCoro::Task<Result<std::vector<std::string>, PMSError>> PMSClient::itemsWithoutDuration(std::string location,
                                                                                  Date before) const {
   using R = std::vector<std::string>;
   auto items = co_await sectionItems(std::move(location));
-  VT_PMS_TRY(items, R);
+  if (!items) co_return Failure(items.error());
   const double beforeUnix = unixSecondsFromDate(before);
   R keys;
-  for (const auto& item : *items.value) {
+  for (const auto& item : *items) {
     if (!item.ratingKey || !item.addedAt || static_cast<double>(*item.addedAt) >= beforeUnix) continue;
     bool missing = false;
     for (const auto& m : item.media) missing = missing || !m.duration;
     if (missing) keys.push_back(*item.ratingKey);
   }
-  co_return PMSResult<R>{std::move(keys), std::nullopt};
+  co_return Result<R, PMSError>(std::move(keys));
 }
 
-QCoro::Task<PMSResult<std::set<std::string>>> PMSClient::showKeys(std::string location) const {
+QCoro::Task<Result<std::set<std::string>, PMSError>> PMSClient::showKeys(std::string location) const {
   using R = std::set<std::string>;
   auto section = co_await sectionForLocation(std::move(location));
-  VT_PMS_TRY(section, R);
-  if (!*section.value || (*section.value)->type != "show") co_return PMSResult<R>{R{}, std::nullopt};
+  if (!section) co_return Failure(section.error());
+  if (!*section || (*section)->type != "show") co_return Result<R, PMSError>(R{});
   Query q = {{"type", "2"}};
   auto r =
-      co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q), kReadTimeout);
-  VT_PMS_TRY(r, R);
+      co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
+  if (!r) co_return Failure(r.error());
   R keys;
-  for (const auto& item : decodeSectionItems(*r.value).value_or(std::vector<PlexItem>{}))
+  for (const auto& item : decodeSectionItems(*r).value_or(std::vector<PlexItem>{}))
     if (item.ratingKey) keys.insert(*item.ratingKey);
-  co_return PMSResult<R>{std::move(keys), std::nullopt};
+  co_return Result<R, PMSError>(std::move(keys));
 }
 
-QCoro::Task<PMSResult<std::map<std::string, std::string>>> PMSClient::episodeShowMap(std::string location) const {
+QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> PMSClient::episodeShowMap(std::string location) const {
   using R = std::map<std::string, std::string>;
   auto section = co_await sectionForLocation(std::move(location));
-  VT_PMS_TRY(section, R);
-  if (!*section.value || (*section.value)->type != "show") co_return PMSResult<R>{R{}, std::nullopt};
+  if (!section) co_return Failure(section.error());
+  if (!*section || (*section)->type != "show") co_return Result<R, PMSError>(R{});
   Query q = {{"type", "4"}};
   auto r =
-      co_await httpRequest("GET", "/library/sections/" + (*section.value)->key + "/all", std::move(q), kReadTimeout);
-  VT_PMS_TRY(r, R);
+      co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
+  if (!r) co_return Failure(r.error());
   R map;
-  for (const auto& item : decodeSectionItems(*r.value).value_or(std::vector<PlexItem>{}))
+  for (const auto& item : decodeSectionItems(*r).value_or(std::vector<PlexItem>{}))
     if (item.ratingKey && item.grandparentRatingKey) map[*item.ratingKey] = *item.grandparentRatingKey;
-  co_return PMSResult<R>{std::move(map), std::nullopt};
+  co_return Result<R, PMSError>(std::move(map));
 }
 
 }  // namespace vt

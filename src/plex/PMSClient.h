@@ -13,12 +13,15 @@
 #include <qcoro/qcorotask.h>
 
 #include "platform/Date.h"
+#include "platform/Cancellation.h"
 #include "platform/Json.h"
+#include "platform/Result.h"
 
 namespace vt {
 
 class AppConfig;
 class Clock;
+class HttpClient;
 
 // Why a request to the Plex server failed.
 struct PMSError {
@@ -32,19 +35,10 @@ struct PMSError {
   int status = 0;
   std::string detail;  // the transport's own text
 
-  std::string description() const;
   bool operator==(const PMSError&) const = default;
 };
 
-// A value or the failure that stopped it.
-template <class T>
-struct PMSResult {
-  std::optional<T> value;
-  std::optional<PMSError> error;
-  bool ok() const { return !error.has_value(); }
-  static PMSResult failure(PMSError e) { return PMSResult{std::nullopt, std::move(e)}; }
-};
-struct Done {};
+std::string message(const PMSError& e);
 
 // One playback on the server.
 struct PlaySession {
@@ -107,56 +101,70 @@ class PMSClient {
   static constexpr double kReadTimeout = 8;
   static constexpr double kWriteTimeout = 15;
 
-  PMSClient(QUrl baseURL, std::string token, std::string clientIdentifier);
+  PMSClient(HttpClient& http, QUrl baseURL, std::string token, std::string clientIdentifier);
   // None when the server URL does not parse or no token is set.
-  static std::optional<PMSClient> fromConfig(const AppConfig& config);
+  static std::optional<PMSClient> fromConfig(const AppConfig& config, HttpClient& http);
 
   using Query = std::vector<std::pair<std::string, std::string>>;
 
   // The request primitive: path appended to the base, query items only when
   // there are any, the four Plex headers. Returns the body.
-  QCoro::Task<PMSResult<QByteArray>> httpRequest(QByteArray method, std::string path, Query query,
+  QCoro::Task<Result<QByteArray, PMSError>> httpRequest(QByteArray method, std::string path, Query query,
                                                  double timeout) const;
-  QCoro::Task<PMSResult<QByteArray>> putQuery(std::string path, Query query) const;
-  QCoro::Task<PMSResult<QByteArray>> postQuery(std::string path, Query query) const;
+  QCoro::Task<Result<QByteArray, PMSError>> putQuery(std::string path, Query query) const;
+  QCoro::Task<Result<QByteArray, PMSError>> postQuery(std::string path, Query query) const;
 
   // (machineIdentifier, myPlexUsername); an absent identifier is "—".
-  QCoro::Task<PMSResult<std::pair<std::string, std::optional<std::string>>>> machineInfo() const;
-  QCoro::Task<PMSResult<std::optional<PlexSection>>> sectionForLocation(std::string location) const;
-  QCoro::Task<PMSResult<Done>> createSection(std::string name, bool isShow, std::string location) const;
-  QCoro::Task<PMSResult<Done>> disableAnalysisJobs(std::string location) const;
-  QCoro::Task<PMSResult<Done>> refreshSection(std::string location) const;
-  QCoro::Task<PMSResult<std::vector<PlexItem>>> sectionItems(std::string location) const;
-  QCoro::Task<PMSResult<std::map<std::string, PlexItem>>> fileIndex(std::string location) const;
-  QCoro::Task<PMSResult<std::map<std::string, PlexImdbEntry>>> imdbIndex(std::string location) const;
-  QCoro::Task<PMSResult<Done>> refreshItem(std::string file, std::string location) const;
-  QCoro::Task<PMSResult<std::optional<PlexItemDetails>>> itemDetails(std::string ratingKey) const;
-  QCoro::Task<PMSResult<std::vector<PlaySession>>> sessions() const;
-  QCoro::Task<PMSResult<Done>> emptyTrash(std::string sectionKey) const;
-  QCoro::Task<PMSResult<Done>> addLabel(std::string sectionKey, std::vector<std::string> ratingKeys,
+  QCoro::Task<Result<std::pair<std::string, std::optional<std::string>>, PMSError>> machineInfo() const;
+  QCoro::Task<Result<std::optional<PlexSection>, PMSError>> sectionForLocation(std::string location) const;
+  QCoro::Task<Result<void, PMSError>> createSection(std::string name, bool isShow, std::string location) const;
+  QCoro::Task<Result<void, PMSError>> disableAnalysisJobs(std::string location) const;
+  QCoro::Task<Result<void, PMSError>> refreshSection(std::string location) const;
+  QCoro::Task<Result<std::vector<PlexItem>, PMSError>> sectionItems(std::string location) const;
+  QCoro::Task<Result<std::map<std::string, PlexItem>, PMSError>> fileIndex(std::string location) const;
+  QCoro::Task<Result<std::map<std::string, PlexImdbEntry>, PMSError>> imdbIndex(std::string location) const;
+  QCoro::Task<Result<void, PMSError>> refreshItem(std::string file, std::string location) const;
+  QCoro::Task<Result<std::optional<PlexItemDetails>, PMSError>> itemDetails(std::string ratingKey) const;
+  QCoro::Task<Result<std::vector<PlaySession>, PMSError>> sessions() const;
+  QCoro::Task<Result<void, PMSError>> emptyTrash(std::string sectionKey) const;
+  QCoro::Task<Result<void, PMSError>> addLabel(std::string sectionKey, std::vector<std::string> ratingKeys,
                                         std::string label) const;
-  QCoro::Task<PMSResult<Done>> removeLabel(std::vector<std::string> ratingKeys, std::string label) const;
-  QCoro::Task<PMSResult<std::map<std::string, std::string>>> sectionLabels(std::string sectionKey) const;
-  QCoro::Task<PMSResult<std::set<std::string>>> labelledKeys(std::string sectionKey, std::string labelId) const;
-  QCoro::Task<PMSResult<std::vector<PlexCollectionRow>>> sectionCollections(std::string sectionKey) const;
-  QCoro::Task<PMSResult<std::optional<std::string>>> createSmartCollection(std::string title, std::string labelId,
+  QCoro::Task<Result<void, PMSError>> removeLabel(std::vector<std::string> ratingKeys, std::string label) const;
+  QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> sectionLabels(std::string sectionKey) const;
+  QCoro::Task<Result<std::set<std::string>, PMSError>> labelledKeys(std::string sectionKey, std::string labelId) const;
+  QCoro::Task<Result<std::vector<PlexCollectionRow>, PMSError>> sectionCollections(std::string sectionKey) const;
+  QCoro::Task<Result<std::optional<std::string>, PMSError>> createSmartCollection(std::string title, std::string labelId,
                                                                            std::string sectionKey,
                                                                            std::string machineIdentifier) const;
-  QCoro::Task<PMSResult<Done>> deleteCollection(std::string ratingKey) const;
-  QCoro::Task<PMSResult<Done>> deleteCollectionNamed(std::string title, std::string location) const;
-  QCoro::Task<PMSResult<std::vector<std::string>>> itemsWithoutDuration(std::string location, Date before) const;
-  QCoro::Task<PMSResult<std::set<std::string>>> showKeys(std::string location) const;
-  QCoro::Task<PMSResult<std::map<std::string, std::string>>> episodeShowMap(std::string location) const;
+  QCoro::Task<Result<void, PMSError>> deleteCollection(std::string ratingKey) const;
+  QCoro::Task<Result<void, PMSError>> deleteCollectionNamed(std::string title, std::string location) const;
+  QCoro::Task<Result<std::vector<std::string>, PMSError>> itemsWithoutDuration(std::string location, Date before) const;
+  QCoro::Task<Result<std::set<std::string>, PMSError>> showKeys(std::string location) const;
+  QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> episodeShowMap(std::string location) const;
 
   const QUrl& baseURL() const { return baseURL_; }
 
  private:
   QUrl urlFor(const std::string& path) const;
-  QCoro::Task<PMSResult<QByteArray>> send(QByteArray method, QUrl url, double timeout) const;
+  QCoro::Task<Result<QByteArray, PMSError>> send(QByteArray method, QUrl url, double timeout) const;
 
+  HttpClient* http_;
   QUrl baseURL_;
   std::string token_;
   std::string clientIdentifier_;
+};
+
+// Makes Plex clients from the settings as they are at the moment of asking.
+// The application owns one and hands it to everything that talks to Plex.
+class PMSClientFactory {
+ public:
+  PMSClientFactory(const AppConfig& config, HttpClient& http) : config_(&config), http_(&http) {}
+  // None when the settings can't make a client.
+  std::optional<PMSClient> make() const { return PMSClient::fromConfig(*config_, *http_); }
+
+ private:
+  const AppConfig* config_;
+  HttpClient* http_;
 };
 
 // Percent-encoding with only Unicode letters and digits and "-._~" left as

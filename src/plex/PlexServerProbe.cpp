@@ -1,6 +1,5 @@
 #include "plex/PlexServerProbe.h"
 
-#include "core/AppConfig.h"
 
 namespace vt {
 
@@ -8,7 +7,7 @@ namespace {
 PlexProbeFailure toProbeFailure(const PMSError& e) {
   PlexProbeFailure f;
   if (e.kind == PMSError::Kind::badStatus) f.httpStatus = e.status;
-  f.description = e.description();
+  f.description = message(e);
   return f;
 }
 }  // namespace
@@ -22,29 +21,29 @@ QCoro::Task<std::optional<PlexProbeFailure>> PlexServerProbe::probe() {
   auto sections = client_.httpRequest("GET", "/library/sections", PMSClient::Query(), PMSClient::kReadTimeout);
   auto rootResult = co_await root;
   auto sectionsResult = co_await sections;
-  if (!rootResult.ok()) co_return toProbeFailure(*rootResult.error);
-  if (!sectionsResult.ok()) co_return toProbeFailure(*sectionsResult.error);
+  if (!rootResult.has_value()) co_return toProbeFailure(rootResult.error());
+  if (!sectionsResult.has_value()) co_return toProbeFailure(sectionsResult.error());
   co_return std::nullopt;
 }
 
 QCoro::Task<bool> PlexServerProbe::ensureMovieSection(std::string name, std::string location) {
   auto r = co_await client_.createSection(std::move(name), false, std::move(location));
-  co_return r.ok();
+  co_return r.has_value();
 }
 
 QCoro::Task<bool> PlexServerProbe::refreshSection(std::string location) {
   auto r = co_await client_.refreshSection(std::move(location));
-  co_return r.ok();
+  co_return r.has_value();
 }
 
 QCoro::Task<bool> PlexServerProbe::deleteCollectionNamed(std::string title) {
   auto r = co_await client_.deleteCollectionNamed(std::move(title), movieLocation_);
-  co_return r.ok();
+  co_return r.has_value();
 }
 
-PlexAccessFactory PlexServerProbe::factory(std::string movieLocation) {
-  return [movieLocation](const AppConfig& config) -> std::unique_ptr<PlexServerAccess> {
-    auto client = PMSClient::fromConfig(config);
+PlexAccessFactory PlexServerProbe::factory(const PMSClientFactory& clients, std::string movieLocation) {
+  return [clients, movieLocation]() -> std::unique_ptr<PlexServerAccess> {
+    auto client = clients.make();
     if (!client) return nullptr;
     return std::make_unique<PlexServerProbe>(std::move(*client), movieLocation);
   };

@@ -20,7 +20,7 @@ class PlexServerProbe final : public PlexServerAccess {
   QCoro::Task<bool> deleteCollectionNamed(std::string title) override;
 
   // The factory the spine uses: none when the settings can't make a client.
-  static PlexAccessFactory factory(std::string movieLocation);
+  static PlexAccessFactory factory(const PMSClientFactory& clients, std::string movieLocation);
 
  private:
   PMSClient client_;

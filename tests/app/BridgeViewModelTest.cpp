@@ -55,7 +55,7 @@ struct Rig {
   int discoveries = 0;
   std::optional<DiscoveredServer> discovered = DiscoveredServer{"http://10.0.0.9:32400", "Den"};
   std::vector<std::string> console;
-  BridgeViewModel vm{config, clock, [this](const AppConfig&) { return std::make_unique<ScriptedPlex>(plex); },
+  BridgeViewModel vm{config, clock, [this]() { return std::make_unique<ScriptedPlex>(plex); },
                      [this](std::string, std::string, std::optional<std::string>) -> QCoro::Task<DiscoveryOutcome> {
                        ++discoveries;
                        DiscoveryOutcome o;

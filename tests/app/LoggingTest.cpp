@@ -3,7 +3,11 @@
 #include <filesystem>
 #include <random>
 
-#include "core/Logging.h"
+#include "core/ActivityLog.h"
+#include "core/Display.h"
+#include "core/EngineLog.h"
+#include "core/LogFile.h"
+#include "platform/Redaction.h"
 #include "platform/Clock.h"
 #include "platform/Json.h"
 #include "platform/Log.h"
@@ -87,19 +91,17 @@ TEST(LogFile, RotatesAtTheExactByteBoundaryAndKeepsTwoOldFiles) {
 TEST(LogFile, NoSecretReachesTheFileThroughAnyWriter) {
   test::TestHome home;
   LogFile log(home.file("logs"), [] { return wallClockNow(); });
-  LogFile::setShared(&log);
-  EngineLog engineLog(nullptr, false);
-  const int sink = addLogSink([&](std::string_view line) { engineLog.append(line); });
-
-  const std::string secrets =
-      "https://torrentio.strem.fun/realdebrid=RDKEY123/x?token=PLEXTOK&api_key=APIK "
-      "https://real-debrid.com/d/DLCODE99 https://comet.host.io/LONGCOMETSEGMENT0123";
-  log.write("direct " + secrets);
-  engineLog.append("engine " + secrets + "\nsecond line");
-  logLine("[supervisor] " + secrets);
-  removeLogSink(sink);
+  EngineLog engineLog;
+  {
+    ScopedLogSink fileSink([&](std::string_view line) { log.write(line); });
+    const std::string secrets =
+        "https://torrentio.strem.fun/realdebrid=RDKEY123/x?token=PLEXTOK&api_key=APIK "
+        "https://real-debrid.com/d/DLCODE99 https://comet.host.io/LONGCOMETSEGMENT0123";
+    log.write("direct " + secrets);
+    logLine("engine " + secrets + "\nsecond line");
+    logLine("[supervisor] " + secrets);
+  }
   log.flush();
-  LogFile::setShared(nullptr);
 
   const auto text = read(log.fileURL());
   for (const char* secret : {"RDKEY123", "PLEXTOK", "APIK ", "DLCODE99", "LONGCOMETSEGMENT0123"})
@@ -111,14 +113,14 @@ TEST(LogFile, NoSecretReachesTheFileThroughAnyWriter) {
   for (const auto& line : engineLog.lines()) EXPECT_EQ(line.find("PLEXTOK"), std::string::npos);
 }
 
-TEST(EngineLog, SplitsLinesAndKeepsTheLastEightHundred) {
-  EngineLog log(nullptr, false);
-  log.append("a\n\nb\n");
+TEST(EngineLog, IsASinkThatSplitsLinesAndKeepsTheLastEightHundred) {
+  EngineLog log;
+  logLine("a\n\nb\n");
   EXPECT_EQ(log.lines(), (std::deque<std::string>{"a", "b"}));
-  for (int i = 0; i < 799; ++i) log.append("line " + std::to_string(i));
+  for (int i = 0; i < 799; ++i) logLine("line " + std::to_string(i));
   EXPECT_EQ(log.lines().size(), 800u);
   EXPECT_EQ(log.lines().front(), "b");
-  log.append("one more");
+  logLine("one more");
   EXPECT_EQ(log.lines().size(), 800u);
   EXPECT_EQ(log.lines().front(), "line 0");
   EXPECT_EQ(log.lines().back(), "one more");

@@ -2,7 +2,8 @@
 
 #include "core/AppConfig.h"
 #include "core/LibraryStore.h"
-#include "engine/EngineContract.h"
+#include "engine/EngineInstancePaths.h"
+#include "engine/EngineStatusClient.h"
 #include "engine/Manifest.h"
 #include "platform/Clock.h"
 #include "support/TestKit.h"

@@ -14,6 +14,7 @@
 #include "core/LibraryTitle.h"
 #include "engine/EngineSupervisor.h"
 #include "engine/EngineTestKit.h"
+#include "plex/PlexLibrarySetup.h"
 #include "platform/Clock.h"
 #include "platform/Http.h"
 #include "platform/Mounts.h"
@@ -28,17 +29,18 @@ namespace {
 // Mounts nothing; records what it was asked.
 class RecordingMounter : public LibraryMounter {
  public:
-  QCoro::Task<CommandResult> mount(int port, std::string folder) override {
+  QCoro::Task<MountResult> mount(int port, std::string folder, CancelToken) override {
     mounts.push_back(folder + ":" + std::to_string(port));
-    co_return CommandResult{mountStatus, mountStatus == 0 ? "" : "mount: permission denied", false};
+    if (mountStatus == 0) co_return MountResult();
+    co_return Failure(MountError{MountError::Kind::failed, "mount: permission denied"});
   }
-  QCoro::Task<CommandResult> unmount(std::string folder) override {
+  QCoro::Task<MountResult> unmount(std::string folder, CancelToken) override {
     unmounts.push_back(folder);
-    co_return CommandResult{1, folder + ": not currently mounted", false};
+    co_return Failure(MountError{MountError::Kind::notMounted, {}});
   }
-  CommandResult unmountNow(const std::string& folder) override {
+  MountResult unmountNow(const std::string& folder) override {
     unmounts.push_back(folder);
-    return {1, folder + ": not currently mounted", false};
+    return Failure(MountError{MountError::Kind::notMounted, {}});
   }
   std::vector<std::string> mounts, unmounts;
   int mountStatus = 0;
@@ -76,13 +78,12 @@ struct App {
     env.dataDirectory = home;
     env.bundledEngine = VT_VTNFS_BINARY;
     env.appVersion = std::move(version);
-    env.logToStandardError = false;
+    env.log = [this, &clock](const std::string& line) { lines.emplace_back(clock.now(), line); };
+    env.prepareLibrary = libraryPreparer(plex, library, env.log);
     env.playbackActive = [this] { return playback; };
     env.probeFolder = [](std::string, double) -> QCoro::Task<bool> { co_return true; };
     supervisor = std::make_unique<EngineSupervisor>(config, library, std::move(env));
     supervisor->movie().paths.nfsAddress = "127.0.0.1:" + std::to_string(nfsPort);
-    QObject::connect(&supervisor->log(), &EngineLog::changed,
-                     [this, &clock] { lines.emplace_back(clock.now(), supervisor->log().lines().back()); });
     QObject::connect(supervisor.get(), &EngineSupervisor::stateChanged, [this, &clock] {
       states.push_back(supervisor->state());
       stateTimes.emplace_back(clock.now(), supervisor->state());
@@ -118,6 +119,7 @@ struct App {
   AppConfig config;
   LibraryStore library;
   HttpClient http;  // its timeouts run on the virtual clock
+  PMSClientFactory plex{config, http};
   bool playback = false;
   std::unique_ptr<EngineSupervisor> supervisor;
   std::vector<std::pair<Date, std::string>> lines;
@@ -325,11 +327,11 @@ TEST_F(EngineSupervisorTest, LeftoversThatAreNotTheEngineAreNeverKilled) {
 
   // The port holder lookup finds that a vtnfs holds a port, and that this
   // test (not a vtnfs) holds the control port.
-  EXPECT_EQ(test::runTask(sup.portHolderPid(sup.movie())), std::nullopt);
+  EXPECT_EQ(test::runTask(sup.portHolderPid(sup.movie(), CancelToken::none())), std::nullopt);
   QTcpServer squatter;
   ASSERT_TRUE(squatter.listen(QHostAddress::LocalHost, control));
   EXPECT_EQ(listeningPids(control), std::vector<int>{static_cast<int>(::getpid())});
-  EXPECT_EQ(test::runTask(sup.portHolderPid(sup.movie())), std::nullopt);
+  EXPECT_EQ(test::runTask(sup.portHolderPid(sup.movie(), CancelToken::none())), std::nullopt);
 
   // Starting while it squats: the start fails at the health check, and this
   // process is still here to see it.

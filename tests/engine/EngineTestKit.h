@@ -6,7 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "engine/EngineContract.h"
+#include "engine/EngineInstancePaths.h"
+#include "engine/EngineStatusClient.h"
 #include "platform/Http.h"
 #include "support/TestKit.h"
 

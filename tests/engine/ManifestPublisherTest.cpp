@@ -6,6 +6,7 @@
 #include "engine/ManifestPublisher.h"
 #include "fakes/FakeHttpServer.h"
 #include "fakes/FakePlexServer.h"
+#include "plex/PMSClient.h"
 #include "platform/Clock.h"
 #include "platform/SerialFileWriter.h"
 
@@ -24,13 +25,14 @@ LibraryTitle film(const std::string& id, const std::string& url = "https://cdn/x
   return t;
 }
 
-struct Rig {
+struct Rig : EngineInstances {
   test::TestHome home;
   std::unique_ptr<SettingsStore> settings = SettingsStore::openForTestHome(home.path());
   AppConfig config{*settings};
   ManualClock clock;
   LibraryStore library{home.file("library.json"), clock};
   EngineStatusClient client{sharedHttpClient()};
+  PMSClientFactory plex{config, sharedHttpClient()};
   EngineInstanceState movie;
   std::optional<EngineInstanceState> tv;
   std::set<std::string> hiddenNames;
@@ -40,32 +42,41 @@ struct Rig {
   std::vector<std::string> calls;
   std::unique_ptr<ManifestPublisher> publisher;
 
+  EngineInstanceState& movieInstance() override { return movie; }
+  EngineInstanceState& tvInstance() override {
+    if (!tv) {
+      tv.emplace();
+      tv->paths = EngineInstancePaths::forKind(EngineKind::tv, home.path(), config);
+    }
+    return *tv;
+  }
+  EngineInstanceState* existingTvInstance() override { return tv ? &*tv : nullptr; }
+  QCoro::Task<> startInstance(EngineInstanceState& i, std::vector<EngineEntry> entries) override {
+    calls.push_back("start " + i.paths.label + " " + std::to_string(entries.size()));
+    i.state = EngineState::running;
+    co_return;
+  }
+  QCoro::Task<> stopInstance(EngineInstanceState& i) override {
+    calls.push_back("stop " + i.paths.label);
+    i.state = EngineState::stopped;
+    co_return;
+  }
+
   Rig() {
     movie.paths = EngineInstancePaths::forKind(EngineKind::movie, home.path(), config);
     ManifestPublisher::Hooks hooks;
-    hooks.startInstance = [this](EngineInstanceState& i, std::vector<EngineEntry> entries) -> QCoro::Task<> {
-      calls.push_back("start " + i.paths.label + " " + std::to_string(entries.size()));
-      i.state = EngineState::running;
-      co_return;
-    };
-    hooks.stopInstance = [this](EngineInstanceState& i) -> QCoro::Task<> {
-      calls.push_back("stop " + i.paths.label);
-      i.state = EngineState::stopped;
-      co_return;
-    };
-    hooks.tvInstance = [this]() -> EngineInstanceState& {
-      if (!tv) {
-        tv.emplace();
-        tv->paths = EngineInstancePaths::forKind(EngineKind::tv, home.path(), config);
-      }
-      return *tv;
-    };
-    hooks.existingTvInstance = [this] { return tv ? &*tv : nullptr; };
     hooks.applyConfig = [this] { ++applyCalls; };
     hooks.playbackActive = [this] { return playing; };
     hooks.isHidden = [this](const LibraryTitle& t) { return hiddenNames.count(t.name) > 0; };
     hooks.log = [this](const std::string& line) { logs.push_back(line); };
-    publisher = std::make_unique<ManifestPublisher>(library, config, clock, client, movie, hooks);
+    hooks.refreshItem = [this](std::string name, std::string location, CancelToken) -> QCoro::Task<bool> {
+      auto client = plex.make();
+      if (!client) co_return false;
+      auto refreshed = co_await client->refreshItem(std::move(name), std::move(location));
+      (void)refreshed;
+      co_return true;
+    };
+    publisher = std::make_unique<ManifestPublisher>(library, config, clock, client, *this, hooks);
   }
   EngineApplyResult apply() { return test::runTask(publisher->applyEngineConfig()); }
   int reloads() const {

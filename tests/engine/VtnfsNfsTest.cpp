@@ -7,7 +7,8 @@
 #include <QProcess>
 #include <QStandardPaths>
 
-#include "engine/EngineContract.h"
+#include "engine/EngineInstancePaths.h"
+#include "engine/EngineStatusClient.h"
 #include "engine/EngineTestKit.h"
 #include "fakes/FakeFileHost.h"
 #include "platform/SerialFileWriter.h"

@@ -3,7 +3,8 @@
 #include <QFile>
 #include <filesystem>
 
-#include "engine/EngineContract.h"
+#include "engine/EngineInstancePaths.h"
+#include "engine/EngineStatusClient.h"
 #include "engine/EngineTestKit.h"
 #include "fakes/FakeFileHost.h"
 #include "fakes/FakeHttpServer.h"

@@ -6,6 +6,7 @@
 #include "core/AppConfig.h"
 #include "fakes/FakePlexServer.h"
 #include "platform/Clock.h"
+#include "platform/Http.h"
 #include "plex/PMSClient.h"
 #include "plex/PlexServerProbe.h"
 #include "support/TestKit.h"
@@ -17,7 +18,8 @@ namespace {
 
 struct Rig {
   FakePlexServer plex;
-  PMSClient client{plex.baseUrl(), plex.token, "client-id-1"};
+  HttpClient http{systemClock()};
+  PMSClient client{http, plex.baseUrl(), plex.token, "client-id-1"};
   Rig() {
     plex.addSection("1", "Vantory", "movie", {"/data/Library", "/old/Library"});
     plex.addSection("2", "Vantory TV", "show", {"/data/Library TV"});
@@ -33,25 +35,25 @@ T run(QCoro::Task<T> task) {
 
 TEST(PMSClient, NoTokenSendsNothingAndStatusesSurfaceAsText) {
   Rig rig;
-  PMSClient noToken(rig.plex.baseUrl(), "", "c");
+  PMSClient noToken(rig.http, rig.plex.baseUrl(), "", "c");
   auto r = run(noToken.machineInfo());
-  ASSERT_FALSE(r.ok());
-  EXPECT_EQ(r.error->description(), "No Plex token configured");
-  EXPECT_FALSE(run(noToken.addLabel("1", {"1"}, "x")).ok());
-  EXPECT_FALSE(run(noToken.removeLabel({"1"}, "x")).ok());
-  EXPECT_FALSE(run(noToken.createSmartCollection("t", "1", "1", "m")).ok());
-  EXPECT_FALSE(run(noToken.sessions()).ok());
+  ASSERT_FALSE(r.has_value());
+  EXPECT_EQ(message(r.error()), "No Plex token configured");
+  EXPECT_FALSE(run(noToken.addLabel("1", {"1"}, "x")).has_value());
+  EXPECT_FALSE(run(noToken.removeLabel({"1"}, "x")).has_value());
+  EXPECT_FALSE(run(noToken.createSmartCollection("t", "1", "1", "m")).has_value());
+  EXPECT_FALSE(run(noToken.sessions()).has_value());
   EXPECT_TRUE(rig.plex.requests().empty()) << "no request left the machine";
 
   auto missing = run(rig.client.itemDetails("999999"));
-  ASSERT_FALSE(missing.ok());
-  EXPECT_EQ(missing.error->description(), "PMS returned HTTP 404");
+  ASSERT_FALSE(missing.has_value());
+  EXPECT_EQ(message(missing.error()), "PMS returned HTTP 404");
 
-  PMSClient wrongToken(rig.plex.baseUrl(), "nope", "c");
+  PMSClient wrongToken(rig.http, rig.plex.baseUrl(), "nope", "c");
   auto denied = run(wrongToken.machineInfo());
-  ASSERT_TRUE(denied.error);
-  EXPECT_EQ(denied.error->kind, PMSError::Kind::badStatus);
-  EXPECT_EQ(denied.error->status, 401);
+  ASSERT_FALSE(denied.has_value());
+  EXPECT_EQ(denied.error().kind, PMSError::Kind::badStatus);
+  EXPECT_EQ(denied.error().status, 401);
 
   // Every request carries the four headers.
   const auto& req = rig.plex.requests().front();
@@ -64,44 +66,44 @@ TEST(PMSClient, NoTokenSendsNothingAndStatusesSurfaceAsText) {
 TEST(PMSClient, MachineInfoAndSections) {
   Rig rig;
   auto info = run(rig.client.machineInfo());
-  ASSERT_TRUE(info.ok());
-  EXPECT_EQ(info.value->first, "fake-machine-0001");
-  EXPECT_EQ(info.value->second, "tester");
+  ASSERT_TRUE(info.has_value());
+  EXPECT_EQ(info->first, "fake-machine-0001");
+  EXPECT_EQ(info->second, "tester");
   rig.plex.machineIdentifier.clear();
   rig.plex.on("GET", "/", [&](auto&, auto& reply) { reply.json(Json{{"MediaContainer", Json::object()}}); });
-  EXPECT_EQ(run(rig.client.machineInfo()).value->first, "—");
+  EXPECT_EQ(run(rig.client.machineInfo())->first, "—");
   rig.plex.on("GET", "/", [&](auto&, auto& reply) { reply.send(200, "<xml/>"); });
-  EXPECT_EQ(run(rig.client.machineInfo()).error->kind, PMSError::Kind::undecodable);
+  EXPECT_EQ(run(rig.client.machineInfo()).error().kind, PMSError::Kind::undecodable);
 
   for (const char* loc : {"/data/Library", "/old/Library"}) {
     auto s = run(rig.client.sectionForLocation(loc));
-    ASSERT_TRUE(s.ok() && *s.value) << loc;
-    EXPECT_EQ((*s.value)->key, "1");
-    EXPECT_EQ((*s.value)->type, "movie");
+    ASSERT_TRUE(s.has_value() && *s) << loc;
+    EXPECT_EQ((*s)->key, "1");
+    EXPECT_EQ((*s)->type, "movie");
   }
-  EXPECT_FALSE(*run(rig.client.sectionForLocation("/data/Library/")).value) << "exact paths only";
+  EXPECT_FALSE(run(rig.client.sectionForLocation("/data/Library/")).value()) << "exact paths only";
 
   // createSection is a no-op for a known location and sends the query in order otherwise.
   rig.plex.clearRequests();
-  EXPECT_TRUE(run(rig.client.createSection("Vantory", false, "/data/Library")).ok());
+  EXPECT_TRUE(run(rig.client.createSection("Vantory", false, "/data/Library")).has_value());
   EXPECT_EQ(rig.plex.requests().size(), 1u);
-  EXPECT_TRUE(run(rig.client.createSection("Vantory TV", true, "/new/Library TV")).ok());
+  EXPECT_TRUE(run(rig.client.createSection("Vantory TV", true, "/new/Library TV")).has_value());
   const auto post = rig.plex.requests().back();
   EXPECT_EQ(post.method, "POST");
   EXPECT_EQ(post.rawQuery,
             "name=Vantory%20TV&type=show&agent=tv.plex.agents.series&scanner=Plex%20TV%20Series&language=en-US"
             "&location=%2Fnew%2FLibrary%20TV&X-Plex-Token=" +
                 QString::fromStdString(rig.plex.token));
-  EXPECT_TRUE(*run(rig.client.sectionForLocation("/new/Library TV")).value);
+  EXPECT_TRUE(run(rig.client.sectionForLocation("/new/Library TV")).value());
 
-  EXPECT_TRUE(run(rig.client.refreshSection("/data/Library")).ok());
+  EXPECT_TRUE(run(rig.client.refreshSection("/data/Library")).has_value());
   EXPECT_EQ(rig.plex.sections["1"].refreshes, 1);
-  EXPECT_TRUE(run(rig.client.disableAnalysisJobs("/data/Library")).ok());
+  EXPECT_TRUE(run(rig.client.disableAnalysisJobs("/data/Library")).has_value());
   EXPECT_EQ(rig.plex.sections["1"].prefs["enableBIFGeneration"], "0");
   EXPECT_EQ(rig.plex.serverPrefs["ButlerTaskDeepMediaAnalysis"], "0");
   // Unknown locations are silent no-ops.
   rig.plex.clearRequests();
-  EXPECT_TRUE(run(rig.client.refreshSection("/nowhere")).ok());
+  EXPECT_TRUE(run(rig.client.refreshSection("/nowhere")).has_value());
   EXPECT_EQ(rig.plex.requests().size(), 1u);
 }
 
@@ -120,24 +122,24 @@ TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
 
   rig.plex.clearRequests();
   auto films = run(rig.client.sectionItems("/data/Library"));
-  ASSERT_EQ(films.value->size(), 1u);
+  ASSERT_EQ(films->size(), 1u);
   EXPECT_EQ(rig.plex.requests().back().rawQuery, "");
   auto episodes = run(rig.client.sectionItems("/data/Library TV"));
-  ASSERT_EQ(episodes.value->size(), 1u);
-  EXPECT_EQ((*episodes.value)[0].title, "Pilot");
+  ASSERT_EQ(episodes->size(), 1u);
+  EXPECT_EQ((*episodes)[0].title, "Pilot");
   EXPECT_EQ(rig.plex.requests().back().rawQuery, "type=4");
 
   auto files = run(rig.client.fileIndex("/data/Library"));
-  EXPECT_EQ(files.value->count("Film (1999) {imdb-tt1}.mkv"), 1u);
+  EXPECT_EQ(files->count("Film (1999) {imdb-tt1}.mkv"), 1u);
   auto imdb = run(rig.client.imdbIndex("/data/Library"));
-  ASSERT_EQ(imdb.value->count("tt1"), 1u);
-  EXPECT_EQ(imdb.value->at("tt1").year, "1999");
-  EXPECT_EQ(imdb.value->at("tt1").thumb, "/thumb/1");
-  EXPECT_EQ(*run(rig.client.showKeys("/data/Library TV")).value, std::set<std::string>{"s1"});
-  EXPECT_TRUE(run(rig.client.showKeys("/data/Library")).value->empty());
+  ASSERT_EQ(imdb->count("tt1"), 1u);
+  EXPECT_EQ(imdb->at("tt1").year, "1999");
+  EXPECT_EQ(imdb->at("tt1").thumb, "/thumb/1");
+  EXPECT_EQ(run(rig.client.showKeys("/data/Library TV")).value(), std::set<std::string>{"s1"});
+  EXPECT_TRUE(run(rig.client.showKeys("/data/Library"))->empty());
   auto shows = run(rig.client.episodeShowMap("/data/Library TV"));
-  ASSERT_EQ(shows.value->size(), 1u);
-  EXPECT_EQ(shows.value->begin()->second, "s1");
+  ASSERT_EQ(shows->size(), 1u);
+  EXPECT_EQ(shows->begin()->second, "s1");
 }
 
 TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
@@ -146,7 +148,7 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   for (int i = 0; i < 120; ++i)
     keys.push_back(rig.plex.addItem({"", "1", "movie", std::string("F").append(std::to_string(i))}).ratingKey);
   rig.plex.clearRequests();
-  ASSERT_TRUE(run(rig.client.addLabel("1", keys, "My List")).ok());
+  ASSERT_TRUE(run(rig.client.addLabel("1", keys, "My List")).has_value());
   ASSERT_EQ(rig.plex.requests().size(), 3u);
   std::vector<int> sizes;
   for (const auto& r : rig.plex.requests()) {
@@ -159,23 +161,23 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   EXPECT_EQ(sizes, (std::vector<int>{50, 50, 20}));
   EXPECT_EQ(rig.plex.itemsWithLabel("1", "My List").size(), 120u);
   rig.plex.clearRequests();
-  EXPECT_TRUE(run(rig.client.addLabel("1", {}, "x")).ok());
+  EXPECT_TRUE(run(rig.client.addLabel("1", {}, "x")).has_value());
   EXPECT_TRUE(rig.plex.requests().empty());
 
   auto labels = run(rig.client.sectionLabels("1"));
-  ASSERT_EQ(labels.value->count("My List"), 1u);
-  EXPECT_EQ(labels.value->at("My List"), rig.plex.labelId("My List"));
+  ASSERT_EQ(labels->count("My List"), 1u);
+  EXPECT_EQ(labels->at("My List"), rig.plex.labelId("My List"));
   rig.plex.on("GET", "/library/sections/1/label", [](auto&, auto& reply) {
     reply.json(Json::parse(R"({"MediaContainer":{"Directory":[
       {"key":"/library/sections/1/all?label=123","title":"A"},{"key":"123","title":"B"},
       {"key":"7"},{"title":"no key"},{"key":5,"title":"typed"}]}})"));
   });
-  auto both = *run(rig.client.sectionLabels("1")).value;
+  auto both = run(rig.client.sectionLabels("1")).value();
   EXPECT_EQ(both, (std::map<std::string, std::string>{{"A", "123"}, {"B", "123"}}));
 
   const auto id = rig.plex.labelId("My List");
-  EXPECT_EQ(run(rig.client.labelledKeys("1", id)).value->size(), 120u);
-  ASSERT_TRUE(run(rig.client.removeLabel({keys[0], keys[1]}, "My List")).ok());
+  EXPECT_EQ(run(rig.client.labelledKeys("1", id))->size(), 120u);
+  ASSERT_TRUE(run(rig.client.removeLabel({keys[0], keys[1]}, "My List")).has_value());
   EXPECT_EQ(rig.plex.requests().back().rawQuery.left(39), "type=1&label[0].tag.tag-=My%20List&labe");
   EXPECT_EQ(rig.plex.itemsWithLabel("1", "My List").size(), 118u);
 }
@@ -183,8 +185,8 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
 TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
   Rig rig;
   auto key = run(rig.client.createSmartCollection("Films & Friends", "500", "1", "fake-machine-0001"));
-  ASSERT_TRUE(key.ok());
-  ASSERT_TRUE(*key.value);
+  ASSERT_TRUE(key.has_value());
+  ASSERT_TRUE(*key);
   const auto& req = rig.plex.requests().back();
   EXPECT_EQ(req.method, "POST");
   EXPECT_EQ(req.path, "/library/collections");
@@ -193,20 +195,20 @@ TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
             "com.plexapp.plugins.library%2Flibrary%2Fsections%2F1%2Fall%3Ftype%3D1%26label%3D500%26sort%3D"
             "addedAt%253Adesc&X-Plex-Token=" +
                 rig.plex.token);
-  auto rows = *run(rig.client.sectionCollections("1")).value;
+  auto rows = run(rig.client.sectionCollections("1")).value();
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].title, "Films & Friends");
   EXPECT_TRUE(rows[0].smart);
 
-  EXPECT_TRUE(run(rig.client.deleteCollectionNamed("Films & Friends", "/data/Library")).ok());
+  EXPECT_TRUE(run(rig.client.deleteCollectionNamed("Films & Friends", "/data/Library")).has_value());
   EXPECT_TRUE(rig.plex.collections.empty());
-  EXPECT_TRUE(run(rig.client.deleteCollectionNamed("Nothing", "/data/Library")).ok());
+  EXPECT_TRUE(run(rig.client.deleteCollectionNamed("Nothing", "/data/Library")).has_value());
 
   // A reply that is not a rating-key list is an absent key, not a failure.
   rig.plex.on("POST", "/library/collections", [](auto&, auto& reply) { reply.send(200, "nope"); });
   auto absent = run(rig.client.createSmartCollection("X", "1", "1", "m"));
-  EXPECT_TRUE(absent.ok());
-  EXPECT_FALSE(*absent.value);
+  EXPECT_TRUE(absent.has_value());
+  EXPECT_FALSE(*absent);
 }
 
 TEST(PMSClient, LenientRecordsAndSessions) {
@@ -275,7 +277,9 @@ TEST(PlexServerProbe, DrivesTheConnectionPollAgainstTheLocalServer) {
   config.setToken("wrong");
   config.setPendingPlexSyncPath(std::string("/data/Library"));
   ManualClock clock;
-  BridgeViewModel vm(config, clock, PlexServerProbe::factory("/data/Library"), {}, [](const std::string&) {});
+  HttpClient http(clock);
+  PMSClientFactory clients(config, http);
+  BridgeViewModel vm(config, clock, PlexServerProbe::factory(clients, "/data/Library"), {}, [](const std::string&) {});
 
   test::runTask(vm.pollOnce());
   EXPECT_FALSE(vm.reachable());

@@ -11,7 +11,8 @@
 #include <chrono>
 #include <cstdio>
 
-#include "core/Logging.h"
+#include "platform/Log.h"
+#include "platform/Redaction.h"
 #include "platform/Clock.h"
 #include "platform/Json.h"
 #include "platform/SerialFileWriter.h"
@@ -319,7 +320,7 @@ void Engine::routes() {
     vt::Json reply;
     reply["pid"] = static_cast<int>(::getpid());
     reply["version"] = VT_VERSION;
-    reply["rd_key_sha256"] = vt::EngineStatusClient::keyHash(options_.rdKey);
+    reply["rd_key_sha256"] = vt::engineKeyHash(options_.rdKey);
     return jsonReply(reply);
   });
 

@@ -15,7 +15,7 @@
 #include "NfsService.h"
 #include "NfsTree.h"
 #include "SourceReader.h"
-#include "engine/EngineContract.h"
+#include "engine/contract/EngineContract.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
 

@@ -13,7 +13,7 @@
 #include <qcoro/qcorotask.h>
 
 #include "FileSpan.h"
-#include "engine/EngineContract.h"
+#include "engine/contract/EngineContract.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
 

@@ -1,0 +1,209 @@
+#include "engine/EngineInstance.h"
+
+#include <signal.h>
+
+#include <QFile>
+#include <QProcess>
+
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "platform/ProcessTable.h"
+#include "platform/SerialFileWriter.h"
+#include "platform/Settings.h"
+
+namespace vt {
+
+namespace {
+
+std::optional<int> readPidFile(const std::string& path) {
+  auto text = readFile(path);
+  if (!text) return std::nullopt;
+  bool ok = false;
+  const int pid = QString::fromStdString(*text).trimmed().toInt(&ok);
+  if (!ok || pid < 2) return std::nullopt;
+  return pid;
+}
+
+}  // namespace
+
+EngineInstance::EngineInstance(EngineInstancePaths instancePaths, Context context)
+    : ctx_(std::move(context)),
+      mount_(*ctx_.mounter, *ctx_.clock, ctx_.probeFolder, ctx_.log, instancePaths.label, instancePaths.mountPoint) {
+  paths = std::move(instancePaths);
+}
+
+EngineInstance::~EngineInstance() {
+  // A healthy engine outlives the application: its QProcess is let go
+  // without killing it (destroying a QProcess would).
+  release();
+  // Deleted now, not later: a watch that fired after this point would call
+  // into an instance that is gone.
+  delete std::exchange(exitWatch_, nullptr);
+}
+
+std::optional<int> EngineInstance::runningPid() const {
+  if (process_ && process_->state() != QProcess::NotRunning) return static_cast<int>(process_->processId());
+  if (adoptedPID) return *adoptedPID;
+  return std::nullopt;
+}
+
+std::string EngineInstance::logOffsetKey() const {
+  return kind() == EngineKind::movie ? "engineLogOffset.movie" : "engineLogOffset.tv";
+}
+
+QCoro::Task<Result<int, EngineError>> EngineInstance::launch(std::string program, std::string rdKey,
+                                                             CancelToken token) {
+  auto* process = new QProcess();
+  auto env = QProcessEnvironment::systemEnvironment();
+  env.insert("VT_RD_KEY", QString::fromStdString(rdKey));
+  process->setProcessEnvironment(env);
+  process->setStandardOutputFile(QProcess::nullDevice());
+  process->setStandardErrorFile(QProcess::nullDevice());
+  process->setProgram(QString::fromStdString(program));
+  process->setArguments({"-config", QString::fromStdString(paths.configURL), "-nfs",
+                         QString::fromStdString(paths.nfsAddress), "-control",
+                         QString::fromStdString(paths.controlAddress), "-mount",
+                         QString::fromStdString(paths.mountPoint), "-log", QString::fromStdString(paths.logFile)});
+
+  // Started or failed to start: whichever Qt reports first, without blocking.
+  Completion settled;
+  bool failedToStart = false;
+  auto onStarted = QObject::connect(process, &QProcess::started, process, [settled] { settled.fire(); });
+  auto onError = QObject::connect(process, &QProcess::errorOccurred, process,
+                                  [settled, &failedToStart](QProcess::ProcessError error) {
+                                    if (error == QProcess::FailedToStart) failedToStart = true;
+                                    settled.fire();
+                                  });
+  process->start();
+  const bool settledInTime = co_await settled.wait(token);
+  QObject::disconnect(onStarted);
+  QObject::disconnect(onError);
+  if (!settledInTime || token.isCancelled()) {
+    // The owner is going: the process, if it runs, is adopted next time.
+    process->setParent(nullptr);
+    co_return Failure(EngineError{EngineError::Kind::stopped, {}});
+  }
+  if (failedToStart || process->state() == QProcess::NotRunning) {
+    const std::string error = process->errorString().toStdString();
+    process->deleteLater();
+    co_return Failure(EngineError{EngineError::Kind::launchFailed, error});
+  }
+
+  launchedRDKey = rdKey;
+  const int pid = static_cast<int>(process->processId());
+  // Queued: the handler runs on a later turn, never inside QProcess's own signal.
+  QObject::connect(
+      process, &QProcess::finished, this,
+      [this, process, pid](int code, QProcess::ExitStatus status) {
+        const bool current = process_ == nullptr || process_ == process;
+        process->deleteLater();
+        if (current && ctx_.onExit) ctx_.onExit(*this, status == QProcess::NormalExit ? code : -1, pid);
+      },
+      Qt::QueuedConnection);
+  process_ = process;
+  startLogTail(0);
+  writeFileAtomically(paths.pidFile, std::to_string(pid));
+  co_return pid;
+}
+
+void EngineInstance::adopt(int pid) {
+  writeFileAtomically(paths.pidFile, std::to_string(pid));
+  adoptedPID = pid;
+  watchAdopted(pid);
+  startLogTail(static_cast<uint64_t>(ctx_.settings->integer(logOffsetKey()).value_or(0)));
+}
+
+void EngineInstance::watchAdopted(int pid) {
+  clearExitWatch();
+  exitWatch_ = new ProcessExitWatch(pid, *ctx_.clock, [this, pid] {
+    // Only while that pid is still the instance's adopted engine.
+    if (adoptedPID == pid && ctx_.onExit) ctx_.onExit(*this, -1, pid);
+  });
+}
+
+void EngineInstance::clearExitWatch() {
+  if (!exitWatch_) return;
+  // Maybe called from the watch's own callback, hence deleted later.
+  exitWatch_->cancel();
+  exitWatch_->deleteLater();
+  exitWatch_ = nullptr;
+}
+
+void EngineInstance::release() {
+  if (process_) {
+    // The finished handler would delete it; from here on nothing reports
+    // against the instance, and the process keeps running on its own.
+    process_->disconnect(this);
+    process_->setParent(nullptr);
+    process_ = nullptr;
+  }
+  adoptedPID.reset();
+  clearExitWatch();
+}
+
+void EngineInstance::signal(int sig) const {
+  if (auto pid = runningPid()) sendSignal(*pid, sig);
+}
+
+void EngineInstance::removePidFileIfHolds(int pid) const {
+  if (readPidFile(paths.pidFile) == pid) QFile::remove(QString::fromStdString(paths.pidFile));
+}
+
+void EngineInstance::scheduleRestart(double delaySeconds, std::function<QCoro::Task<>()> fn) {
+  restart_.cancelAll();
+  restart_.start([this, delaySeconds, fn = std::move(fn)](CancelToken token) -> QCoro::Task<> {
+    if (!co_await ctx_.clock->sleep(delaySeconds, token)) co_return;
+    co_await fn();
+  });
+}
+
+void EngineInstance::markReady() {
+  stable_.cancelAll();
+  stable_.start([this](CancelToken token) -> QCoro::Task<> {
+    if (co_await ctx_.clock->sleep(kStableSeconds, token)) restartAttempts = 0;
+  });
+}
+
+void EngineInstance::startLogTail(uint64_t offset) {
+  logTail_.cancelAll();
+  logOffset_ = offset;
+  logBuffer_.clear();
+  logTail_.start([this](CancelToken token) -> QCoro::Task<> {
+    for (;;) {
+      if (token.isCancelled()) co_return;
+      readLogTail();
+      if (!co_await ctx_.clock->sleep(kLogTailPeriod, token)) co_return;
+    }
+  });
+}
+
+void EngineInstance::readLogTail() {
+  QFile file(QString::fromStdString(paths.logFile));
+  if (!file.open(QIODevice::ReadOnly)) return;
+  const auto size = static_cast<uint64_t>(file.size());
+  uint64_t readFrom = logOffset_ + logBuffer_.size();
+  if (size < logOffset_ || size < readFrom) {  // the file was replaced or cut
+    logOffset_ = 0;
+    logBuffer_.clear();
+    readFrom = 0;
+  }
+  if (size == readFrom) return;
+  file.seek(static_cast<qint64>(readFrom));
+  const QByteArray bytes = file.read(static_cast<qint64>(size - readFrom));
+  logBuffer_.append(bytes.constData(), static_cast<size_t>(bytes.size()));
+  const std::string prefix = kind() == EngineKind::movie ? "" : "[tv] ";
+  size_t start = 0;
+  for (size_t nl; (nl = logBuffer_.find('\n', start)) != std::string::npos; start = nl + 1) {
+    // Invalid UTF-8 is repaired on the way through QString.
+    const std::string line =
+        QString::fromUtf8(logBuffer_.data() + start, static_cast<qsizetype>(nl - start)).toStdString();
+    ctx_.log(prefix + line);
+  }
+  if (start > 0) {
+    logOffset_ += start;
+    logBuffer_.erase(0, start);
+    ctx_.settings->setInteger(logOffsetKey(), static_cast<int64_t>(logOffset_));
+  }
+}
+
+}  // namespace vt

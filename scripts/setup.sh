@@ -9,7 +9,7 @@ PACKAGES=(
   qt6-base-dev qt6-httpserver-dev qt6-websockets-dev qcoro-qt6-dev
   libicu-dev nlohmann-json3-dev libsimdjson-dev libxxhash-dev
   libnfs-dev libfuse3-dev fuse3 ffmpeg
-  libgtest-dev libgmock-dev libbenchmark-dev libnfs-utils
+  libgtest-dev libgmock-dev libbenchmark-dev libnfs-utils python3
 )
 
 root=$(cd "$(dirname "$0")/.." && pwd)

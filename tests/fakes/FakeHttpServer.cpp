@@ -2,6 +2,8 @@
 
 #include <QHttpServerRequest>
 #include <QHttpServerResponder>
+#include <QIODevice>
+#include <QTcpSocket>
 #include <QUrlQuery>
 #include <stdexcept>
 
@@ -27,18 +29,32 @@ void FakeHttpServer::Reply::send(int status, const QByteArray& body,
   auto& r = *state_->responder;
   r.writeStatusLine(static_cast<QHttpServerResponder::StatusCode>(status));
   bool hasType = false;
+  bool hasLength = false;
   for (const auto& [k, v] : headers) {
     if (k.compare("Content-Type", Qt::CaseInsensitive) == 0) hasType = true;
+    if (k.compare("Content-Length", Qt::CaseInsensitive) == 0) hasLength = true;
     r.writeHeader(k, v);
   }
   if (!hasType && !contentType.isEmpty()) r.writeHeader("Content-Type", contentType);
-  r.writeHeader("Content-Length", QByteArray::number(body.size()));
+  if (!hasLength) r.writeHeader("Content-Length", QByteArray::number(body.size()));
   r.writeBody(state_->head ? QByteArray() : body);
   state_->responder.reset();
 }
 
 void FakeHttpServer::Reply::json(const Json& value, int status) {
   send(status, QByteArray::fromStdString(json::encode(value)), {}, "application/json");
+}
+
+void FakeHttpServer::Reply::stream(int status, QIODevice* body, std::pair<QByteArray, QByteArray> header,
+                                   const QByteArray& contentType) {
+  if (state_->answered || !state_->responder) {
+    delete body;
+    return;
+  }
+  state_->answered = true;
+  state_->responder->write(body, {{"Content-Type", contentType}, std::move(header)},
+                           static_cast<QHttpServerResponder::StatusCode>(status));
+  state_->responder.reset();
 }
 
 void FakeHttpServer::Reply::hold() { state_->held = true; }
@@ -78,6 +94,13 @@ FakeHttpServer::FakeHttpServer() {
     reply.state_ = std::make_shared<Reply::State>();
     reply.state_->responder = std::make_unique<QHttpServerResponder>(std::move(responder));
     reply.state_->head = r.method == "HEAD";
+    if (QTcpSocket* socket = reply.state_->responder->socket()) {
+      // A client that gives up closes the connection before the answer.
+      std::weak_ptr<Reply::State> weak = reply.state_;
+      QObject::connect(socket, &QTcpSocket::disconnected, &server_, [weak, abandoned = abandoned_] {
+        if (auto state = weak.lock(); state && !state->answered) ++*abandoned;
+      });
+    }
     dispatch(r, reply);
     if (reply.state_->held && !reply.answered()) {
       held_.push_back(reply);

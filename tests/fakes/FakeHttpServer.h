@@ -14,6 +14,7 @@
 #include "platform/Json.h"
 
 class QHttpServerResponder;
+class QIODevice;
 
 namespace vt::test {
 
@@ -38,11 +39,17 @@ class FakeHttpServer {
 
   // The answer to one request. Copies share the connection, so a handler can
   // keep one and answer later; hold() keeps it open without an answer.
+  // A "Content-Length" among the headers replaces the body's own (HEAD of a
+  // large file).
   class Reply {
    public:
     void send(int status, const QByteArray& body = {}, std::vector<std::pair<QByteArray, QByteArray>> headers = {},
               const QByteArray& contentType = "text/plain");
     void json(const Json& value, int status = 200);
+    // Streams a body of known size from `body` (taken over) as the client
+    // reads it, for bodies too large to build in memory; one extra header.
+    void stream(int status, QIODevice* body, std::pair<QByteArray, QByteArray> header = {"Accept-Ranges", "bytes"},
+                const QByteArray& contentType = "application/octet-stream");
     void hold();
     bool answered() const { return state_->answered; }
 
@@ -73,6 +80,8 @@ class FakeHttpServer {
   void onPrefix(const QByteArray& method, const QString& prefix, Handler handler);
 
   const std::vector<Request>& requests() const { return requests_; }
+  // Requests whose client closed the connection before an answer went out.
+  int abandonedRequests() const { return *abandoned_; }
   std::vector<Request> requestsTo(const QString& path) const;
   void clearRequests() { requests_.clear(); }
 
@@ -90,6 +99,7 @@ class FakeHttpServer {
   std::vector<Route> routes_;
   std::vector<Request> requests_;
   std::vector<Reply> held_;
+  std::shared_ptr<int> abandoned_ = std::make_shared<int>(0);
 };
 
 }  // namespace vt::test

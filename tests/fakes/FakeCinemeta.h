@@ -1,0 +1,32 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include "fakes/FakeHttpServer.h"
+
+namespace vt::test {
+
+// Cinemeta's meta resource on 127.0.0.1: "meta/<type>/<id>.json" gives
+// {"meta": {...}} in Cinemeta's spelling, 404 for ids it does not know.
+// It starts with a few real records whose runtimes read as Cinemeta writes
+// them ("148 min", "1h 28min").
+class FakeCinemeta : public FakeHttpServer {
+ public:
+  FakeCinemeta();
+
+  // "http://127.0.0.1:<port>/"
+  QUrl base() const;
+
+  // A film record; empty texts leave their keys out.
+  void addMovie(const std::string& id, const std::string& name, const std::string& year, const std::string& runtime,
+                const std::string& released = {}, const std::string& country = {});
+  void setMeta(const std::string& type, const std::string& id, Json meta);
+  // Answers every request with this status when set (outages).
+  std::optional<int> forcedStatus;
+
+  std::map<std::string, Json> metas;  // "type/id" → the meta object
+};
+
+}  // namespace vt::test

@@ -1,0 +1,480 @@
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+
+#include "fakes/FakeRealDebrid.h"
+#include "platform/Clock.h"
+#include "platform/Endpoints.h"
+#include "platform/Http.h"
+#include "platform/Job.h"
+#include "sources/rd/RDClient.h"
+#include "support/TestKit.h"
+
+using namespace vt;
+using vt::test::FakeRealDebrid;
+
+namespace {
+
+const std::string kHash = "0123456789abcdef0123456789abcdef01234567";
+
+// Virtual time for the polling loop. It wraps a ManualClock and knows which
+// pending timers are pauses (shorter than any request's time limit), so the
+// driver below moves time on only while the flow sleeps, never while a
+// request is in flight: virtual time stays exact however slow the machine is.
+class PollClock final : public Clock {
+ public:
+  Date now() const override { return manual.now(); }
+  TimerId schedule(double delay, std::function<void()> fn) override {
+    auto slot = std::make_shared<TimerId>(0);
+    const TimerId id = manual.schedule(delay, [this, slot, fn = std::move(fn)] {
+      pending_.erase(*slot);
+      fn();
+    });
+    *slot = id;
+    pending_[id] = delay;
+    if (delay < RDClient::kRequestTimeout) pauses.push_back(delay);
+    return id;
+  }
+  void cancelTimer(TimerId id) override {
+    pending_.erase(id);
+    manual.cancelTimer(id);
+  }
+  std::optional<double> sleeping() const {
+    for (const auto& [id, delay] : pending_)
+      if (delay < RDClient::kRequestTimeout) return delay;
+    return std::nullopt;
+  }
+
+  ManualClock manual;
+  std::vector<double> pauses;  // every pause asked for, in order
+
+ private:
+  std::map<TimerId, double> pending_;
+};
+
+struct Rig {
+  FakeRealDebrid rd;
+  PollClock clock;
+  HttpClient http{clock, HttpClient::Session::ephemeral};
+  RDClient client{http, rd.key, rd.restBase()};
+
+  // Runs a task to its end, sleeping through its pauses in virtual time.
+  template <class T>
+  T drive(QCoro::Task<T> task) {
+    std::optional<T> out;
+    auto job = Job::start([&](CancelToken) -> QCoro::Task<> {
+      auto value = co_await std::move(task);
+      out.emplace(std::move(value));
+    });
+    QElapsedTimer guard;
+    guard.start();
+    while (!out) {
+      QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+      if (out) break;
+      if (auto pause = clock.sleeping()) clock.manual.advance(*pause);
+      if (guard.elapsed() > 10000) {
+        ADD_FAILURE() << "the flow did not end";
+        job.cancel();
+        test::spinUntil([&] { return out.has_value(); }, 2000);
+        break;
+      }
+    }
+    return std::move(*out);
+  }
+
+  std::vector<std::string> infoStatuses() const;
+};
+
+template <class T>
+std::string text(const Result<T, RDError>& r) {
+  return r ? std::string() : message(r.error());
+}
+
+}  // namespace
+
+TEST(RDClient, AnEmptyKeyFailsEveryCallWithoutTraffic) {
+  Rig rig;
+  RDClient noKey(rig.http, "", rig.rd.restBase());
+  std::vector<RDError> errors;
+  errors.push_back(rig.drive(noKey.request("user")).error());
+  errors.push_back(rig.drive(noKey.post("torrents/addMagnet", {{"magnet", "x"}})).error());
+  errors.push_back(rig.drive(noKey.addMagnet(kHash)).error());
+  errors.push_back(rig.drive(noKey.selectFiles("T1", "all")).error());
+  errors.push_back(rig.drive(noKey.torrentInfo("T1")).error());
+  errors.push_back(rig.drive(noKey.pollUntilLink("T1", true, 45)).error());
+  errors.push_back(rig.drive(noKey.unrestrict("https://real-debrid.com/d/X")).error());
+  errors.push_back(rig.drive(noKey.user()).error());
+  errors.push_back(rig.drive(noKey.deleteTorrent("T1")).error());
+  errors.push_back(rig.drive(noKey.downloads()).error());
+  for (const auto& e : errors) {
+    EXPECT_EQ(e, RDError::noKey());
+    EXPECT_EQ(message(e), "No RealDebrid key set (Settings)");
+    EXPECT_FALSE(e.isRefusal());
+  }
+  EXPECT_TRUE(rig.rd.requests().empty()) << "nothing left the machine";
+}
+
+TEST(RDClient, MagnetFlowWalksEveryStatusToAPlayableLink) {
+  Rig rig;
+  auto stages = FakeRealDebrid::fullStages();
+  stages[3].infoCalls = 6;  // downloading long enough to reach the slow pauses
+  rig.rd.releases[kHash] = {"Film.2020.1080p.BluRay.x264-GRP",
+                            {{1, "/Film/Sample.mkv", 40'000'000}, {2, "/Film/Film.2020.mkv", 6'100'000'000}},
+                            stages};
+
+  auto id = rig.drive(rig.client.addMagnet(kHash));
+  ASSERT_TRUE(id) << text(id);
+  const auto add = rig.rd.requests().back();
+  EXPECT_EQ(add.method, "POST");
+  EXPECT_EQ(add.path, "/rest/1.0/torrents/addMagnet");
+  EXPECT_EQ(add.header("Content-Type"), "application/x-www-form-urlencoded");
+  EXPECT_EQ(add.body, "magnet=magnet%3A%3Fxt%3Durn%3Abtih%3A" + QByteArray::fromStdString(kHash));
+  EXPECT_EQ(add.header("Authorization"), "Bearer " + QByteArray::fromStdString(rig.rd.key));
+
+  const Date started = rig.clock.now();
+  auto link = rig.drive(rig.client.pollUntilLink(*id, true, 45));
+  ASSERT_TRUE(link) << text(link);
+  ASSERT_TRUE(link->has_value());
+  const auto& torrent = rig.rd.torrents.at(*id);
+  EXPECT_EQ(**link, torrent.links.at(0));
+  EXPECT_EQ(torrent.selection, "2") << "the largest file";
+  EXPECT_EQ(torrent.selectCalls, 1);
+  // conversion, selection, queued, six downloading, downloaded
+  EXPECT_EQ(torrent.infoCalls, 10);
+  // No pause after the selection; 0.7 s while under 3 s, then 3 s.
+  EXPECT_EQ(rig.clock.pauses, (std::vector<double>{0.7, 0.7, 0.7, 0.7, 0.7, 3, 3, 3}));
+  EXPECT_NEAR(rig.clock.now() - started, 5 * 0.7 + 3 * 3, 1e-6);
+
+  auto direct = rig.drive(rig.client.unrestrict(**link));
+  ASSERT_TRUE(direct) << text(direct);
+  EXPECT_EQ(direct->filesize, 6'100'000'000);
+  EXPECT_EQ(rig.rd.requests().back().body, "link=" + QUrl::toPercentEncoding(QString::fromStdString(**link)));
+
+  // The download is a file host answering HEAD and ranged reads like a CDN.
+  auto head = test::runTask(rig.http.head(QUrl(QString::fromStdString(direct->download)), 5));
+  EXPECT_EQ(head.status, 200);
+  EXPECT_EQ(head.header("Content-Length"), "6100000000");
+  auto first = test::runTask(rig.http.getRange(QUrl(QString::fromStdString(direct->download)), 0, 0, 5));
+  EXPECT_EQ(first.status, 206);
+  EXPECT_EQ(first.header("Content-Range"), "bytes 0-0/6100000000");
+  EXPECT_EQ(first.body.size(), 1);
+
+  auto list = rig.drive(rig.client.downloads());
+  ASSERT_TRUE(list) << text(list);
+  ASSERT_EQ(list->size(), 1u);
+  EXPECT_EQ((*list)[0].link, **link);
+  EXPECT_EQ((*list)[0].download, direct->download);
+  EXPECT_EQ(rig.rd.requests().back().rawQuery, "limit=50");
+
+  auto account = rig.drive(rig.client.user());
+  ASSERT_TRUE(account) << text(account);
+  EXPECT_EQ(*account, (RDUserInfo{"premium", 2592000, "2031-01-01T00:00:00.000Z"}));
+
+  EXPECT_TRUE(rig.drive(rig.client.deleteTorrent(*id)));
+  EXPECT_EQ(rig.rd.requests().back().method, "DELETE");
+  EXPECT_EQ(rig.rd.deleted, std::vector<std::string>{*id});
+  auto again = rig.drive(rig.client.deleteTorrent(*id));
+  ASSERT_FALSE(again);
+  EXPECT_EQ(again.error(), RDError::http(404));
+}
+
+TEST(RDClient, ADownloadedTorrentAnswersAfterOneInfoCall) {
+  Rig rig;
+  rig.rd.releases[kHash] = {"Film", {{1, "/Film.mkv", 2'000'000'000}}, {{"downloaded", 0}}};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  auto link = rig.drive(rig.client.pollUntilLink(id, true, 2));
+  ASSERT_TRUE(link && link->has_value());
+  EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 1);
+  EXPECT_EQ(rig.rd.torrents.at(id).selectCalls, 0);
+  EXPECT_TRUE(rig.clock.pauses.empty());
+
+  // Downloaded without links: nothing, and no error.
+  rig.rd.answer("torrents/info/", R"({"status":"downloaded","links":[]})");
+  auto none = rig.drive(rig.client.pollUntilLink(id, true, 2));
+  ASSERT_TRUE(none);
+  EXPECT_FALSE(none->has_value());
+  rig.rd.answer("torrents/info/", R"({"status":"downloaded"})");
+  none = rig.drive(rig.client.pollUntilLink(id, true, 2));
+  ASSERT_TRUE(none);
+  EXPECT_FALSE(none->has_value());
+}
+
+TEST(RDClient, TheLargestFileIsChosenAndATieGoesToTheLaterOne) {
+  using Files = std::optional<std::vector<TorrentFile>>;
+  EXPECT_EQ(fileSelection(Files({{1, 5}, {7, 9}, {3, 9}, {4, 2}}), true), "3");
+  EXPECT_EQ(fileSelection(Files({{1, 5}, {7, 9}}), false), "all");
+  EXPECT_EQ(fileSelection(Files(std::vector<TorrentFile>{}), true), "all");
+  EXPECT_EQ(fileSelection(std::nullopt, true), "all");
+
+  Rig rig;
+  rig.rd.releases[kHash] = {"Twins",
+                            {{4, "/a.mkv", 3'000'000'000}, {9, "/b.mkv", 3'000'000'000}, {2, "/c.mkv", 10}},
+                            FakeRealDebrid::cachedStages()};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  ASSERT_TRUE(*rig.drive(rig.client.pollUntilLink(id, true, 2)));
+  EXPECT_EQ(rig.rd.torrents.at(id).selection, "9");
+
+  auto all = *rig.drive(rig.client.addMagnet(kHash));
+  ASSERT_TRUE(*rig.drive(rig.client.pollUntilLink(all, false, 2)));
+  EXPECT_EQ(rig.rd.torrents.at(all).selection, "all");
+  EXPECT_EQ(rig.rd.torrents.at(all).links.size(), 3u);
+}
+
+TEST(RDClient, AWorkingTorrentGivesUpAtTheDeadlineWithNothing) {
+  Rig rig;
+  rig.rd.releases[kHash] = {"Slow", {{1, "/f.mkv", 900'000'000}}, {{"waiting_files_selection", 0}, {"queued", 0}}};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  const Date started = rig.clock.now();
+  auto r = rig.drive(rig.client.pollUntilLink(id, true, 2));
+  ASSERT_TRUE(r) << text(r);
+  EXPECT_FALSE(r->has_value()) << "still working is not an error";
+  // Info at 0 (select, then at once again), 0.7, 1.4, 2.1: past the deadline.
+  EXPECT_EQ(rig.clock.pauses, (std::vector<double>{0.7, 0.7, 0.7}));
+  EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 5);
+  EXPECT_NEAR(rig.clock.now() - started, 2.1, 1e-6);
+
+  // A budget of nothing still asks once.
+  rig.clock.pauses.clear();
+  r = rig.drive(rig.client.pollUntilLink(id, true, 0));
+  ASSERT_TRUE(r);
+  EXPECT_FALSE(r->has_value());
+  EXPECT_TRUE(rig.clock.pauses.empty());
+}
+
+TEST(RDClient, AFailedSelectionDoesNotStopThePolling) {
+  Rig rig;
+  rig.rd.releases[kHash] = {"Film", {{1, "/f.mkv", 900'000'000}}, FakeRealDebrid::cachedStages()};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  rig.rd.fail("torrents/selectFiles/", 503);
+  auto r = rig.drive(rig.client.pollUntilLink(id, true, 2));
+  ASSERT_TRUE(r) << text(r);
+  EXPECT_FALSE(r->has_value()) << "never selected, so never ready";
+  EXPECT_EQ(rig.rd.requestsTo("/rest/1.0/torrents/selectFiles/" + QString::fromStdString(id)).size(), 1u)
+      << "selected once, not again";
+  EXPECT_EQ(rig.clock.pauses.size(), 3u);
+
+  // The service may go on anyway after a failed answer: the next info decides.
+  const std::string other = "fedcba9876543210fedcba9876543210fedcba98";
+  rig.rd.releases[other] = {"Film", {{1, "/f.mkv", 900'000'000}}, {{"waiting_files_selection", 1}, {"downloaded", 0}}};
+  auto id2 = *rig.drive(rig.client.addMagnet(other));
+  rig.rd.fail("torrents/selectFiles/", 500);
+  auto link = rig.drive(rig.client.pollUntilLink(id2, true, 2));
+  ASSERT_TRUE(link) << text(link);
+  EXPECT_TRUE(link->has_value());
+}
+
+TEST(RDClient, BadTorrentStatusesAreRefusals) {
+  for (const std::string status : {"magnet_error", "error", "virus", "dead"}) {
+    Rig rig;
+    rig.rd.releases[kHash] = {"Bad", {}, FakeRealDebrid::failingStages(status, 2)};
+    auto id = *rig.drive(rig.client.addMagnet(kHash));
+    auto r = rig.drive(rig.client.pollUntilLink(id, true, 45));
+    ASSERT_FALSE(r) << status;
+    EXPECT_EQ(r.error(), RDError::refused(status));
+    EXPECT_EQ(message(r.error()), "RealDebrid refused this release (" + status + ")");
+    EXPECT_TRUE(r.error().isRefusal());
+    EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 3);
+  }
+}
+
+TEST(RDClient, StatusesMapToHttpErrorsAndOnlyClientErrorsAreRefusals) {
+  Rig rig;
+  RDClient wrongKey(rig.http, "not-the-key", rig.rd.restBase());
+  auto denied = rig.drive(wrongKey.user());
+  ASSERT_FALSE(denied);
+  EXPECT_EQ(denied.error(), RDError::http(401));
+  EXPECT_EQ(message(denied.error()), "RealDebrid returned HTTP 401");
+  EXPECT_FALSE(denied.error().isRefusal());
+
+  // Missing Bearer header altogether: the service says 401 too.
+  auto bare = test::runTask(rig.http.get(rig.rd.url("/rest/1.0/user"), 5));
+  EXPECT_EQ(bare.status, 401);
+
+  const std::map<int, bool> refusal = {{400, true},  {401, false}, {403, false}, {404, true},  {409, true},
+                                       {429, false}, {451, true},  {500, false}, {502, false}, {503, false}};
+  for (const auto& [status, isRefusal] : refusal) {
+    rig.rd.clearFaults();
+    rig.rd.fail("torrents/info/", status);
+    auto r = rig.drive(rig.client.torrentInfo("T1"));
+    ASSERT_FALSE(r) << status;
+    EXPECT_EQ(r.error(), RDError::http(status));
+    EXPECT_EQ(message(r.error()), "RealDebrid returned HTTP " + std::to_string(status));
+    EXPECT_EQ(r.error().isRefusal(), isRefusal) << status;
+  }
+
+  // An unknown torrent is a 404 from the service: a refusal. The poll ends with it.
+  rig.rd.clearFaults();
+  auto gone = rig.drive(rig.client.pollUntilLink("TR-unknown", true, 45));
+  ASSERT_FALSE(gone);
+  EXPECT_EQ(gone.error(), RDError::http(404));
+  EXPECT_TRUE(gone.error().isRefusal());
+  // A busy service ends the poll with 429, which is not a verdict.
+  rig.rd.fail("torrents/info/", 429);
+  auto busy = rig.drive(rig.client.pollUntilLink("TR-unknown", true, 45));
+  ASSERT_FALSE(busy);
+  EXPECT_EQ(busy.error(), RDError::http(429));
+  EXPECT_FALSE(busy.error().isRefusal());
+  EXPECT_FALSE(RDError().isRefusal()) << "transport failures say nothing about the release";
+  EXPECT_FALSE((RDError{RDError::Kind::undecodable}).isRefusal());
+}
+
+TEST(RDClient, RepliesThatAreNotTheirRecordEndInAnErrorNotACrash) {
+  Rig rig;
+  rig.rd.torrents["T1"] = {"T1", kHash, "Film", {{1, "/f.mkv", 1}}, {{"downloading", 0}}};
+  const std::vector<QByteArray> broken = {
+      "",
+      "not json",
+      "<html>ok</html>",
+      "[]",
+      "{}",
+      "null",
+      "42",
+      R"({"status":5})",
+      R"({"status":null})",
+      R"({"status":"downloaded","links":"https://x"})",
+      R"({"status":"downloaded","links":[1,2]})",
+      R"({"status":"waiting_files_selection","files":{"id":1}})",
+      R"({"status":"waiting_files_selection","files":[{"id":"1","bytes":2}]})",
+      R"({"status":"waiting_files_selection","files":[{"id":1,"bytes":2.5}]})",
+      R"({"status":"waiting_files_selection","files":[{"id":1}]})",
+      R"({"status":"waiting_files_selection","files":[7]})",
+      R"({"id":7,"download":["x"],"filesize":"big","type":false,"premium":"lots","expiration":1})"};
+  const auto undecodable = RDError{RDError::Kind::undecodable};
+  for (const auto& body : broken) {
+    rig.rd.clearFaults();
+    rig.rd.answer("", body);
+    EXPECT_EQ(rig.drive(rig.client.torrentInfo("T1")).error(), undecodable) << body.toStdString();
+    EXPECT_EQ(rig.drive(rig.client.pollUntilLink("T1", true, 45)).error(), undecodable) << body.toStdString();
+    EXPECT_EQ(rig.drive(rig.client.addMagnet(kHash)).error(), undecodable) << body.toStdString();
+    EXPECT_EQ(rig.drive(rig.client.unrestrict("https://real-debrid.com/d/X")).error(), undecodable);
+    EXPECT_EQ(rig.drive(rig.client.user()).error(), undecodable) << body.toStdString();
+  }
+  EXPECT_EQ(message(undecodable), "RealDebrid sent a reply that could not be read");
+
+  // Optional fields may be null or absent; a filesize may be missing.
+  rig.rd.clearFaults();
+  rig.rd.answer("unrestrict/link", R"({"download":"https://dl.example/f.mkv","filesize":null})");
+  auto plain = rig.drive(rig.client.unrestrict("https://real-debrid.com/d/X"));
+  ASSERT_TRUE(plain);
+  EXPECT_EQ(*plain, (UnrestrictResp{"https://dl.example/f.mkv", std::nullopt}));
+  rig.rd.answer("torrents/info/", R"({"status":"queued","files":null,"links":null,"extra":{"x":1}})");
+  EXPECT_EQ(*rig.drive(rig.client.torrentInfo("T1")), (TorrentInfo{"queued", std::nullopt, std::nullopt}));
+
+  // The downloads list is read row by row: bad fields are absent, bad rows skipped.
+  rig.rd.answer("downloads", R"([{"link":1,"download":"https://d/1","filename":null},7,{"link":"https://r/d/2"}])");
+  auto rows = rig.drive(rig.client.downloads());
+  ASSERT_TRUE(rows);
+  EXPECT_EQ(*rows, (std::vector<RDDownload>{{std::nullopt, "https://d/1", std::nullopt},
+                                            {"https://r/d/2", std::nullopt, std::nullopt}}));
+  rig.rd.answer("downloads", R"({"error":"x"})");
+  EXPECT_EQ(rig.drive(rig.client.downloads()).error(), undecodable);
+}
+
+TEST(RDClient, ASilentServerEndsAtTheTimeLimit) {
+  Rig rig;
+  rig.rd.hang("torrents/");
+  std::optional<Result<TorrentInfo, RDError>> info;
+  auto job = Job::start([&](CancelToken t) -> QCoro::Task<> {
+    auto value = co_await rig.client.torrentInfo("T1", t);
+    info.emplace(std::move(value));
+  });
+  ASSERT_TRUE(test::spinUntil([&] { return rig.rd.requests().size() == 1; }));
+  rig.clock.manual.advance(14.9);
+  test::settle(20);
+  EXPECT_FALSE(info);
+  rig.clock.manual.advance(0.1);
+  ASSERT_TRUE(test::spinUntil([&] { return info.has_value(); }));
+  ASSERT_FALSE(*info);
+  EXPECT_EQ(info->error().kind, RDError::Kind::transport);
+  EXPECT_FALSE(info->error().isRefusal());
+
+  // Form calls have 20 seconds.
+  std::optional<Result<std::string, RDError>> added;
+  auto post = Job::start([&](CancelToken t) -> QCoro::Task<> {
+    auto value = co_await rig.client.addMagnet(kHash, t);
+    added.emplace(std::move(value));
+  });
+  ASSERT_TRUE(test::spinUntil([&] { return rig.rd.requests().size() == 2; }));
+  rig.clock.manual.advance(19.9);
+  test::settle(20);
+  EXPECT_FALSE(added);
+  rig.clock.manual.advance(0.1);
+  ASSERT_TRUE(test::spinUntil([&] { return added.has_value(); }));
+  EXPECT_EQ(added->error().kind, RDError::Kind::transport);
+}
+
+TEST(RDClient, CancellingClosesTheRequestOnTheWire) {
+  Rig rig;
+  rig.rd.hang("torrents/info/");
+  std::optional<Result<std::optional<std::string>, RDError>> r;
+  auto job = Job::start([&](CancelToken t) -> QCoro::Task<> {
+    auto value = co_await rig.client.pollUntilLink("T1", true, 45, t);
+    r.emplace(std::move(value));
+  });
+  ASSERT_TRUE(test::spinUntil([&] { return rig.rd.requests().size() == 1; }));
+  job.cancel();
+  ASSERT_TRUE(test::spinUntil([&] { return r.has_value(); }));
+  ASSERT_FALSE(*r);
+  EXPECT_EQ(r->error().kind, RDError::Kind::cancelled);
+  EXPECT_FALSE(r->error().isRefusal());
+  EXPECT_TRUE(test::spinUntil([&] { return rig.rd.abandonedRequests() == 1; })) << "the server saw the close";
+}
+
+TEST(RDClient, CancellingDuringAPauseEndsTheFlowWithoutAnotherRequest) {
+  Rig rig;
+  rig.rd.releases[kHash] = {"Slow", {{1, "/f.mkv", 900'000'000}}, {{"queued", 0}}};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  std::optional<Result<std::optional<std::string>, RDError>> r;
+  auto job = Job::start([&](CancelToken t) -> QCoro::Task<> {
+    auto value = co_await rig.client.pollUntilLink(id, true, 45, t);
+    r.emplace(std::move(value));
+  });
+  ASSERT_TRUE(test::spinUntil([&] { return rig.clock.sleeping().has_value(); }));
+  const auto before = rig.rd.requests().size();
+  job.cancel();
+  ASSERT_TRUE(test::spinUntil([&] { return r.has_value(); }));
+  ASSERT_FALSE(*r);
+  EXPECT_EQ(r->error().kind, RDError::Kind::cancelled);
+  EXPECT_EQ(rig.rd.requests().size(), before);
+}
+
+TEST(RDClient, TheKeyNeverAppearsInAnErrorTextOrOnTheUrl) {
+  Rig rig;
+  std::vector<RDError> errors;
+  rig.rd.releases[kHash] = {"Bad", {}, FakeRealDebrid::failingStages("virus")};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  errors.push_back(rig.drive(rig.client.pollUntilLink(id, true, 45)).error());
+  for (int status : {401, 429, 500}) {
+    rig.rd.fail("", status);
+    errors.push_back(rig.drive(rig.client.user()).error());
+  }
+  rig.rd.answer("user", "{");
+  errors.push_back(rig.drive(rig.client.user()).error());
+  quint16 closedPort;
+  {
+    FakeRealDebrid gone;
+    closedPort = gone.port();
+  }
+  RDClient nowhere(rig.http, rig.rd.key, QUrl(QStringLiteral("http://127.0.0.1:%1/rest/1.0/").arg(closedPort)));
+  errors.push_back(rig.drive(nowhere.user()).error());
+  EXPECT_EQ(errors.back().kind, RDError::Kind::transport);
+  for (const auto& e : errors) {
+    EXPECT_EQ(message(e).find(rig.rd.key), std::string::npos) << message(e);
+    EXPECT_EQ(e.detail.find(rig.rd.key), std::string::npos);
+  }
+  for (const auto& req : rig.rd.requests()) {
+    EXPECT_FALSE(req.url.toString().contains(QString::fromStdString(rig.rd.key)));
+    EXPECT_FALSE(req.body.contains(QByteArray::fromStdString(rig.rd.key)));
+  }
+}
+
+TEST(RDClient, TheRestBaseComesFromTheEndpointTable) {
+  EXPECT_EQ(RDClient::defaultBase().toString().toStdString(), endpoints().realDebridApi + "/rest/1.0/");
+  ManualClock clock;
+  HttpClient http(clock, HttpClient::Session::ephemeral);
+  FakeRealDebrid rd;
+  QUrl noSlash = rd.restBase();
+  noSlash.setPath("/rest/1.0");
+  RDClient client(http, rd.key, noSlash);
+  EXPECT_EQ(client.base(), rd.restBase());
+}

@@ -1,0 +1,88 @@
+// Jobs owned by a scope end with their owner: open requests are closed, child
+// processes killed, and nothing of the owner is touched afterwards.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+
+#include "fakes/FakeHttpServer.h"
+#include "platform/Clock.h"
+#include "platform/Http.h"
+#include "platform/Job.h"
+#include "platform/Process.h"
+#include "platform/ProcessTable.h"
+#include "platform/SerialFileWriter.h"
+#include "support/TestKit.h"
+
+using namespace vt;
+
+namespace {
+
+// A long-lived owner with one background job that asks a server and then
+// records what came back.
+struct Owner {
+  explicit Owner(HttpClient& http, QUrl url, std::shared_ptr<int> calls) : calls(std::move(calls)) {
+    jobs.start([this, &http, url](CancelToken token) -> QCoro::Task<> {
+      auto r = co_await http.get(url, 60, token);
+      if (token.isCancelled()) co_return;
+      ++*this->calls;
+      answered = r.ok();
+    });
+  }
+  std::shared_ptr<int> calls;
+  bool answered = false;
+  JobScope jobs;  // last
+};
+
+}  // namespace
+
+TEST(JobScope, DestroyingTheOwnerClosesItsOpenRequestAndCallsNothingAfterwards) {
+  test::FakeHttpServer server;
+  int arrived = 0;
+  server.on("GET", "/slow", [&](const auto&, auto& reply) {
+    ++arrived;
+    reply.hold();  // never answers
+  });
+  ManualClock clock;
+  HttpClient http(clock, HttpClient::Session::ephemeral);
+  auto calls = std::make_shared<int>(0);
+  auto owner = std::make_unique<Owner>(http, server.url("/slow"), calls);
+  ASSERT_TRUE(test::spinUntil([&] { return arrived == 1; }));
+  EXPECT_EQ(owner->jobs.runningCount(), 1u);
+
+  owner.reset();
+  ASSERT_TRUE(test::spinUntil([&] { return server.abandonedRequests() == 1; })) << "the server saw the close";
+  clock.advance(120);  // past the request's own time limit
+  test::settle(50);
+  EXPECT_EQ(*calls, 0) << "the job ended without touching its owner";
+}
+
+TEST(JobScope, CancellingAJobKillsItsChildProcessAndLaterJobsStillRun) {
+  test::TestHome home;
+  const std::string pidFile = home.file("pid");
+  JobScope scope;
+  std::optional<CommandResult> result;
+  auto job = scope.start([&](CancelToken token) -> QCoro::Task<> {
+    const QStringList args = {"-c", "echo $$ > \"$0\"; exec sleep 60", QString::fromStdString(pidFile)};
+    result = co_await runCommand("/bin/sh", args, std::nullopt, token);
+  });
+  int pid = 0;
+  ASSERT_TRUE(test::spinUntil([&] {
+    auto text = readFile(pidFile);
+    if (text && !text->empty()) pid = std::atoi(text->c_str());
+    return pid > 0;
+  }));
+  ASSERT_TRUE(processExists(pid));
+
+  scope.cancelAll();
+  ASSERT_TRUE(test::spinUntil([&] { return result.has_value(); }));
+  EXPECT_FALSE(job.isRunning());
+  EXPECT_TRUE(test::spinUntil([&] { return !processExists(pid); })) << "the child went with its job";
+
+  bool ran = false;
+  scope.start([&](CancelToken token) -> QCoro::Task<> {
+    ran = !token.isCancelled();
+    co_return;
+  });
+  EXPECT_TRUE(ran);
+}

@@ -11,6 +11,7 @@
 #include "core/Logging.h"
 #include "platform/Clock.h"
 #include "plex/PlexServerProbe.h"
+#include "sources/StreamProviders.h"
 #include "platform/Job.h"
 #include "platform/Log.h"
 #include "platform/Signals.h"
@@ -71,6 +72,7 @@ int main(int argc, char** argv) {
 
   vt::AppWiring wiring;
   wiring.paths = paths;
+  wiring.registrySync = [](const vt::AppConfig& config) { vt::syncStreamProviders(config); };
   wiring.plexAccess = vt::PlexServerProbe::factory(paths.data("Library"));
   // The engine: the vtnfs built with the application, mounted through the
   // kernel's NFS client where this user may mount, else the FUSE helper.

@@ -12,6 +12,7 @@
 #include "core/LogFile.h"
 #include "platform/Clock.h"
 #include "plex/PlexLibrarySetup.h"
+#include "sources/StreamProviders.h"
 #include "platform/Job.h"
 #include "platform/Log.h"
 #include "platform/Signals.h"
@@ -70,6 +71,7 @@ int main(int argc, char** argv) {
 
   vt::AppWiring wiring;
   wiring.paths = paths;
+  wiring.registrySync = [](const vt::AppConfig& config) { vt::syncStreamProviders(config); };
   // The engine: the vtnfs built with the application, mounted through the
   // kernel's NFS client where this user may mount, else the FUSE helper.
   vt::LinuxLibraryMounter mounter;

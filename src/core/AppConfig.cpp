@@ -86,29 +86,37 @@ void AppConfig::storeText(const char* key, std::string& field, const std::string
 
 void AppConfig::setToken(const std::string& v) { storeText("token", token_, v); }
 
+// The provider settings re-sync the registry before observers hear of the
+// change, so that whatever they start sees the new providers.
 void AppConfig::setRdKey(const std::string& v) {
-  storeText("rdKey", rdKey_, trimmed(v));
+  rdKey_ = trimmed(v);
+  store_.setString("rdKey", rdKey_);
   syncRegistry();
+  emit changed();
 }
 
 void AppConfig::setPmsURLString(const std::string& v) { storeText("pmsURLString", pmsURLString_, v); }
 void AppConfig::setControlURLString(const std::string& v) { storeText("controlURLString", controlURLString_, v); }
 
 void AppConfig::setStreamAddonOverride(const std::string& v) {
-  storeText("streamAddonOverride", streamAddonOverride_, v);
+  streamAddonOverride_ = v;
+  store_.setString("streamAddonOverride", v);
   syncRegistry();
+  emit changed();
 }
 
 void AppConfig::setUseComet(bool v) {
   useComet_ = v;
   store_.setBoolean("useComet", v);
-  emit changed();
   syncRegistry();
+  emit changed();
 }
 
 void AppConfig::setMediafusionURL(const std::string& v) {
-  storeText("mediafusionURL", mediafusionURL_, v);
+  mediafusionURL_ = v;
+  store_.setString("mediafusionURL", v);
   syncRegistry();
+  emit changed();
 }
 
 void AppConfig::setPlexUsername(const std::string& v) { storeText("plexUsername", plexUsername_, v); }

@@ -67,7 +67,7 @@ class ReleaseParser {
   static std::optional<Date> parseDate(std::string_view text);
 };
 
-// Compact JSON of the fields that are present (the vantory-release tool).
+// Compact JSON of the fields that are present (the release verb of vantory-cli).
 std::string releaseInfoJson(const ReleaseInfo& info);
 
 }  // namespace vt

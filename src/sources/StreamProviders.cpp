@@ -1,0 +1,47 @@
+#include "sources/StreamProviders.h"
+
+#include "core/AppConfig.h"
+#include "platform/Endpoints.h"
+
+namespace vt {
+
+namespace {
+
+std::string trimmed(const std::string& s) {
+  const char* ws = " \t\n\r\f\v";
+  const auto b = s.find_first_not_of(ws);
+  if (b == std::string::npos) return {};
+  return s.substr(b, s.find_last_not_of(ws) - b + 1);
+}
+
+}  // namespace
+
+std::optional<QUrl> addonURL(const AppConfig& config) {
+  if (const auto override = trimmed(config.streamAddonOverride()); !override.empty()) return parseAddonUrl(override);
+  const auto& key = config.rdKey();
+  if (key.empty()) return std::nullopt;
+  std::string base = endpoints().torrentio;
+  while (!base.empty() && base.back() == '/') base.pop_back();
+  return parseAddonUrl(base + "/realdebrid=" + key + "/");
+}
+
+std::vector<StreamProvider> extraProviders(const AppConfig& config) {
+  std::vector<StreamProvider> out;
+  if (config.useComet()) {
+    if (auto comet = StreamProvider::comet(config.rdKey(), endpoints().cometHost, true)) out.push_back(*comet);
+  }
+  if (auto mediafusion = StreamProvider::mediafusion(config.mediafusionURL())) out.push_back(*mediafusion);
+  return out;
+}
+
+void syncStreamProviders(const AppConfig& config, StreamProviderRegistry& registry) {
+  auto extras = extraProviders(config);
+  std::string key;
+  if (const auto addon = addonURL(config)) key = rdKey(*addon).value_or("");
+  if (key.empty()) key = config.rdKey();
+  registry.update(std::move(extras), std::move(key));
+}
+
+void syncStreamProviders(const AppConfig& config) { syncStreamProviders(config, StreamProviderRegistry::shared()); }
+
+}  // namespace vt

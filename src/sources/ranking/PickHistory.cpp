@@ -1,0 +1,77 @@
+#include "sources/ranking/PickHistory.h"
+
+#include <charconv>
+#include <limits>
+
+#include "platform/Json.h"
+#include "platform/Settings.h"
+#include "sources/release/ReleaseParser.h"
+
+namespace vt {
+
+PickHistory::PickHistory(SettingsStore& store) : store_(store) {}
+
+ChosenGroups PickHistory::readMap(const SettingsStore& store, const char* key) {
+  ChosenGroups out;
+  auto text = store.string(key);
+  if (!text) text = store.data(key);
+  if (!text) return out;
+  const auto j = json::parse(*text);
+  if (!j || !j->is_object()) return out;
+  for (const auto& [name, value] : j->items()) {
+    if (value.is_number_unsigned())
+      out[name] = static_cast<int64_t>(std::min<uint64_t>(value.get<uint64_t>(), std::numeric_limits<int64_t>::max()));
+    else if (value.is_number_integer())
+      out[name] = value.get<int64_t>();
+  }
+  return out;
+}
+
+void PickHistory::increment(const char* key, const std::string& entry) {
+  std::lock_guard guard(lock_);
+  auto map = readMap(store_, key);
+  auto& count = map[entry];
+  if (count < std::numeric_limits<int64_t>::max()) ++count;
+  Json j = Json::object();
+  for (const auto& [name, value] : map) j[name] = value;
+  store_.setString(key, json::encode(j));
+}
+
+void PickHistory::recordPick(std::string_view filename) {
+  const auto group = ReleaseParser::parse(filename).group;
+  if (!group || group->empty()) return;
+  increment(kGroupsKey, upperGroup(*group));
+}
+
+void PickHistory::recordCell(std::string_view resolution, int band) {
+  increment(kCellsKey, std::string(resolution) + "|" + std::to_string(band));
+}
+
+std::optional<PickHistory::Cell> PickHistory::usualCell() const {
+  std::optional<Cell> best;
+  int64_t bestCount = 1;
+  for (const auto& [key, count] : cells()) {
+    if (count <= bestCount) continue;
+    const auto bar = key.rfind('|');
+    if (bar == std::string::npos) continue;
+    Cell cell{key.substr(0, bar), 0};
+    const auto digits = std::string_view(key).substr(bar + 1);
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), cell.band);
+    if (error != std::errc() || end != digits.data() + digits.size()) continue;
+    best = std::move(cell);
+    bestCount = count;
+  }
+  return best;
+}
+
+ChosenGroups PickHistory::chosenGroups() const {
+  std::lock_guard guard(lock_);
+  return readMap(store_, kGroupsKey);
+}
+
+ChosenGroups PickHistory::cells() const {
+  std::lock_guard guard(lock_);
+  return readMap(store_, kCellsKey);
+}
+
+}  // namespace vt

@@ -1,0 +1,261 @@
+#include <gtest/gtest.h>
+
+#include <QProcess>
+#include <filesystem>
+#include <random>
+#include <sstream>
+
+#include "cli/Cli.h"
+#include "cli/Verbs.h"
+#include "platform/Settings.h"
+#include "sources/ranking/PickHistory.h"
+#include "support/TestKit.h"
+
+using namespace vt;
+using namespace vt::cli;
+
+namespace {
+
+struct Captured {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+Captured runCli(const std::vector<std::string>& args, const std::string& input = "",
+                const std::vector<Verb>& table = verbs()) {
+  std::istringstream in(input);
+  std::ostringstream out, err;
+  Io io{in, out, err};
+  Captured c;
+  c.status = run(args, io, table);
+  c.out = out.str();
+  c.err = err.str();
+  return c;
+}
+
+std::vector<Json> jsonLines(const std::string& text) {
+  std::vector<Json> out;
+  std::istringstream s(text);
+  for (std::string line; std::getline(s, line);) out.push_back(*json::parse(line));
+  return out;
+}
+
+std::vector<std::string> keys(const Json& row) {
+  std::vector<std::string> out;
+  for (const auto& [k, v] : row.items()) out.push_back(k);
+  return out;
+}
+
+const std::string kRows =
+    R"({"filename":"Film.2020.2160p.UHD.BluRay.REMUX.HDR.HEVC-FGT","size":"60 GB","isCached":true,"seeders":12})"
+    "\n"
+    R"({"filename":"Film.2020.1080p.BluRay.x264-SPARKS.mkv","size":"6.3 GB","isCached":true,"seeders":120,"note":"kept","score":"old"})"
+    "\n"
+    R"({"filename":"Film.2020.720p.WEB.x265-FGT","size":"1.4 GB","seeders":-4})"
+    "\n"
+    R"({"isCached":true,"seeders":1e3,"size":"unknown","filename":"Film.2020.720p.WEB.x265-FGT.mkv"})"
+    "\n";
+
+}  // namespace
+
+TEST(Cli, VerbTableParsingAndErrors) {
+  Arguments seen;
+  const std::vector<Verb> table = {{"demo",
+                                    "a demo verb",
+                                    "Does nothing.",
+                                    {{"--level", "LEVEL", "a level"}, {"--all", "", "everything"}},
+                                    [&](const Arguments& a, Io&) {
+                                      seen = a;
+                                      return 7;
+                                    }}};
+  auto c = runCli({"--help"}, "", table);
+  EXPECT_EQ(c.status, 0);
+  EXPECT_NE(c.out.find("demo  a demo verb"), std::string::npos) << c.out;
+
+  c = runCli({}, "", table);
+  EXPECT_EQ(c.status, kUsageError);
+  EXPECT_NE(c.err.find("Verbs:"), std::string::npos);
+
+  c = runCli({"nope"}, "", table);
+  EXPECT_EQ(c.status, kUsageError);
+  EXPECT_EQ(c.err, "vantory-cli: unknown verb \"nope\"\nRun \"vantory-cli --help\" for the list of verbs.\n");
+
+  c = runCli({"demo", "--levle", "x"}, "", table);
+  EXPECT_EQ(c.status, kUsageError);
+  EXPECT_EQ(c.err, "vantory-cli demo: unknown flag --levle\nRun \"vantory-cli demo --help\" for its flags.\n");
+  EXPECT_EQ(runCli({"demo", "--level"}, "", table).status, kUsageError);
+  EXPECT_EQ(runCli({"demo", "--all=yes"}, "", table).status, kUsageError);
+  EXPECT_EQ(runCli({"demo", "stray"}, "", table).status, kUsageError);
+  EXPECT_EQ(runCli({"demo", "--home"}, "", table).status, kUsageError);
+  EXPECT_EQ(runCli({"demo", "--home="}, "", table).status, kUsageError);
+
+  c = runCli({"demo", "--help"}, "", table);
+  EXPECT_EQ(c.status, 0);
+  for (const auto* part :
+       {"Usage: vantory-cli demo [flags]", "Does nothing.", "--level LEVEL", "--all", "--home DIR", "--help"})
+    EXPECT_NE(c.out.find(part), std::string::npos) << part << " in\n" << c.out;
+
+  c = runCli({"demo", "--level=high", "--home", "/tmp/h", "--all"}, "", table);
+  EXPECT_EQ(c.status, 7);
+  EXPECT_EQ(seen.value("--level"), "high");
+  EXPECT_EQ(seen.home, "/tmp/h");
+  EXPECT_TRUE(seen.has("--all"));
+
+  // The real table lists its verbs.
+  c = runCli({"--help"});
+  EXPECT_NE(c.out.find("release"), std::string::npos);
+  EXPECT_NE(c.out.find("rank"), std::string::npos);
+  EXPECT_EQ(runCli({"rank", "--level", "ultra"}).status, kUsageError);
+  EXPECT_EQ(runCli({"rank", "--runtime", "90m"}).status, kUsageError);
+  EXPECT_EQ(runCli({"rank", "--runtime", "99999999999"}).status, kUsageError);
+}
+
+TEST(Cli, ReleasePrintsWhatTheParserFinds) {
+  const auto c = runCli({"release"}, "Film.2020.1080p.BluRay.x264-SPARKS.mkv\r\n\nОдин.2019.WEB\n");
+  EXPECT_EQ(c.status, 0);
+  EXPECT_EQ(c.out, releaseInfoJson(ReleaseParser::parseUncached("Film.2020.1080p.BluRay.x264-SPARKS.mkv")) + "\n" +
+                       releaseInfoJson(ReleaseParser::parseUncached("")) + "\n" +
+                       releaseInfoJson(ReleaseParser::parseUncached("Один.2019.WEB")) + "\n");
+}
+
+TEST(Cli, RankKeepsTheRowsOwnKeysAndAddsItsVerdict) {
+  auto c = runCli({"rank", "--level", "best", "--runtime", "120"}, kRows + "not json\n[1]\n\n");
+  EXPECT_EQ(c.status, 0);
+  EXPECT_EQ(c.err,
+            "vantory-cli rank: line 5 skipped: not JSON\n"
+            "vantory-cli rank: line 6 skipped: not a JSON object\n");
+  auto rows = jsonLines(c.out);
+  ASSERT_EQ(rows.size(), 3u) << c.out << "(the row without isCached counts as uncached)";
+  EXPECT_EQ(rows[0]["filename"], "Film.2020.2160p.UHD.BluRay.REMUX.HDR.HEVC-FGT");
+  EXPECT_EQ(rows[1]["filename"], "Film.2020.1080p.BluRay.x264-SPARKS.mkv");
+  EXPECT_EQ(keys(rows[1]), (std::vector<std::string>{"filename", "size", "isCached", "seeders", "note", "score",
+                                                     "efficiencyScore", "reasons"}));
+  EXPECT_EQ(rows[1]["score"], 2000 + 50 + 150 + 100 + 69);
+  EXPECT_EQ(rows[1]["efficiencyScore"], 150);
+  EXPECT_EQ(rows[1]["reasons"],
+            Json({"An efficient encode: good picture for its size", "SPARKS releases are known for consistent encodes",
+                  "Popular: 120 people share it"}));
+  EXPECT_EQ(keys(rows[2]), (std::vector<std::string>{"isCached", "seeders", "size", "filename", "score",
+                                                     "efficiencyScore", "reasons"}));
+  EXPECT_EQ(rows[2]["seeders"], 1000.0);
+  EXPECT_EQ(rows[2]["score"], 1000 + 80);
+  EXPECT_EQ(rows[2]["efficiencyScore"], 0);
+
+  // At fast, without a runtime, the remux is far above 8 Mbps; uncached rows
+  // come back on request.
+  c = runCli({"rank", "--level=fast", "--include-uncached"}, kRows);
+  rows = jsonLines(c.out);
+  ASSERT_EQ(rows.size(), 3u) << c.out;
+  EXPECT_EQ(rows[0]["filename"], "Film.2020.1080p.BluRay.x264-SPARKS.mkv");
+  EXPECT_EQ(rows[1]["filename"], "Film.2020.720p.WEB.x265-FGT.mkv");
+  EXPECT_EQ(rows[2]["filename"], "Film.2020.720p.WEB.x265-FGT");
+  EXPECT_EQ(rows[2]["score"], 1000 + 39);
+  EXPECT_EQ(rows[2]["reasons"], Json::array());
+}
+
+TEST(Cli, RankReadsTheLevelAndThePickHistoryOfTheHome) {
+  test::TestHome home;
+  {
+    auto store = SettingsStore::openForTestHome(home.path());
+    store->setInteger("quality", static_cast<int64_t>(QualityLevel::fast));
+    PickHistory history(*store);
+    for (int i = 0; i < 7; ++i) history.recordPick("Other.2011.1080p.WEB.x265-fgt");
+  }
+  const auto c = runCli({"rank", "--home", home.path()}, kRows);
+  EXPECT_EQ(c.status, 0);
+  auto rows = jsonLines(c.out);
+  ASSERT_EQ(rows.size(), 2u) << c.out << "fast drops the remux";
+  EXPECT_EQ(rows[1]["filename"], "Film.2020.720p.WEB.x265-FGT.mkv");
+  EXPECT_EQ(rows[1]["score"], 1000 + 80 + 150);
+  EXPECT_EQ(rows[1]["reasons"], Json({"A group you've chosen 7 times", "Popular: 1000 people share it"}));
+
+  // --level wins over the setting.
+  rows = jsonLines(runCli({"rank", "--home", home.path(), "--level", "best"}, kRows).out);
+  EXPECT_EQ(rows.size(), 3u);
+
+  // A folder the application never opened has no settings, and stays untouched.
+  test::TestHome other;
+  const auto before = std::filesystem::exists(other.file("settings.ini"));
+  rows = jsonLines(runCli({"rank", "--home", other.path()}, kRows).out);
+  ASSERT_EQ(rows.size(), 2u) << "balanced drops the remux";
+  EXPECT_EQ(rows[1]["reasons"], Json({"Popular: 1000 people share it"}));
+  EXPECT_EQ(std::filesystem::exists(other.file("settings.ini")), before);
+  EXPECT_FALSE(std::filesystem::exists(other.file(".settings-owned")));
+  rows = jsonLines(runCli({"rank", "--home", other.file("missing/deeper")}, kRows).out);
+  EXPECT_EQ(rows.size(), 2u);
+  EXPECT_FALSE(std::filesystem::exists(other.file("missing")));
+}
+
+TEST(Cli, RankSurvivesFuzzedInput) {
+  std::mt19937 rng(1616);
+  const std::vector<std::string> pieces = {R"({"filename":")",
+                                           R"(","size":")",
+                                           R"(","isCached":true,"seeders":)",
+                                           "}",
+                                           "Film.2020.1080p.x265-FGT",
+                                           "GB",
+                                           "1,4",
+                                           "unknown",
+                                           "1e999",
+                                           "-99999999999999999999",
+                                           "18446744073709551615",
+                                           "null",
+                                           R"(\u0000)",
+                                           R"(\ud800)",
+                                           "\xc3\x28",
+                                           "\xff",
+                                           "\n",
+                                           "{",
+                                           "[",
+                                           "\"",
+                                           ",",
+                                           ":",
+                                           "0.5",
+                                           "true"};
+  for (int round = 0; round < 40; ++round) {
+    std::string input;
+    const int lines = static_cast<int>(rng() % 30);
+    for (int l = 0; l < lines; ++l) {
+      if (rng() % 3 == 0) {
+        input += R"({"filename":"Film.2020.)" + std::to_string(rng() % 3000) + R"(p.x264-G","size":")" +
+                 std::to_string(rng()) + (rng() % 2 ? " GB" : " MB") + R"(","isCached":)" +
+                 (rng() % 2 ? "true" : "false") + R"(,"seeders":)" + std::to_string(static_cast<int32_t>(rng())) +
+                 "}\n";
+      } else {
+        const int n = static_cast<int>(rng() % 12);
+        for (int i = 0; i < n; ++i) input += pieces[rng() % pieces.size()];
+      }
+      input += '\n';
+    }
+    const char* levels[] = {"fast", "balanced", "high", "best"};
+    const auto c = runCli({"rank", "--level", levels[rng() % 4], "--include-uncached"}, input);
+    EXPECT_EQ(c.status, 0);
+    for (const auto& row : jsonLines(c.out)) {
+      ASSERT_TRUE(row.contains("score"));
+      EXPECT_GE(row["efficiencyScore"].get<int>(), 0);
+      EXPECT_LE(row["efficiencyScore"].get<int>(), 150);
+    }
+  }
+}
+
+TEST(Cli, TheBuiltToolRanksFromStandardInput) {
+  QProcess tool;
+  tool.start(VT_CLI_BINARY, {"rank", "--level", "best", "--runtime", "120"});
+  ASSERT_TRUE(tool.waitForStarted(5000));
+  tool.write(QByteArray::fromStdString(kRows + "oops\n"));
+  tool.closeWriteChannel();
+  ASSERT_TRUE(tool.waitForFinished(10000));
+  EXPECT_EQ(tool.exitStatus(), QProcess::NormalExit);
+  EXPECT_EQ(tool.exitCode(), 0);
+  const auto rows = jsonLines(tool.readAllStandardOutput().toStdString());
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_EQ(rows[0]["filename"], "Film.2020.2160p.UHD.BluRay.REMUX.HDR.HEVC-FGT");
+  EXPECT_EQ(tool.readAllStandardError().toStdString(), "vantory-cli rank: line 5 skipped: not JSON\n");
+
+  QProcess wrong;
+  wrong.start(VT_CLI_BINARY, {"rnak"});
+  ASSERT_TRUE(wrong.waitForFinished(10000));
+  EXPECT_EQ(wrong.exitCode(), kUsageError);
+  EXPECT_NE(wrong.readAllStandardError().toStdString().find("vantory-cli --help"), std::string::npos);
+}

@@ -1,0 +1,75 @@
+#pragma once
+
+// vantory-cli: one tool, a verb per job. Each verb is a row of the verb table
+// with its flags and a function that does the work on the streams it is
+// given, so the work can be tested without a process.
+#include <functional>
+#include <iosfwd>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace vt {
+class SettingsStore;
+}
+
+namespace vt::cli {
+
+inline constexpr const char* kToolName = "vantory-cli";
+// Exit status of a command line that can't be understood.
+inline constexpr int kUsageError = 2;
+
+struct Io {
+  std::istream& in;
+  std::ostream& out;
+  std::ostream& err;
+};
+
+struct Flag {
+  std::string name;       // "--level"
+  std::string valueName;  // "LEVEL"; empty for a switch
+  std::string help;
+};
+
+// What the command line gave a verb. --home is common to every verb.
+struct Arguments {
+  std::optional<std::string> home;
+  std::map<std::string, std::string> values;
+  std::set<std::string> switches;
+
+  bool has(const std::string& flag) const { return switches.count(flag) || values.count(flag); }
+  std::optional<std::string> value(const std::string& flag) const;
+};
+
+struct Verb {
+  std::string name;
+  std::string summary;      // one line for the verb list
+  std::string description;  // the body of the verb's --help
+  std::vector<Flag> flags;  // besides --home and --help
+  std::function<int(const Arguments&, Io&)> run;
+};
+
+// Every verb the tool has, in the order --help lists them.
+const std::vector<Verb>& verbs();
+
+// Runs a command line (without the program name) against a verb table.
+int run(const std::vector<std::string>& args, Io& io, const std::vector<Verb>& table = verbs());
+
+// The help texts.
+std::string toolHelp(const std::vector<Verb>& table);
+std::string verbHelp(const Verb& verb);
+
+// Reports a usage error of a verb with a hint and gives the exit status.
+int usageError(Io& io, const std::string& verb, const std::string& message);
+
+// The settings of a home folder (the folder VT_UITEST_HOME names). For
+// reading, a home the application never opened counts as empty settings and
+// nothing is created: none. For writing, the store is opened the way the
+// application opens a test home.
+enum class HomeAccess { read, write };
+std::unique_ptr<SettingsStore> openHomeSettings(const std::string& home, HomeAccess access);
+
+}  // namespace vt::cli

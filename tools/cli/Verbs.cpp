@@ -1,0 +1,11 @@
+#include "cli/Verbs.h"
+
+namespace vt::cli {
+
+const std::vector<Verb>& verbs() {
+  // New verbs plug in here.
+  static const std::vector<Verb> table = {releaseVerb(), rankVerb()};
+  return table;
+}
+
+}  // namespace vt::cli

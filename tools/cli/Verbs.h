@@ -1,0 +1,42 @@
+#pragma once
+
+// The work of each verb, callable without a process.
+#include <iosfwd>
+#include <optional>
+#include <string>
+
+#include "cli/Cli.h"
+#include "platform/Json.h"
+#include "sources/StreamCandidate.h"
+#include "sources/release/Quality.h"
+
+namespace vt::cli {
+
+// release: names on `in`, one a line (a trailing "\r" dropped), and one
+// compact JSON object a line on `out` with every field the parser found.
+int releaseNames(std::istream& in, std::ostream& out);
+
+struct RankOptions {
+  std::optional<QualityLevel> level;  // none: the home's quality setting
+  std::optional<int> runtimeMinutes;
+  bool includeUncached = false;
+  std::optional<std::string> home;  // where the pick history comes from
+};
+
+// rank: candidate rows as JSON lines on `in` ("filename", "size" as the
+// add-on's text, "isCached", "seeders"); the kept rows in rank order on `out`,
+// each with its own keys in input order, then "score", "efficiencyScore" and
+// "reasons". A line that doesn't read is skipped with a message on `err`.
+int rankRows(const RankOptions& options, std::istream& in, std::ostream& out, std::ostream& err);
+
+// A row read leniently: a key of the wrong type counts as absent, a missing
+// "isCached" as false. None when the row isn't a JSON object.
+std::optional<StreamCandidate> candidateFromRow(const Json& row);
+
+std::optional<QualityLevel> qualityLevelFromName(const std::string& name);
+
+// The verb table entries.
+Verb releaseVerb();
+Verb rankVerb();
+
+}  // namespace vt::cli

@@ -12,7 +12,7 @@ namespace vt {
 class AbsentCatalog final : public CatalogPort {
  public:
   void deferRefresh(Date) override {}
-  QCoro::Task<> materialiseExisting() override { co_return; }
+  QCoro::Task<> materialiseExisting() override;
   std::vector<std::string> takeRetiredPlexGroupings() override { return {}; }
   std::set<std::string> protectedIds() const override { return {}; }
   std::vector<MaterialisedCollection> materialisedCollections() const override { return {}; }

@@ -2,7 +2,6 @@
 
 #include "core/LibraryFolders.h"
 
-#include <QPointer>
 #include <cstdio>
 
 #include "core/AppConfig.h"
@@ -21,23 +20,22 @@ BridgeViewModel::BridgeViewModel(AppConfig& config, Clock& clock, PlexAccessFact
   if (!console_) console_ = [](const std::string& line) { std::printf("%s\n", line.c_str()), std::fflush(stdout); };
 }
 
-BridgeViewModel::~BridgeViewModel() { pollJob_.cancel(); }
+BridgeViewModel::~BridgeViewModel() = default;
 
 void BridgeViewModel::startPolling() {
-  if (pollJob_.isRunning()) return;
-  QPointer<BridgeViewModel> weak(this);
-  Clock* clock = &clock_;
-  pollJob_ = Job::start([weak, clock](CancelToken token) -> QCoro::Task<> {
-    while (!token.isCancelled() && weak) {
-      co_await weak->pollOnce();
-      if (!co_await clock->sleep(kInterval, token)) break;
+  if (polling_) return;
+  polling_ = true;
+  poll_.start([this](CancelToken token) -> QCoro::Task<> {
+    while (!token.isCancelled()) {
+      co_await pollOnce(token);
+      if (token.isCancelled() || !co_await clock_.sleep(kInterval, token)) co_return;
     }
   });
 }
 
 void BridgeViewModel::stopPolling() {
-  pollJob_.cancel();
-  pollJob_ = Job();
+  polling_ = false;
+  poll_.cancelAll();
 }
 
 void BridgeViewModel::reconnect() {
@@ -48,8 +46,7 @@ void BridgeViewModel::reconnect() {
   startPolling();
 }
 
-QCoro::Task<> BridgeViewModel::pollOnce() {
-  QPointer<BridgeViewModel> self(this);
+QCoro::Task<> BridgeViewModel::pollOnce(CancelToken token) {
   if (!parseUrl(config_.pmsURLString()) || !config_.isConfigured()) {
     reachable_ = false;
     emit stateChanged();
@@ -57,13 +54,13 @@ QCoro::Task<> BridgeViewModel::pollOnce() {
   }
   const bool wasReachable = reachable_;
   std::optional<PlexProbeFailure> failure;
-  auto client = plexAccess_ ? plexAccess_() : nullptr;
+  auto client = plexAccess_ ? plexAccess_(token) : nullptr;
   if (!client) {
     failure = PlexProbeFailure{std::nullopt, "No Plex client available"};
   } else {
     failure = co_await client->probe();
   }
-  if (!self) co_return;
+  if (token.isCancelled()) co_return;
 
   if (!failure) {
     reachable_ = true;
@@ -71,7 +68,7 @@ QCoro::Task<> BridgeViewModel::pollOnce() {
     lastError_.reset();
     consecutiveFailures_ = 0;
     emit stateChanged();
-    if (!wasReachable) co_await applyPendingPlexSync();
+    if (!wasReachable) co_await applyPendingPlexSync(token);
     co_return;
   }
   reachable_ = false;
@@ -84,24 +81,23 @@ QCoro::Task<> BridgeViewModel::pollOnce() {
   }
   ++consecutiveFailures_;
   emit stateChanged();
-  co_await rediscoverIfDue();
+  co_await rediscoverIfDue(token);
 }
 
-QCoro::Task<> BridgeViewModel::applyPendingPlexSync() {
+QCoro::Task<> BridgeViewModel::applyPendingPlexSync(CancelToken token) {
   const auto path = config_.pendingPlexSyncPath();
   if (!path || config_.token().empty() || !parseUrl(config_.pmsURLString())) co_return;
-  auto client = plexAccess_ ? plexAccess_() : nullptr;
+  auto client = plexAccess_ ? plexAccess_(token) : nullptr;
   if (!client) co_return;
-  QPointer<BridgeViewModel> self(this);
   const bool ensured = co_await client->ensureMovieSection(kMovieSectionName, *path);
-  if (!self || !ensured) co_return;
+  if (token.isCancelled() || !ensured) co_return;
   const bool scanned = co_await client->refreshSection(*path);
-  if (!self || !scanned) co_return;
+  if (token.isCancelled() || !scanned) co_return;
   // Only clear the value this pass announced; a newer one waits for its turn.
   if (config_.pendingPlexSyncPath() == path) config_.setPendingPlexSyncPath(std::nullopt);
 }
 
-QCoro::Task<> BridgeViewModel::rediscoverIfDue() {
+QCoro::Task<> BridgeViewModel::rediscoverIfDue(CancelToken token) {
   if (consecutiveFailures_ < kRediscoveryThreshold) co_return;
   if (config_.token().empty() || !config_.isConfigured()) co_return;
   const Date now = clock_.now();
@@ -109,11 +105,10 @@ QCoro::Task<> BridgeViewModel::rediscoverIfDue() {
   lastRediscoveryAttempt_ = now;
   if (!discovery_) co_return;
 
-  QPointer<BridgeViewModel> self(this);
   std::optional<std::string> preferred;
   if (!config_.plexServerName().empty()) preferred = config_.plexServerName();
   const auto outcome = co_await discovery_(config_.token(), config_.clientIdentifier(), preferred);
-  if (!self) co_return;
+  if (token.isCancelled()) co_return;
   if (!outcome.server) {
     console_("[Vantory] Re-discovery failed: " + outcome.error);
     co_return;

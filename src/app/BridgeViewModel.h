@@ -40,18 +40,18 @@ class BridgeViewModel : public QObject {
 
   EnginePort* engine() const { return engine_; }
   void setEngine(EnginePort* engine) { engine_ = engine; }
-  // Where the Plex movie section lives; used to announce a pending folder.
-
   // Idempotent: does nothing while the poll runs.
   void startPolling();
   void stopPolling();
-  bool isPolling() const { return pollJob_.isRunning(); }
+  bool isPolling() const { return polling_; }
   // Cancels the poll, clears needsReauth, signs the settings out, polls again.
   void reconnect();
 
-  QCoro::Task<> pollOnce();
-  QCoro::Task<> applyPendingPlexSync();
-  QCoro::Task<> rediscoverIfDue();
+  // One poll; a cancelled token (a stop or a reconnect meanwhile) means
+  // nothing it learns is written.
+  QCoro::Task<> pollOnce(CancelToken token = CancelToken::none());
+  QCoro::Task<> applyPendingPlexSync(CancelToken token = CancelToken::none());
+  QCoro::Task<> rediscoverIfDue(CancelToken token = CancelToken::none());
 
  signals:
   void stateChanged();
@@ -67,9 +67,10 @@ class BridgeViewModel : public QObject {
   bool reachable_ = false;
   bool needsReauth_ = false;
   std::optional<std::string> lastError_;
-  Job pollJob_;
+  bool polling_ = false;
   int consecutiveFailures_ = 0;
   std::optional<Date> lastRediscoveryAttempt_;
+  JobScope poll_;  // last: the poll ends before anything else here goes
 };
 
 }  // namespace vt

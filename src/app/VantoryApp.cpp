@@ -7,14 +7,14 @@
 #include "platform/Http.h"
 #include "platform/Job.h"
 #include "platform/Log.h"
+#include "platform/Url.h"
 
 namespace vt {
 
-namespace {
-EnginePort* g_engine = nullptr;
+QCoro::Task<> AbsentCatalog::materialiseExisting() {
+  logLine("[CatalogStore] following lists is not part of this build yet; no list is followed");
+  co_return;
 }
-
-EnginePort* currentEngineSupervisor() { return g_engine; }
 
 QCoro::Task<> AbsentEngineSupervisor::start() {
   logLine("[supervisor] the engine supervision is not part of this build; nothing started");
@@ -61,16 +61,25 @@ VantoryApp::VantoryApp(AppWiring wiring)
   // in after it when their subsystems land.
   connectGate_ = std::make_unique<ConnectGate>();
   connectGate_->mustShowConnect = !config_->isConfigured();
-
-  // 11. The process-wide reference used at quit.
-  g_engine = engine_.get();
 }
 
-VantoryApp::~VantoryApp() {
-  if (g_engine == engine_.get()) g_engine = nullptr;
+VantoryApp::~VantoryApp() = default;
+
+void VantoryApp::reportWhatIsMissing() {
+  // Settings are read at start, so each hint ends with the restart.
+  if (!parseUrl(config_->pmsURLString()) || config_->token().empty())
+    logLine(
+        "[Vantory] waiting for the Plex server: set its address and token with 'vantory-cli config set "
+        "pmsURLString http://HOST:32400' and 'vantory-cli config set token TOKEN', then start Vantory again");
+  if (config_->rdKey().empty())
+    logLine(
+        "[Vantory] waiting for a Real-Debrid key: the engine starts once 'vantory-cli config set rdKey KEY' has "
+        "stored it and Vantory starts again");
 }
 
 QCoro::Task<> VantoryApp::bootstrap() {
+  reportWhatIsMissing();
+
   auto& engine = *engine_;
   auto& catalog = *catalog_;
 
@@ -83,7 +92,7 @@ QCoro::Task<> VantoryApp::bootstrap() {
   if (!retired.empty() && wiring_.plexAccess) {
     jobs_.start([this, retired](CancelToken token) -> QCoro::Task<> {
       for (const auto& title : retired) {
-        auto client = wiring_.plexAccess();
+        auto client = wiring_.plexAccess(token);
         if (!client) co_return;
         co_await client->deleteCollectionNamed(title);
         if (token.isCancelled()) co_return;

@@ -72,6 +72,9 @@ class VantoryApp {
   const AppPaths& paths() const { return wiring_.paths; }
 
  private:
+  // Says once what the application waits for and how to give it.
+  void reportWhatIsMissing();
+
   AppWiring wiring_;
   Clock& clock_;
   std::unique_ptr<SettingsStore> settings_;
@@ -85,9 +88,5 @@ class VantoryApp {
   EngineLog engineLog_;
   JobScope jobs_;  // last: its jobs end before anything else here goes
 };
-
-// The running application's engine supervisor, for the quit path; none
-// before creation has finished.
-EnginePort* currentEngineSupervisor();
 
 }  // namespace vt

@@ -2,6 +2,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <variant>
 
 #include "app/SingleInstance.h"
 #include "app/VantoryApp.h"
@@ -19,23 +21,57 @@
 
 namespace {
 
-bool hasFlag(int argc, char** argv, const char* flag) {
-  for (int i = 1; i < argc; ++i)
-    if (std::strcmp(argv[i], flag) == 0) return true;
-  return false;
+constexpr const char* kUsage =
+    "Usage: vantory [--headless]\n"
+    "Puts films and series from your catalogs into your Plex Media Server.\n"
+    "\n"
+    "  --headless   run without a window; log lines go to standard output\n"
+    "  --help       show this text and exit\n"
+    "  --version    show the version and exit\n"
+    "\n"
+    "Settings: vantory-cli config show (vantory-cli --help lists every tool).\n"
+    "Data folder: $XDG_DATA_HOME/Vantory, or the folder in VT_UITEST_HOME.\n";
+
+struct Options {
+  bool headless = false;
+};
+
+// The command line: what to do, or the exit status when it is answered here.
+std::variant<Options, int> readOptions(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--headless") {
+      options.headless = true;
+    } else if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    } else if (arg == "--version") {
+      std::printf("vantory %s\n", VT_APP_VERSION);
+      return 0;
+    } else {
+      std::fprintf(stderr, "vantory: unknown option '%s'; see 'vantory --help'\n", arg.c_str());
+      return 2;
+    }
+  }
+  return options;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  const auto parsed = readOptions(argc, argv);
+  if (const int* exitStatus = std::get_if<int>(&parsed)) return *exitStatus;
+  const Options options = std::get<Options>(parsed);
+
   QCoreApplication qapp(argc, argv);
   QCoreApplication::setApplicationName("Vantory");
 
   // Hosting unit tests: a bare event loop, nothing of the application.
   if (std::getenv("XCTestConfigurationFilePath")) return qapp.exec();
 
-  if (!hasFlag(argc, argv, "--headless")) {
-    std::fprintf(stderr, "vantory: the window is not part of this build yet; run with --headless\n");
+  if (!options.headless) {
+    std::fprintf(stderr, "vantory: the window is not part of this build yet; running headless\n");
   }
 
   // Installed before anything else: a signal during start-up is handled once

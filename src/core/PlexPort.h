@@ -10,6 +10,8 @@
 
 #include <qcoro/qcorotask.h>
 
+#include "platform/Cancellation.h"
+
 namespace vt {
 
 // A probe failure: the server's HTTP status when it answered, and the text
@@ -31,8 +33,9 @@ class PlexServerAccess {
   virtual QCoro::Task<bool> deleteCollectionNamed(std::string title) = 0;
 };
 
-// Builds a client from the current settings; none when they can't make one.
-using PlexAccessFactory = std::function<std::unique_ptr<PlexServerAccess>()>;
+// Builds a client from the current settings, whose requests end when `token`
+// is cancelled; none when the settings can't make one.
+using PlexAccessFactory = std::function<std::unique_ptr<PlexServerAccess>(CancelToken token)>;
 
 struct DiscoveredServer {
   std::string url;

@@ -213,7 +213,7 @@ QCoro::Task<Result<QByteArray, PMSError>> PMSClient::send(QByteArray method, QUr
                      {"X-Plex-Token", QByteArray::fromStdString(token_)},
                      {"X-Plex-Product", "Vantory"},
                      {"X-Plex-Client-Identifier", QByteArray::fromStdString(clientIdentifier_)}};
-  auto response = co_await http_->send(std::move(request));
+  auto response = co_await http_->send(std::move(request), cancel_);
   if (response.failure != HttpFailure::none)
     co_return Failure(PMSError{PMSError::Kind::transport, 0, response.errorText});
   if (response.status < 200 || response.status > 299)

@@ -143,6 +143,12 @@ class PMSClient {
   QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> episodeShowMap(std::string location) const;
 
   const QUrl& baseURL() const { return baseURL_; }
+  // A copy whose requests end when `token` is cancelled.
+  PMSClient cancelledBy(CancelToken token) const {
+    PMSClient c = *this;
+    c.cancel_ = std::move(token);
+    return c;
+  }
 
  private:
   QUrl urlFor(const std::string& path) const;
@@ -152,6 +158,7 @@ class PMSClient {
   QUrl baseURL_;
   std::string token_;
   std::string clientIdentifier_;
+  CancelToken cancel_;
 };
 
 // Makes Plex clients from the settings as they are at the moment of asking.

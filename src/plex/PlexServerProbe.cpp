@@ -42,10 +42,10 @@ QCoro::Task<bool> PlexServerProbe::deleteCollectionNamed(std::string title) {
 }
 
 PlexAccessFactory PlexServerProbe::factory(const PMSClientFactory& clients, std::string movieLocation) {
-  return [clients, movieLocation]() -> std::unique_ptr<PlexServerAccess> {
+  return [clients, movieLocation](CancelToken token) -> std::unique_ptr<PlexServerAccess> {
     auto client = clients.make();
     if (!client) return nullptr;
-    return std::make_unique<PlexServerProbe>(std::move(*client), movieLocation);
+    return std::make_unique<PlexServerProbe>(client->cancelledBy(std::move(token)), movieLocation);
   };
 }
 

@@ -5,6 +5,7 @@
 #include "app/BridgeViewModel.h"
 #include "core/AppConfig.h"
 #include "platform/Clock.h"
+#include "platform/Job.h"
 #include "support/TestKit.h"
 
 using namespace vt;
@@ -17,6 +18,7 @@ struct PlexScript {
   int probeCount = 0;
   std::vector<std::string> calls;
   bool sectionOk = true;
+  std::optional<Completion> probeGate;  // set: probes wait for it
 };
 
 class ScriptedPlex final : public PlexServerAccess {
@@ -24,9 +26,15 @@ class ScriptedPlex final : public PlexServerAccess {
   explicit ScriptedPlex(PlexScript& s) : s_(s) {}
   QCoro::Task<std::optional<PlexProbeFailure>> probe() override {
     ++s_.probeCount;
-    if (s_.probes.empty()) co_return std::nullopt;
-    auto r = s_.probes.front();
-    if (s_.probes.size() > 1) s_.probes.pop_front();
+    std::optional<PlexProbeFailure> r;
+    if (!s_.probes.empty()) {
+      r = s_.probes.front();
+      if (s_.probes.size() > 1) s_.probes.pop_front();
+    }
+    if (s_.probeGate) {
+      Completion gate = *s_.probeGate;
+      co_await gate;
+    }
     co_return r;
   }
   QCoro::Task<bool> ensureMovieSection(std::string name, std::string location) override {
@@ -55,7 +63,7 @@ struct Rig {
   int discoveries = 0;
   std::optional<DiscoveredServer> discovered = DiscoveredServer{"http://10.0.0.9:32400", "Den"};
   std::vector<std::string> console;
-  BridgeViewModel vm{config, clock, [this]() { return std::make_unique<ScriptedPlex>(plex); },
+  BridgeViewModel vm{config, clock, [this](CancelToken) { return std::make_unique<ScriptedPlex>(plex); },
                      [this](std::string, std::string, std::optional<std::string>) -> QCoro::Task<DiscoveryOutcome> {
                        ++discoveries;
                        DiscoveryOutcome o;
@@ -178,4 +186,29 @@ TEST(BridgeViewModel, UnconfiguredPollsSendNothingAndReconnectSignsOut) {
   EXPECT_EQ(r.config.plexUsername(), "");
   EXPECT_TRUE(r.vm.isPolling());
   EXPECT_EQ(r.clock.pendingTimers(), 1u) << "one poll loop, not two";
+}
+
+TEST(BridgeViewModel, AProbeInFlightWhenReconnectRunsWritesNothingAfterwards) {
+  Rig r;
+  r.config.setPmsURLString("http://127.0.0.1:32400");
+  r.plex.probes = {Rig::down()};
+  r.plex.probeGate.emplace();
+  r.vm.startPolling();
+  ASSERT_EQ(r.plex.probeCount, 1);
+
+  // The user reconnects while the first probe still waits on the server.
+  Completion firstGate = *r.plex.probeGate;
+  r.plex.probeGate.reset();
+  r.plex.probes = {std::nullopt};
+  r.vm.reconnect();
+  r.config.setToken("tok");
+  r.clock.advance(3);
+  ASSERT_TRUE(r.vm.reachable());
+
+  // The old probe's failure arrives late and must not overwrite the new state.
+  firstGate.fire();
+  test::settle(10);
+  EXPECT_TRUE(r.vm.reachable());
+  EXPECT_EQ(r.vm.lastError(), std::nullopt);
+  EXPECT_EQ(r.vm.consecutiveFailures(), 0);
 }

@@ -3,8 +3,11 @@
 #include <QProcess>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 
+#include "core/AppConfig.h"
 #include "platform/Json.h"
+#include "platform/Settings.h"
 #include "platform/SerialFileWriter.h"
 #include "support/TestKit.h"
 
@@ -63,4 +66,81 @@ TEST(Headless, AUnitTestHostCreatesNothing) {
   vantory.waitForFinished(5000);
   EXPECT_FALSE(std::filesystem::exists(home.file("settings.ini")));
   EXPECT_FALSE(std::filesystem::exists(home.file(".settings-owned")));
+}
+
+namespace {
+
+// Runs the binary with `arguments` under `home` until it exits or `done`
+// holds for its output; then ends it with SIGTERM. Returns the output.
+std::string runHeadless(const std::string& home, const QStringList& arguments,
+                        const std::function<bool(const std::string&)>& done, int* exitCode = nullptr) {
+  QProcess vantory;
+  auto env = QProcessEnvironment::systemEnvironment();
+  env.insert("VT_UITEST_HOME", QString::fromStdString(home));
+  env.remove("XCTestConfigurationFilePath");
+  vantory.setProcessEnvironment(env);
+  vantory.setProcessChannelMode(QProcess::MergedChannels);
+  vantory.start(VT_VANTORY_BINARY, arguments);
+  if (!vantory.waitForStarted(5000)) return "did not start";
+  std::string output;
+  test::spinUntil(
+      [&] {
+        output += vantory.readAll().toStdString();
+        return vantory.state() == QProcess::NotRunning || done(output);
+      },
+      20000);
+  if (vantory.state() != QProcess::NotRunning) {
+    ::kill(static_cast<pid_t>(vantory.processId()), SIGTERM);
+    vantory.waitForFinished(10000);
+  }
+  output += vantory.readAll().toStdString();
+  if (exitCode) *exitCode = vantory.exitStatus() == QProcess::NormalExit ? vantory.exitCode() : -1;
+  return output;
+}
+
+bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+}  // namespace
+
+TEST(Headless, TellsWhatItWaitsForAndShowsTheSupervisorsLinesOnStandardOutput) {
+  test::TestHome home;
+  // Nothing configured: it says what it waits for, once each.
+  auto first = runHeadless(home.path(), {"--headless"}, [](const std::string& out) {
+    return has(out, "waiting for a Real-Debrid key");
+  });
+  EXPECT_TRUE(has(first, "[Vantory] waiting for the Plex server")) << first;
+  EXPECT_TRUE(has(first, "vantory-cli config set rdKey KEY")) << first;
+
+  // Configured: the engine's start shows on standard output, as in the log file.
+  {
+    auto store = SettingsStore::openForTestHome(home.path());
+    AppConfig config(*store);
+    config.setPmsURLString("http://127.0.0.1:" + std::to_string(test::freePort()));
+    config.setToken("plex-token");
+    config.setRdKey("rd-key-headless");
+    config.setControlURLString("http://127.0.0.1:" + std::to_string(test::freePort()));
+  }
+  auto second = runHeadless(home.path(), {"--headless"}, [](const std::string& out) {
+    return has(out, "[supervisor] ready") || has(out, "[supervisor] start failed");
+  });
+  EXPECT_TRUE(has(second, "[supervisor] launched engine (pid ")) << second;
+  EXPECT_FALSE(has(second, "waiting for a Real-Debrid key")) << second;
+  EXPECT_FALSE(has(second, "rd-key-headless")) << "the key never reaches the output";
+  const auto logFile = readFile(home.file("logs/vantory.log")).value_or("");
+  EXPECT_TRUE(has(logFile, "[supervisor] launched engine (pid ")) << logFile;
+}
+
+TEST(Headless, HelpAndVersionAnswerAndUnknownFlagsAreRefused) {
+  test::TestHome home;
+  int code = -1;
+  auto help = runHeadless(home.path(), {"--help"}, [](const std::string&) { return false; }, &code);
+  EXPECT_EQ(code, 0);
+  EXPECT_TRUE(has(help, "Usage: vantory")) << help;
+  auto version = runHeadless(home.path(), {"--version"}, [](const std::string&) { return false; }, &code);
+  EXPECT_EQ(code, 0);
+  EXPECT_TRUE(has(version, "vantory ")) << version;
+  auto bogus = runHeadless(home.path(), {"--bogus"}, [](const std::string&) { return false; }, &code);
+  EXPECT_NE(code, 0);
+  EXPECT_TRUE(has(bogus, "unknown option '--bogus'; see 'vantory --help'")) << bogus;
+  EXPECT_FALSE(std::filesystem::exists(home.file("settings.ini"))) << "nothing started";
 }

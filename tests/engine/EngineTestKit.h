@@ -13,13 +13,6 @@
 
 namespace vt::test {
 
-// A free TCP port on 127.0.0.1 (bound, read and released).
-inline quint16 freePort() {
-  QTcpServer s;
-  s.listen(QHostAddress::LocalHost, 0);
-  return s.serverPort();
-}
-
 // The real vtnfs executable on free loopback ports, for tests.
 class VtnfsProcess {
  public:

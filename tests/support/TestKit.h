@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QCoreApplication>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <chrono>
 #include <functional>
@@ -39,5 +40,12 @@ bool spinUntil(const std::function<bool()>& done, int limitMs = 5000);
 
 // Spins the event loop for a short while so posted work can run.
 void settle(int ms = 10);
+
+// A free TCP port on 127.0.0.1 (bound, read and released).
+inline quint16 freePort() {
+  QTcpServer s;
+  s.listen(QHostAddress::LocalHost, 0);
+  return s.serverPort();
+}
 
 }  // namespace vt::test

@@ -15,6 +15,7 @@ struct EngineError {
     launchFailed,   // the process did not start; `detail` says why
     tooSlow,        // it never answered its health check
     mountFailed,    // the library folder could not be connected
+    manifestWriteFailed,  // the manifest could not be written; `detail` says why
     stopped,        // a stop or the owner's end interrupted the start
   };
   Kind kind = Kind::launchFailed;

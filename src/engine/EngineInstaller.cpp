@@ -20,6 +20,8 @@ std::string message(const EngineError& e) {
       return "Vantory didn't start in time. Try quitting and reopening the app.";
     case EngineError::Kind::mountFailed:
       return "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.";
+    case EngineError::Kind::manifestWriteFailed:
+      return "Couldn't write the engine's manifest: " + e.detail;
     case EngineError::Kind::stopped:
       return "stopped while starting";
   }

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QProcess>
 
+#include "platform/Background.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
 #include "platform/ProcessTable.h"
@@ -65,6 +66,13 @@ QCoro::Task<Result<int, EngineError>> EngineInstance::launch(std::string program
                          QString::fromStdString(paths.controlAddress), "-mount",
                          QString::fromStdString(paths.mountPoint), "-log", QString::fromStdString(paths.logFile)});
 
+  // Each launch writes a fresh engine log; the last one is kept beside it.
+  // The tail starts at its beginning, so nothing old is shown as new.
+  const QString logPath = QString::fromStdString(paths.logFile);
+  QFile::remove(logPath + ".1");
+  QFile::rename(logPath, logPath + ".1");
+  ctx_.settings->setInteger(logOffsetKey(), 0);
+
   // Started or failed to start: whichever Qt reports first, without blocking.
   Completion settled;
   bool failedToStart = false;
@@ -94,10 +102,11 @@ QCoro::Task<Result<int, EngineError>> EngineInstance::launch(std::string program
   // Queued: the handler runs on a later turn, never inside QProcess's own signal.
   QObject::connect(
       process, &QProcess::finished, this,
-      [this, process, pid](int code, QProcess::ExitStatus status) {
+      [this, process, pid](int code, QProcess::ExitStatus) {
+        // For a process a signal ended, Qt reports the signal's number.
         const bool current = process_ == nullptr || process_ == process;
         process->deleteLater();
-        if (current && ctx_.onExit) ctx_.onExit(*this, status == QProcess::NormalExit ? code : -1, pid);
+        if (current && ctx_.onExit) ctx_.onExit(*this, code, pid);
       },
       Qt::QueuedConnection);
   process_ = process;
@@ -171,33 +180,70 @@ void EngineInstance::startLogTail(uint64_t offset) {
   logTail_.start([this](CancelToken token) -> QCoro::Task<> {
     for (;;) {
       if (token.isCancelled()) co_return;
-      readLogTail();
-      if (!co_await ctx_.clock->sleep(kLogTailPeriod, token)) co_return;
+      co_await readLogTail(token);
+      if (token.isCancelled() || !co_await ctx_.clock->sleep(kLogTailPeriod, token)) co_return;
     }
   });
 }
 
-void EngineInstance::readLogTail() {
-  QFile file(QString::fromStdString(paths.logFile));
-  if (!file.open(QIODevice::ReadOnly)) return;
+namespace {
+
+struct LogPiece {
+  bool replaced = false;  // the file is shorter than what was read: start over
+  QByteArray bytes;
+};
+
+// At most `limit` bytes of the file from `from`, read off the main thread.
+LogPiece readLogPiece(const std::string& path, uint64_t from, uint64_t limit) {
+  LogPiece piece;
+  QFile file(QString::fromStdString(path));
+  if (!file.open(QIODevice::ReadOnly)) return piece;
   const auto size = static_cast<uint64_t>(file.size());
+  if (size < from) {
+    piece.replaced = true;
+    from = 0;
+  }
+  if (size == from) return piece;
+  file.seek(static_cast<qint64>(from));
+  piece.bytes = file.read(static_cast<qint64>(std::min(size - from, limit)));
+  return piece;
+}
+
+// The engine stamps its own lines "yyyy-MM-dd HH:mm:ss "; ours get a stamp
+// of their own, so the engine's goes.
+std::string_view withoutStamp(std::string_view line) {
+  static constexpr std::string_view shape = "dddd-dd-dd dd:dd:dd ";
+  if (line.size() < shape.size()) return line;
+  for (size_t i = 0; i < shape.size(); ++i) {
+    const char c = line[i];
+    if (shape[i] == 'd' ? (c < '0' || c > '9') : c != shape[i]) return line;
+  }
+  return line.substr(shape.size());
+}
+
+}  // namespace
+
+QCoro::Task<> EngineInstance::readLogTail(CancelToken token) {
+  // Whole lines are handed on; a partial last line waits in the buffer.
   uint64_t readFrom = logOffset_ + logBuffer_.size();
-  if (size < logOffset_ || size < readFrom) {  // the file was replaced or cut
+  auto read = [path = paths.logFile, readFrom] { return readLogPiece(path, readFrom, kLogTailPiece); };
+  const LogPiece piece = co_await runInBackground(std::move(read));
+  if (token.isCancelled()) co_return;
+  if (piece.replaced) {
     logOffset_ = 0;
     logBuffer_.clear();
-    readFrom = 0;
   }
-  if (size == readFrom) return;
-  file.seek(static_cast<qint64>(readFrom));
-  const QByteArray bytes = file.read(static_cast<qint64>(size - readFrom));
-  logBuffer_.append(bytes.constData(), static_cast<size_t>(bytes.size()));
+  if (piece.bytes.isEmpty()) co_return;
+  logBuffer_.append(piece.bytes.constData(), static_cast<size_t>(piece.bytes.size()));
+  // A line longer than a piece is handed on as it stands.
+  if (logBuffer_.find('\n') == std::string::npos && logBuffer_.size() >= kLogTailPiece) logBuffer_.push_back('\n');
   const std::string prefix = kind() == EngineKind::movie ? "" : "[tv] ";
   size_t start = 0;
   for (size_t nl; (nl = logBuffer_.find('\n', start)) != std::string::npos; start = nl + 1) {
     // Invalid UTF-8 is repaired on the way through QString.
     const std::string line =
         QString::fromUtf8(logBuffer_.data() + start, static_cast<qsizetype>(nl - start)).toStdString();
-    ctx_.log(prefix + line);
+    ctx_.log(prefix + std::string(withoutStamp(line)));
   }
   if (start > 0) {
     logOffset_ += start;

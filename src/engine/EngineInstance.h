@@ -36,6 +36,7 @@ class EngineInstance : public QObject, public EngineInstanceState {
  public:
   static constexpr double kStableSeconds = 30;
   static constexpr double kLogTailPeriod = 0.5;
+  static constexpr uint64_t kLogTailPiece = 256 * 1024;
 
   struct Context {
     Clock* clock = nullptr;
@@ -89,7 +90,7 @@ class EngineInstance : public QObject, public EngineInstanceState {
  private:
   void watchAdopted(int pid);
   void clearExitWatch();
-  void readLogTail();
+  QCoro::Task<> readLogTail(CancelToken token);
 
   Context ctx_;
   MountKeeper mount_;

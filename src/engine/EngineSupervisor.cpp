@@ -6,6 +6,8 @@
 #include <QDir>
 #include <QFile>
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "core/AppConfig.h"
 #include "core/LibraryFolders.h"
@@ -279,11 +281,8 @@ QCoro::Task<> EngineSupervisor::startInstance(EngineInstance& instance, std::vec
   const EngineResult steps = co_await startSteps(instance, std::move(entries), token);
   if (token.isCancelled()) co_return;
   if (!steps) {
-    // A stop during the start explains the failure: that is an abandonment.
-    if (instance.generation != generation) {
-      co_await abandon();
-      co_return;
-    }
+    // A step that failed takes the error path even when a stop came
+    // meanwhile; only a start that a stop interrupted is abandoned.
     const std::string text = message(steps.error());
     if (isMovie) setLastError(text);
     log(instance.label() + " start failed: " + text);
@@ -315,7 +314,11 @@ QCoro::Task<EngineResult> EngineSupervisor::startSteps(EngineInstance& instance,
   if (token.isCancelled()) co_return Failure(stopped());
   if (auto installed = installEngine(env_.dataDirectory, env_.bundledEngine); !installed) co_return installed;
 
-  writeFileAtomically(instance.paths.configURL, encodeEngineConfig(entries));
+  // Nothing may claim a manifest the engine does not have.
+  instance.lastConfigFingerprint.reset();
+  instance.lastVisibleConfigFingerprint.reset();
+  if (!writeFileAtomically(instance.paths.configURL, encodeEngineConfig(entries)))
+    co_return Failure(EngineError{EngineError::Kind::manifestWriteFailed, std::strerror(errno)});
   const auto prints = fingerprints(entries);
   instance.lastConfigFingerprint = prints.all;
   instance.lastVisibleConfigFingerprint = prints.visible;
@@ -390,7 +393,8 @@ void EngineSupervisor::handleExit(EngineInstance& instance, int status, int pid)
   if (instance.restartAttempts >= kMaxRestarts) {
     setState(instance, EngineState::failed);
     stuck_.insert(instance.kind());
-    setLastError(std::string(kGaveUp));
+    // Only the film engine's texts stand in lastError.
+    if (&instance == movie_.get()) setLastError(std::string(kGaveUp));
     log(instance.label() + " engine exited unexpectedly (status " + statusText + "); giving up after 5 attempts");
     return;
   }

@@ -31,6 +31,10 @@ class RecordingMounter : public LibraryMounter {
  public:
   QCoro::Task<MountResult> mount(int port, std::string folder, CancelToken) override {
     mounts.push_back(folder + ":" + std::to_string(port));
+    if (mountGate) {
+      Completion gate = *mountGate;
+      co_await gate;
+    }
     if (mountStatus == 0) co_return MountResult();
     co_return Failure(MountError{MountError::Kind::failed, "mount: permission denied"});
   }
@@ -44,6 +48,7 @@ class RecordingMounter : public LibraryMounter {
   }
   std::vector<std::string> mounts, unmounts;
   int mountStatus = 0;
+  std::optional<Completion> mountGate;  // set: mounts wait for it
 };
 
 // Turns the event loop and moves virtual time on in `step`s until `done`.
@@ -191,7 +196,7 @@ TEST_F(EngineSupervisorTest, ACrashLoopBacksOffTwoToThirtyTwoSecondsThenGivesUp)
     EXPECT_GE(*restart - waits[i].first, delays[i] - 1e-9) << i;
     EXPECT_LT(*restart - waits[i].first, delays[i] + 0.15) << i;
   }
-  EXPECT_NE(waits[0].second.find("[supervisor] engine exited unexpectedly (status -1)"), std::string::npos)
+  EXPECT_NE(waits[0].second.find("[supervisor] engine exited unexpectedly (status 9)"), std::string::npos)
       << waits[0].second;
   // Each unexpected exit disconnects the folder.
   EXPECT_EQ(app.linesWith("disconnected library folder after unexpected exit").size(), 6u);
@@ -286,14 +291,50 @@ TEST_F(EngineSupervisorTest, ANewApplicationProcessAdoptsTheRunningEngineAndRepl
 TEST_F(EngineSupervisorTest, AStopDuringAStartEndsItWithoutRunning) {
   App& app = standardApp();
   auto& sup = *app.supervisor;
+  // The stop comes while the folder is being connected, and no step fails.
+  mounter.mountGate.emplace();
   auto start = Job::start([&](CancelToken) { return sup.start(); });
-  ASSERT_TRUE(drive(clock, [&] { return !app.linesWith("launched engine").empty(); }));
-  Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+  ASSERT_TRUE(drive(clock, [&] { return !mounter.mounts.empty(); }));
+  auto stop = Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+  ASSERT_TRUE(drive(clock, [&] { return !stop.isRunning(); }));
+  mounter.mountGate->fire();
   ASSERT_TRUE(drive(clock, [&] { return !start.isRunning(); }));
   EXPECT_FALSE(app.everRunning());
   EXPECT_EQ(sup.state(), EngineState::stopped);
   EXPECT_EQ(app.linesWith("[supervisor] start abandoned — stopped while starting").size(), 1u);
+  EXPECT_TRUE(app.linesWith("start failed").empty());
   EXPECT_EQ(sup.lastError(), std::nullopt);
+}
+
+TEST_F(EngineSupervisorTest, AStepThatFailsAfterAStopTakesTheErrorPath) {
+  App& app = standardApp();
+  auto& sup = *app.supervisor;
+  // The mount fails after a stop came: that failure is reported, not hidden
+  // as an abandonment.
+  mounter.mountGate.emplace();
+  mounter.mountStatus = 32;
+  auto start = Job::start([&](CancelToken) { return sup.start(); });
+  ASSERT_TRUE(drive(clock, [&] { return !mounter.mounts.empty(); }));
+  auto stop = Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+  ASSERT_TRUE(drive(clock, [&] { return !stop.isRunning(); }));
+  mounter.mountGate->fire();
+  ASSERT_TRUE(drive(clock, [&] { return !start.isRunning(); }));
+  EXPECT_EQ(sup.state(), EngineState::failed);
+  EXPECT_EQ(app.linesWith("[supervisor] start failed: Couldn't connect Plex to your library folder.").size(), 1u);
+  EXPECT_TRUE(app.linesWith("start abandoned").empty());
+  EXPECT_EQ(sup.lastError(), "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.");
+}
+
+TEST_F(EngineSupervisorTest, AManifestThatCannotBeWrittenFailsTheStartAndClaimsNothing) {
+  App& app = standardApp();
+  auto& sup = *app.supervisor;
+  // A folder where the manifest file should be: the write fails.
+  ASSERT_TRUE(QDir().mkpath(QString::fromStdString(sup.movie().paths.configURL)));
+  ASSERT_TRUE(app.startUntil(EngineState::failed));
+  EXPECT_EQ(app.linesWith("[supervisor] start failed: Couldn't write the engine's manifest: ").size(), 1u);
+  EXPECT_TRUE(app.linesWith("launched engine").empty());
+  EXPECT_EQ(sup.movie().lastConfigFingerprint, std::nullopt);
+  EXPECT_EQ(sup.movie().lastVisibleConfigFingerprint, std::nullopt);
 }
 
 TEST_F(EngineSupervisorTest, LeftoversThatAreNotTheEngineAreNeverKilled) {
@@ -384,4 +425,50 @@ TEST_F(EngineSupervisorTest, MountsTheFolderForRealWhereThisMachineAllows) {
                   .contains("Film (2020) {imdb-tt1}"));
   ASSERT_TRUE(app.stop());
   EXPECT_FALSE(mountedFileSystem(folder).has_value());
+}
+
+TEST_F(EngineSupervisorTest, EachLaunchStartsAFreshEngineLogAndShowsEveryLineOnceWithOneStamp) {
+  App& app = standardApp();
+  auto& sup = *app.supervisor;
+  const std::string logFile = sup.movie().paths.logFile;
+  ASSERT_TRUE(writeFileAtomically(logFile, "2020-01-01 00:00:00 vtnfs 0.0.1 serving 7 entries (pid 42)\n"));
+
+  ASSERT_TRUE(app.startUntil(EngineState::running));
+  ASSERT_TRUE(drive(clock, [&] { return !app.linesWith("vtnfs ").empty() && !app.linesWith(" serving ").empty(); }));
+  EXPECT_TRUE(app.linesWith("(pid 42)").empty()) << "an old launch's lines are not shown as new";
+  EXPECT_EQ(readFile(logFile + ".1").value_or(""), "2020-01-01 00:00:00 vtnfs 0.0.1 serving 7 entries (pid 42)\n")
+      << "the previous log is kept once";
+  const auto serving = app.linesWith(" serving ");
+  ASSERT_EQ(serving.size(), 1u);
+  EXPECT_EQ(serving[0].second.rfind("vtnfs ", 0), 0u) << "the engine's own stamp is dropped: " << serving[0].second;
+
+  // A second launch: again a fresh file, and the first launch's lines once.
+  ASSERT_TRUE(app.stop());
+  ASSERT_TRUE(app.startUntil(EngineState::running));
+  ASSERT_TRUE(drive(clock, [&] { return app.linesWith(" serving ").size() >= 2; }));
+  clock.advance(2);
+  test::settle(50);
+  EXPECT_EQ(app.linesWith(" serving ").size(), 2u);
+  EXPECT_EQ(app.linesWith("(pid 42)").size(), 0u);
+  ASSERT_TRUE(app.stop());
+}
+
+TEST_F(EngineSupervisorTest, ATvEngineThatGivesUpLeavesLastErrorToTheFilmEngine) {
+  App& app = standardApp();
+  auto& sup = *app.supervisor;
+  auto& tv = sup.ensureTvInstance();
+  tv.paths.nfsAddress = "127.0.0.1:" + std::to_string(test::freePort());
+  int kills = 0;
+  Job::start([&](CancelToken) { return sup.startInstance(tv, {}); });
+  ASSERT_TRUE(drive(clock, [&] {
+    if (tv.state == EngineState::running && tv.runningPid()) {
+      ++kills;
+      ::kill(*tv.runningPid(), SIGKILL);
+    }
+    return tv.state == EngineState::failed;
+  }));
+  EXPECT_GE(kills, 6);
+  EXPECT_EQ(app.linesWith("[tv-supervisor] engine exited unexpectedly").size(), 6u);
+  EXPECT_EQ(sup.stuck(), std::set<EngineKind>{EngineKind::tv});
+  EXPECT_EQ(sup.lastError(), std::nullopt);
 }

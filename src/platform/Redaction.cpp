@@ -37,7 +37,12 @@ struct RedactionTable {
 std::string redact(std::string_view text) {
   static const RedactionTable table;
   std::string out(text);
-  for (const auto& rule : table.rules) out = rule.replaceAll(out, "$1REDACTED");
+  for (const auto& rule : table.rules) {
+    auto replaced = rule.tryReplaceAll(out, "$1REDACTED");
+    // Fails closed: a line the rules could not read is not passed through.
+    if (!replaced) return std::string(kRedactionFailed);
+    out = std::move(*replaced);
+  }
   return out;
 }
 

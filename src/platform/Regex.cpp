@@ -180,16 +180,29 @@ bool Regex::fullMatch(std::string_view text) const {
 }
 
 std::string Regex::replaceAll(std::string_view text, std::string_view replacement) const {
+  auto out = tryReplaceAll(text, replacement);
+  return out ? std::move(*out) : std::string(text);
+}
+
+std::optional<std::string> Regex::tryReplaceAll(std::string_view text, std::string_view replacement) const {
   UErrorCode status = U_ZERO_ERROR;
+  if (text.size() > static_cast<size_t>(INT32_MAX)) return std::nullopt;
   const auto input = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
   std::unique_ptr<icu::RegexMatcher> m(pattern_->matcher(input, status));
-  if (U_FAILURE(status)) return std::string(text);
+  if (U_FAILURE(status)) return std::nullopt;
   m->setTimeLimit(kTimeLimitSteps, status);
-  status = U_ZERO_ERROR;
+  if (U_FAILURE(status)) return std::nullopt;
   const auto rep =
       icu::UnicodeString::fromUTF8(icu::StringPiece(replacement.data(), static_cast<int32_t>(replacement.size())));
-  const auto result = m->replaceAll(rep, status);
-  if (U_FAILURE(status)) return std::string(text);
+  // Found match by match: replaceAll would hide a time-out behind a
+  // half-replaced text.
+  icu::UnicodeString result;
+  while (m->find(status)) {
+    m->appendReplacement(result, rep, status);
+    if (U_FAILURE(status)) return std::nullopt;
+  }
+  if (U_FAILURE(status)) return std::nullopt;
+  m->appendTail(result);
   std::string out;
   result.toUTF8String(out);
   return out;

@@ -52,7 +52,10 @@ class Regex {
   // the text before it).
   std::optional<Match> matchAt(std::string_view text, size_t at) const;
   // Replaces every match; the template may use $0..$9 and \$ as in ICU.
+  // When the pattern engine fails (its time limit, say) the text comes back
+  // unchanged; tryReplaceAll says so instead.
   std::string replaceAll(std::string_view text, std::string_view replacement) const;
+  std::optional<std::string> tryReplaceAll(std::string_view text, std::string_view replacement) const;
   // True when the whole text matches.
   bool fullMatch(std::string_view text) const;
 

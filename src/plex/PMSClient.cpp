@@ -1,5 +1,7 @@
 #include "plex/PMSClient.h"
 
+#include "platform/PercentEncoding.h"
+
 #include "core/LibraryTitle.h"
 
 #include "core/AppConfig.h"
@@ -22,21 +24,7 @@ std::string message(const PMSError& e) {
   return e.detail;
 }
 
-std::string percentEncodeStrict(std::string_view text) {
-  static const char* hex = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(text.size() * 3);
-  for (unsigned char c : text) {
-    if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += hex[c >> 4];
-      out += hex[c & 15];
-    }
-  }
-  return out;
-}
+std::string percentEncodeStrict(std::string_view text) { return percentEncode(text, PlainSet::unicode); }
 
 namespace {
 
@@ -198,7 +186,7 @@ std::string queryString(const PMSClient::Query& query) {
     if (!q.empty()) q += '&';
     q += k;
     q += '=';
-    q += percentEncodeStrict(v);
+    q += percentEncode(v, PlainSet::ascii);
   }
   return q;
 }
@@ -208,7 +196,7 @@ QCoro::Task<Result<QByteArray, PMSError>> PMSClient::send(QByteArray method, QUr
   HttpRequest request;
   request.url = std::move(url);
   request.method = std::move(method);
-  request.timeoutSeconds = timeout;
+  request.timeoutSeconds = timeLimit_ ? std::min(timeout, *timeLimit_) : timeout;
   request.headers = {{"Accept", "application/json"},
                      {"X-Plex-Token", QByteArray::fromStdString(token_)},
                      {"X-Plex-Product", "Vantory"},

@@ -143,6 +143,12 @@ class PMSClient {
   QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> episodeShowMap(std::string location) const;
 
   const QUrl& baseURL() const { return baseURL_; }
+  // A copy whose requests wait at most `seconds`, reads and writes alike.
+  PMSClient withTimeLimit(double seconds) const {
+    PMSClient c = *this;
+    c.timeLimit_ = seconds;
+    return c;
+  }
   // A copy whose requests end when `token` is cancelled.
   PMSClient cancelledBy(CancelToken token) const {
     PMSClient c = *this;
@@ -159,6 +165,7 @@ class PMSClient {
   std::string token_;
   std::string clientIdentifier_;
   CancelToken cancel_;
+  std::optional<double> timeLimit_;
 };
 
 // Makes Plex clients from the settings as they are at the moment of asking.
@@ -175,7 +182,8 @@ class PMSClientFactory {
 };
 
 // Percent-encoding with only Unicode letters and digits and "-._~" left as
-// they are, as the smart collection request needs.
+// they are, as the smart collection request needs. Other queries keep only
+// ASCII letters and digits and "-._~".
 std::string percentEncodeStrict(std::string_view text);
 
 }  // namespace vt

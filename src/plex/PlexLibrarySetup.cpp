@@ -9,8 +9,14 @@
 
 namespace vt {
 
-QCoro::Task<> prepareLibrarySection(PMSClient plex, bool tv, std::string location, std::set<std::string> wantedFiles,
+namespace {
+// The set-up must not hold the engine's start for long.
+constexpr double kLibrarySetupTimeLimit = 8;
+}  // namespace
+
+QCoro::Task<> prepareLibrarySection(PMSClient client, bool tv, std::string location, std::set<std::string> wantedFiles,
                                     std::function<void(const std::string&)> log, CancelToken token) {
+  const PMSClient plex = client.withTimeLimit(kLibrarySetupTimeLimit).cancelledBy(token);
   const auto skipped = [&](const PMSError& e) { log("[supervisor] library setup skipped: " + message(e)); };
   auto section = co_await plex.sectionForLocation(location);
   if (token.isCancelled()) co_return;

@@ -14,8 +14,9 @@ namespace vt {
 // Makes sure the Plex section for one library folder exists and is cheap to
 // keep ("Vantory" for films, "Vantory TV" for episodes), switches off the
 // heavy analysis jobs for it, and asks for a scan unless Plex already
-// indexed every file in `wantedFiles`. Each step's failure ends the set-up
-// with a "library setup skipped" line; nothing here stops the engine.
+// indexed every file in `wantedFiles`. Each request waits at most 8 s; each
+// step's failure ends the set-up with a "library setup skipped" line;
+// nothing here stops the engine.
 QCoro::Task<> prepareLibrarySection(PMSClient plex, bool tv, std::string location, std::set<std::string> wantedFiles,
                                     std::function<void(const std::string&)> log, CancelToken token);
 

@@ -5,6 +5,7 @@
 #include "platform/JsonWriter.h"
 #include "platform/Date.h"
 #include "platform/Json.h"
+#include "platform/PercentEncoding.h"
 #include "platform/Regex.h"
 
 using namespace vt;
@@ -157,4 +158,20 @@ TEST(JsonWriter, EscapesWhateverLandsInsideALongPlainRun) {
       EXPECT_FALSE(back->contains("absent"));
     }
   }
+}
+
+TEST(Regex, AReplacementThatRunsOutOfTimeSaysSoInsteadOfPassingTheTextThrough) {
+  const Regex runaway("(a+)+b");
+  const std::string text(40, 'a');
+  EXPECT_EQ(runaway.tryReplaceAll(text + "!", "x"), std::nullopt);
+  EXPECT_EQ(runaway.tryReplaceAll("aab", "x"), "x");
+}
+
+TEST(PercentEncoding, KeepsOnlyItsSetWhateverTheLocale) {
+  const std::string text = "Amélie 2/3 ~ok_-.";
+  EXPECT_EQ(percentEncode(text, PlainSet::ascii), "Am%C3%A9lie%202%2F3%20~ok_-.");
+  EXPECT_EQ(percentEncode(text, PlainSet::unicode), "Amélie%202%2F3%20~ok_-.");
+  // Bytes that are no UTF-8 are escaped one by one; a Unicode symbol is no letter.
+  EXPECT_EQ(percentEncode(std::string("\xff\xfe", 2), PlainSet::unicode), "%FF%FE");
+  EXPECT_EQ(percentEncode("€", PlainSet::unicode), "%E2%82%AC");
 }

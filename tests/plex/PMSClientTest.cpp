@@ -7,7 +7,9 @@
 #include "fakes/FakePlexServer.h"
 #include "platform/Clock.h"
 #include "platform/Http.h"
+#include "platform/Job.h"
 #include "plex/PMSClient.h"
+#include "plex/PlexLibrarySetup.h"
 #include "plex/PlexServerProbe.h"
 #include "support/TestKit.h"
 
@@ -316,4 +318,41 @@ TEST(PlexServerProbe, DrivesTheConnectionPollAgainstTheLocalServer) {
   EXPECT_EQ(vm.consecutiveFailures(), 2);
   EXPECT_TRUE(vm.lastError() && !vm.lastError()->empty());
   (void)gone;
+}
+
+TEST(PlexLibrarySetup, CreatesTheSectionAndGivesUpOnAStalledServerAfterEightSeconds) {
+  test::FakePlexServer plex;
+  ManualClock clock;
+  HttpClient http(clock, HttpClient::Session::ephemeral);
+  PMSClient client(http, plex.baseUrl(), plex.token, "c");
+  std::vector<std::string> lines;
+  auto log = [&](const std::string& line) { lines.push_back(line); };
+
+  // A new folder gets its section, a scanner switch-off and a scan.
+  test::runTask(prepareLibrarySection(client, true, "/data/Library TV", {}, log, CancelToken::none()));
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0], "[supervisor] Plex library verified at /data/Library TV");
+  EXPECT_EQ(lines[2], "[supervisor] requested Plex re-scan of /data/Library TV");
+  bool createdShowSection = false;
+  for (const auto& r : plex.requests())
+    if (r.method == "POST" && r.path == "/library/sections")
+      createdShowSection = r.query("name") == "Vantory TV" && r.query("type") == "show";
+  EXPECT_TRUE(createdShowSection);
+
+  // A server that takes the request and never answers: 8 s, not 15.
+  lines.clear();
+  plex.onPrefix("PUT", "/library/sections/", [](auto&, auto& reply) { reply.hold(); });
+  bool done = false;
+  auto job = Job::start([&](CancelToken) -> QCoro::Task<> {
+    co_await prepareLibrarySection(client, true, "/data/Library TV", {}, log, CancelToken::none());
+    done = true;
+  });
+  ASSERT_TRUE(test::spinUntil([&] { return !lines.empty(); }));  // verified, then the PUT hangs
+  test::settle(20);
+  clock.advance(7.9);
+  test::settle(20);
+  EXPECT_FALSE(done);
+  clock.advance(0.2);
+  ASSERT_TRUE(test::spinUntil([&] { return done; }));
+  EXPECT_EQ(lines.back().rfind("[supervisor] library setup skipped: ", 0), 0u) << lines.back();
 }

@@ -1,5 +1,8 @@
 #include "core/LibraryStore.h"
 
+#include <cmath>
+#include <filesystem>
+
 #include <algorithm>
 #include <tuple>
 
@@ -10,6 +13,8 @@
 
 #include "platform/Clock.h"
 #include "platform/Json.h"
+#include "platform/Log.h"
+#include "platform/SerialFileWriter.h"
 
 namespace vt {
 
@@ -214,15 +219,34 @@ std::optional<std::vector<LibraryStore::RecordRef>> LibraryStore::decodeRecords(
   return out;
 }
 
+void LibraryStore::keepUnreadableFile() {
+  const auto stamp = static_cast<int64_t>(std::floor(clock_.now()));
+  const std::string aside = fileURL_ + ".unreadable-" + std::to_string(stamp);
+  std::error_code ec;
+  std::filesystem::copy_file(fileURL_, aside, std::filesystem::copy_options::overwrite_existing, ec);
+  if (ec) {
+    logLine("[Vantory] library.json could not be read, nor copied aside (" + ec.message() +
+            "); starting with an empty library");
+    return;
+  }
+  std::filesystem::permissions(aside, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write, ec);
+  logLine("[Vantory] library.json could not be read; kept it as " +
+          std::filesystem::path(aside).filename().string() + " and started with an empty library");
+}
+
 void LibraryStore::load() {
+  removeInterruptedWrites(fileURL_);
   // Read straight into the parser's padded buffer: no extra copy of a large file.
   simdjson::padded_string text;
   if (simdjson::padded_string::load(fileURL_).get(text)) return;
-  // One bad record: the library starts empty and the file stays as it is
-  // until the next save replaces it.
+  // One bad record: the library starts empty, and the file is copied aside
+  // before any save can replace it.
   auto decoded = decodeRecords(text);
   text = simdjson::padded_string();
-  if (!decoded) return;
+  if (!decoded) {
+    keepUnreadableFile();
+    return;
+  }
   std::vector<RecordRef> loaded = std::move(*decoded);
 
   bool changed = false;
@@ -407,7 +431,9 @@ void LibraryStore::indexAppended(size_t index) {
 }
 
 void LibraryStore::remove(const std::string& name) {
-  std::erase_if(records_, [&](const RecordRef& r) { return r->title.name == name; });
+  // `name` may point into the record that goes.
+  const std::string target = name;
+  std::erase_if(records_, [&](const RecordRef& r) { return r->title.name == target; });
   rebuildIndexes();
   save();
 }

@@ -78,6 +78,7 @@ class LibraryStore : public QObject {
   static RecordRef makeRecord(LibraryTitle title);
   static std::optional<std::vector<RecordRef>> decodeRecords(const simdjson::padded_string& text);
   void load();
+  void keepUnreadableFile();
   void rebuildIndexes();
   void indexAppended(size_t index);
   void save();

@@ -1,6 +1,7 @@
 #include "core/LogFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,8 +34,9 @@ void LogFile::flush() { queue_->drain(); }
 void LogFile::open() {
   std::error_code ec;
   std::filesystem::create_directories(directory_, ec);
-  fd_ = ::open(fileURL_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  fd_ = ::open(fileURL_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (fd_ < 0) return;
+  ::fchmod(fd_, 0600);  // a file from an older version may be readable by all
   const off_t end = ::lseek(fd_, 0, SEEK_END);
   size_ = end > 0 ? static_cast<uint64_t>(end) : 0;
 }

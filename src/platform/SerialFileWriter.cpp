@@ -33,12 +33,41 @@ bool writeFileAtomically(const std::string& path, const std::string& bytes) {
       written += static_cast<size_t>(n);
     }
   }
-  ok = ok && ::fchmod(fd, 0644) == 0;
+  // Readable by the user only: these files hold keys, tokens and links.
+  ok = ok && ::fchmod(fd, 0600) == 0;
   ok = ok && ::fdatasync(fd) == 0;
   ok = (::close(fd) == 0) && ok;
   ok = ok && ::rename(tmpl.c_str(), path.c_str()) == 0;
-  if (!ok) ::unlink(tmpl.c_str());
-  return ok;
+  if (!ok) {
+    ::unlink(tmpl.c_str());
+    return false;
+  }
+  // The rename itself reaches the disk only with its folder.
+  if (const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dirFd >= 0) {
+    ::fsync(dirFd);
+    ::close(dirFd);
+  }
+  return true;
+}
+
+int removeInterruptedWrites(const std::string& path) {
+  namespace fs = std::filesystem;
+  const fs::path target(path);
+  const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+  // Built in steps: gcc 12 warns falsely on "literal" + std::string&&.
+  std::string prefix = ".";
+  prefix.append(target.filename().string()).append(".");
+  int removed = 0;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(dir, ec)) {
+    const std::string name = entry.path().filename().string();
+    // Exactly the names writeFileAtomically makes: the prefix and six characters.
+    if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0 &&
+        entry.is_regular_file(ec)) {
+      removed += fs::remove(entry.path(), ec) ? 1 : 0;
+    }
+  }
+  return removed;
 }
 
 std::optional<std::string> readFile(const std::string& path) {

@@ -12,6 +12,9 @@ namespace vt {
 // the new one whole: a temporary file in the same folder, synced, renamed
 // over. False on any failure; the temporary file is removed then.
 bool writeFileAtomically(const std::string& path, const std::string& bytes);
+// Removes what interrupted writes of `path` left behind (their hidden
+// temporary files beside it); the number removed.
+int removeInterruptedWrites(const std::string& path);
 
 // Reads a whole file; none when it can't be read.
 std::optional<std::string> readFile(const std::string& path);

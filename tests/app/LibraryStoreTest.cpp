@@ -7,6 +7,8 @@
 
 #include "core/LibraryStore.h"
 #include "platform/Clock.h"
+#include "platform/Json.h"
+#include "platform/Log.h"
 #include "platform/SerialFileWriter.h"
 #include "support/TestKit.h"
 #include "support/Titles.h"
@@ -65,8 +67,12 @@ TEST(LibraryStore, DuplicateIdsOnLoadKeepTheBestRecordAndRewriteTheFile) {
                        "No id here.mkv",
                    }));
   store->waitForSaves();
+  // The file itself holds the seven (a reload would deduplicate again).
+  const auto written = json::parse(f.file());
+  ASSERT_TRUE(written && written->is_array());
+  EXPECT_EQ(written->size(), 7u) << "the deduplicated list was written back";
   auto reloaded = f.open();
-  EXPECT_EQ(reloaded->titles(), store->titles()) << "the deduplicated list was written back";
+  EXPECT_EQ(reloaded->titles(), store->titles());
   EXPECT_EQ(reloaded->titleByImdb("tt2")->url, "http://c");
   EXPECT_EQ(reloaded->titlesBySeries("tt9").size(), 2u);
 }
@@ -90,6 +96,12 @@ TEST(LibraryStore, BadFilesStartEmptyAndAreLeftAlone) {
     store->waitForSaves();
     EXPECT_EQ(store->size(), 0u) << text;
     EXPECT_EQ(f.file(), text) << "the file is kept until the next save";
+    // Copied aside before any save can replace it.
+    const std::string aside = f.path + ".unreadable-5000";
+    EXPECT_EQ(readFile(aside).value_or("<none>"), text);
+    store->upsert(film("Z (2000) {imdb-tt26}.mkv"));
+    store->waitForSaves();
+    EXPECT_EQ(readFile(aside).value_or("<none>"), text) << "the copy outlives the next save";
   }
   Fixture missing;
   auto store = missing.open();
@@ -157,6 +169,7 @@ TEST(LibraryStore, LoadFillsMissingDatesAndDropsInvalidCompanions) {
   EXPECT_FALSE(store->titleByImdb("tt5")->altVersion) << "no resolution in the name";
   EXPECT_EQ(store->titleByImdb("tt5")->resolvedAt, 5000.0);
   store->waitForSaves();
+  f.clock.advance(100);  // a reload that repaired again would say 5100
   EXPECT_EQ(f.open()->titleByImdb("tt5")->resolvedAt, 5000.0) << "the repaired list was saved";
 }
 
@@ -379,4 +392,42 @@ TEST(LibraryStore, IndexesStayEqualToAFullRebuild) {
     ASSERT_TRUE(store->indexesMatchRebuild()) << "after step " << step;
   }
   store->waitForSaves();
+}
+
+TEST(LibraryStore, RemoveTakesANameThatPointsIntoTheLibrary) {
+  Fixture f;
+  auto store = f.open();
+  for (const char* id : {"tt1", "tt2", "tt3"})
+    store->upsert(film(std::string("F (2000) {imdb-") + id + "}.mkv"));
+  // The argument is the record's own name: it must outlive the removal.
+  store->remove(store->titles()[0].name);
+  ASSERT_EQ(store->size(), 2u);
+  EXPECT_FALSE(store->titleByImdb("tt1"));
+  EXPECT_TRUE(store->titleByImdb("tt2"));
+  EXPECT_TRUE(store->titleByImdb("tt3"));
+  store->waitForSaves();
+}
+
+TEST(LibraryStore, LeftoversOfInterruptedSavesGoAndFilesAreTheUsersAlone) {
+  Fixture f;
+  writeText(f.home.file(".library.json.Ab12Cd"), "half a save");
+  writeText(f.home.file(".library.json.keepme-not-ours"), "other");
+  std::vector<std::string> lines;
+  ScopedLogSink sink([&](std::string_view line) { lines.emplace_back(line); });
+  auto store = f.open();
+  EXPECT_FALSE(std::filesystem::exists(f.home.file(".library.json.Ab12Cd")));
+  EXPECT_TRUE(std::filesystem::exists(f.home.file(".library.json.keepme-not-ours")));
+  store->upsert(film("A (2000) {imdb-tt1}.mkv"));
+  store->waitForSaves();
+  const auto perms = std::filesystem::status(f.path).permissions();
+  EXPECT_EQ(perms & std::filesystem::perms::all,
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+
+  // An unreadable file is announced once, with the name of its copy.
+  Fixture bad;
+  writeText(bad.path, "{broken");
+  auto badStore = bad.open();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0], "[Vantory] library.json could not be read; kept it as library.json.unreadable-5000 and started "
+                      "with an empty library");
 }

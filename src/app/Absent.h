@@ -32,6 +32,7 @@ class AbsentEngineSupervisor final : public EnginePort {
   void kickPlexSync() override {}
   void measureLink(double) override {}
   void stopLogTails() override {}
+  void stopPlayIntentHook() override {}
   void shutdownForTestHome() override {}
 };
 

@@ -120,7 +120,11 @@ QCoro::Task<> VantoryApp::bootstrap() {
 }
 
 void VantoryApp::willTerminate() {
+  if (terminated_) return;
+  terminated_ = true;
+  jobs_.cancelAll();
   viewModel_->stopPolling();
+  engine_->stopPlayIntentHook();
   if (wiring_.paths.isTestHome()) {
     engine_->shutdownForTestHome();
   } else {

@@ -58,7 +58,8 @@ class VantoryApp {
 
   // The first-launch sequence; run once when the root view first shows.
   QCoro::Task<> bootstrap();
-  // At quit: engines and mounts stay alive unless this is a test home.
+  // At quit, however the event loop ends (once; later calls do nothing):
+  // engines and mounts stay alive unless this is a test home.
   void willTerminate();
 
   AppConfig& config() { return *config_; }
@@ -86,6 +87,7 @@ class VantoryApp {
   std::unique_ptr<BridgeViewModel> viewModel_;
   std::unique_ptr<ConnectGate> connectGate_;
   EngineLog engineLog_;
+  bool terminated_ = false;
   JobScope jobs_;  // last: its jobs end before anything else here goes
 };
 

@@ -136,9 +136,12 @@ int main(int argc, char** argv) {
 
   running = &app;
 
+  // Every way out of the event loop runs the clean-up, not only the signals.
+  QObject::connect(&qapp, &QCoreApplication::aboutToQuit, [&app] { app.willTerminate(); });
   auto boot = vt::Job::start([&app](vt::CancelToken) -> QCoro::Task<> { co_await app.bootstrap(); });
   const int rc = qapp.exec();
   boot.cancel();
+  app.willTerminate();
   running = nullptr;
   app.library().waitForSaves();
   logFile.flush();

@@ -32,8 +32,10 @@ class EnginePort {
   // Marks the Plex sync coordinator dirty and starts it if idle.
   virtual void kickPlexSync() = 0;
   virtual void measureLink(double delaySeconds) = 0;
-  // At quit: engines and mounts stay; only the log tails stop.
+  // At quit: engines and mounts stay; only the log tails and the play
+  // intent hook stop.
   virtual void stopLogTails() = 0;
+  virtual void stopPlayIntentHook() = 0;
   // At quit under a test home: unmount synchronously and SIGTERM the engines.
   virtual void shutdownForTestHome() = 0;
   // Titles being watched, from the play watcher.

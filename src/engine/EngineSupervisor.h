@@ -96,6 +96,9 @@ class EngineSupervisor : public QObject, public EnginePort, private EngineInstan
   void kickPlexSync() override;
   void measureLink(double) override {}
   void stopLogTails() override;
+  void stopPlayIntentHook() override {
+    if (env_.stopIntentWatcher) env_.stopIntentWatcher();
+  }
   void shutdownForTestHome() override { shutdownAtExit(); }
 
   QCoro::Task<> startInstance(EngineInstance& instance, std::vector<EngineEntry> entries);

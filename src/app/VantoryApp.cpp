@@ -44,6 +44,12 @@ VantoryApp::VantoryApp(AppWiring wiring)
   // 4. The title library, loaded synchronously.
   library_ = std::make_unique<LibraryStore>(libraryPath, clock_);
 
+  // The user's activity list and the census of unknown release words, kept
+  // in the data folder for everything that records into them.
+  activity_ = std::make_unique<ActivityLog>(wiring_.paths.data("activity.json"), clock_);
+  ActivityLog::setShared(activity_.get());
+  releaseWords_ = std::make_unique<UnrecognizedReleaseWords>(wiring_.paths.data("unrecognized-release-words.json"));
+
   // 5. Engine supervision.
   engine_ = wiring_.makeEngine ? wiring_.makeEngine(*config_, *library_, *plexClients_) : nullptr;
   if (!engine_) engine_ = std::make_unique<AbsentEngineSupervisor>();
@@ -63,7 +69,9 @@ VantoryApp::VantoryApp(AppWiring wiring)
   connectGate_->mustShowConnect = !config_->isConfigured();
 }
 
-VantoryApp::~VantoryApp() = default;
+VantoryApp::~VantoryApp() {
+  if (ActivityLog::shared() == activity_.get()) ActivityLog::setShared(nullptr);
+}
 
 void VantoryApp::reportWhatIsMissing() {
   // Settings are read at start, so each hint ends with the restart.

@@ -11,6 +11,7 @@
 #include "core/CatalogPort.h"
 #include "core/EnginePort.h"
 #include "core/PlexPort.h"
+#include "core/ActivityLog.h"
 #include "core/AppConfig.h"
 #include "core/EngineLog.h"
 #include "core/LibraryStore.h"
@@ -18,6 +19,7 @@
 #include "platform/Paths.h"
 #include "platform/Settings.h"
 #include "plex/PMSClient.h"
+#include "sources/release/UnrecognizedReleaseWords.h"
 
 namespace vt {
 
@@ -70,6 +72,8 @@ class VantoryApp {
   ConnectGate& connectGate() { return *connectGate_; }
   const PMSClientFactory& plexClients() const { return *plexClients_; }
   EngineLog& engineLog() { return engineLog_; }
+  ActivityLog& activity() { return *activity_; }
+  UnrecognizedReleaseWords& releaseWords() { return *releaseWords_; }
   const AppPaths& paths() const { return wiring_.paths; }
 
  private:
@@ -82,6 +86,8 @@ class VantoryApp {
   std::unique_ptr<AppConfig> config_;
   std::unique_ptr<PMSClientFactory> plexClients_;
   std::unique_ptr<LibraryStore> library_;
+  std::unique_ptr<ActivityLog> activity_;
+  std::unique_ptr<UnrecognizedReleaseWords> releaseWords_;
   std::unique_ptr<EnginePort> engine_;
   std::unique_ptr<CatalogPort> catalog_;
   std::unique_ptr<BridgeViewModel> viewModel_;

@@ -8,6 +8,13 @@
 
 namespace vt {
 
+namespace {
+ActivityLog* g_shared = nullptr;
+}
+
+ActivityLog* ActivityLog::shared() { return g_shared; }
+void ActivityLog::setShared(ActivityLog* log) { g_shared = log; }
+
 std::string_view ActivityLog::kindText(Kind k) {
   switch (k) {
     case Kind::started:

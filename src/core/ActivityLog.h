@@ -52,6 +52,10 @@ class ActivityLog : public QObject {
   const std::vector<Playing>& nowPlaying() const { return nowPlaying_; }
   void setNowPlaying(std::vector<Playing> playing);
 
+  // The running application's list; none before it exists. Main thread only.
+  static ActivityLog* shared();
+  static void setShared(ActivityLog* log);
+
   static std::string_view kindText(Kind k);
   static std::optional<Kind> kindFromText(std::string_view text);
 

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "core/AppConfig.h"
+#include "core/UserSettings.h"
+#include "platform/Log.h"
 #include "support/TestKit.h"
 
 using namespace vt;
@@ -61,18 +65,116 @@ TEST(AppConfig, DefaultsClampsAndPersistence) {
   }
 }
 
-TEST(AppConfig, BadStoredValuesFallBackToDefaults) {
+TEST(AppConfig, BadStoredValuesFallBackToDefaultsWithALineNamingTheKey) {
   test::TestHome home;
   auto store = SettingsStore::openForTestHome(home.path());
   store->setString("cacheLimitGB", "lots");
-  store->setInteger("useComet", 1);
-  store->setInteger("pmsURLString", 7);
+  store->setInteger("useComet", 2);
+  store->setString("rerankExisting", "");
   store->setString("clientIdentifier", "");
+  std::vector<std::string> lines;
+  ScopedLogSink sink([&](std::string_view line) { lines.emplace_back(line); });
   AppConfig c(*store);
   EXPECT_EQ(c.cacheLimitGB(), 32);
   EXPECT_TRUE(c.useComet());
-  EXPECT_EQ(c.pmsURLString(), "http://127.0.0.1:32400");
+  EXPECT_TRUE(c.rerankExisting());
   EXPECT_FALSE(c.clientIdentifier().empty()) << "an empty identifier is replaced";
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_NE(lines[0].find("\"rerankExisting\""), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("\"cacheLimitGB\""), std::string::npos) << lines[1];
+  EXPECT_NE(lines[2].find("\"useComet\""), std::string::npos) << lines[2];
+}
+
+TEST(AppConfig, AFileWrittenByHandReadsPlainValues) {
+  test::TestHome home;
+  { auto owned = SettingsStore::openForTestHome(home.path()); }
+  {
+    std::ofstream f(home.file("settings.ini"));
+    f << "pmsURLString=http://nas.local:32400\ntoken=TOK\nrdKey=  ABC  \nuseComet=false\nallowTS=true\n"
+         "rerankExisting=no\ncacheLimitGB=64\nquality=3\nmediafusionURL=https://mf.example/abc/manifest.json\n";
+  }
+  auto store = SettingsStore::openForTestHome(home.path());
+  AppConfig c(*store);
+  EXPECT_EQ(c.pmsURLString(), "http://nas.local:32400");
+  EXPECT_EQ(c.token(), "TOK");
+  EXPECT_EQ(c.rdKey(), "ABC");
+  EXPECT_FALSE(c.useComet());
+  EXPECT_TRUE(c.allowTS());
+  EXPECT_FALSE(c.rerankExisting());
+  EXPECT_EQ(c.cacheLimitGB(), 64);
+  EXPECT_EQ(c.quality(), QualityLevel::best);
+  EXPECT_EQ(c.mediafusionURL(), "https://mf.example/abc/manifest.json");
+  EXPECT_TRUE(c.isConfigured());
+}
+
+TEST(UserSettings, OneTableCheckedAndWrittenThroughTheSettingsObject) {
+  test::TestHome home;
+  auto store = SettingsStore::openForTestHome(home.path());
+  int syncs = 0;
+  AppConfig c(*store, [&](const AppConfig&) { ++syncs; });
+
+  std::vector<std::string> keys;
+  for (const auto& s : userSettings()) keys.push_back(s.key);
+  EXPECT_EQ(keys, (std::vector<std::string>{"pmsURLString", "token", "rdKey", "quality", "cacheLimitGB", "useComet",
+                                            "mediafusionURL", "streamAddonOverride", "allowTS", "rerankExisting",
+                                            "controlURLString"}));
+  // What each row says about itself matches what the settings object does.
+  for (const auto& s : userSettings()) {
+    EXPECT_EQ(s.read(c), s.defaultText) << s.key;
+    EXPECT_EQ(s.secret, std::string(s.key) == "token" || std::string(s.key) == "rdKey") << s.key;
+  }
+
+  auto set = [&](const char* key, const char* value) { return setUserSetting(c, *findUserSetting(key), value); };
+  EXPECT_TRUE(set("rdKey", " abc\n"));
+  EXPECT_EQ(store->string("rdKey"), "abc");
+  EXPECT_EQ(syncs, 2) << "the registry follows the key";
+  EXPECT_TRUE(set("quality", "high"));
+  EXPECT_EQ(store->integer("quality"), 2);
+  EXPECT_TRUE(c.companionVersions());
+  EXPECT_TRUE(set("quality", "0"));
+  EXPECT_EQ(c.quality(), QualityLevel::fast);
+  EXPECT_TRUE(set("useComet", "off"));
+  EXPECT_EQ(store->string("useComet"), "false");
+  EXPECT_EQ(syncs, 3);
+  EXPECT_TRUE(set("cacheLimitGB", "128"));
+  EXPECT_TRUE(set("mediafusionURL", ""));
+  EXPECT_TRUE(set("pmsURLString", "http://10.0.0.2:32400"));
+
+  struct Refusal {
+    const char* key;
+    const char* value;
+    const char* reason;
+  };
+  for (const auto& r :
+       {Refusal{"cacheLimitGB", "7", "cacheLimitGB takes a whole number from 8 to 128, not \"7\""},
+        Refusal{"cacheLimitGB", "129", "cacheLimitGB takes a whole number from 8 to 128, not \"129\""},
+        Refusal{"cacheLimitGB", "lots", "cacheLimitGB takes a whole number from 8 to 128, not \"lots\""},
+        Refusal{"useComet", "maybe", "useComet takes true or false, not \"maybe\""},
+        Refusal{"quality", "ultra", "quality takes fast, balanced, high or best, not \"ultra\""},
+        Refusal{"quality", "4", "quality takes fast, balanced, high or best, not \"4\""},
+        Refusal{"pmsURLString", "nas:32400 x",
+                "pmsURLString takes a URL such as http://host:port, and \"nas:32400 x\" doesn't read as one"},
+        Refusal{"pmsURLString", "", "pmsURLString takes a URL such as http://host:port, and \"\" doesn't read as one"},
+        Refusal{"mediafusionURL", "mf",
+                "mediafusionURL takes a URL such as http://host:port, and \"mf\" doesn't read as one"},
+        Refusal{"token", "a\nb", "token takes one line of text"}}) {
+    const auto result = set(r.key, r.value);
+    ASSERT_FALSE(result) << r.key << "=" << r.value;
+    EXPECT_EQ(message(result.error()), r.reason);
+  }
+  EXPECT_EQ(c.cacheLimitGB(), 128) << "a refused value changes nothing";
+  EXPECT_EQ(c.pmsURLString(), "http://10.0.0.2:32400");
+
+  unsetUserSetting(c, *findUserSetting("useComet"));
+  EXPECT_TRUE(c.useComet());
+  EXPECT_FALSE(store->contains("useComet"));
+  EXPECT_EQ(syncs, 5);
+  unsetUserSetting(c, *findUserSetting("rdKey"));
+  EXPECT_EQ(c.rdKey(), "");
+  EXPECT_FALSE(store->contains("rdKey"));
+  unsetUserSetting(c, *findUserSetting("cacheLimitGB"));
+  EXPECT_EQ(c.cacheLimitGB(), 32);
+  EXPECT_EQ(AppConfig(*store).cacheLimitGB(), 32);
 }
 
 TEST(AppConfig, QualityMigrationRunsOnceAndUnknownLevelsMigrate) {

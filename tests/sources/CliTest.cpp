@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <random>
 #include <sstream>
+#include <tuple>
 
 #include "cli/Cli.h"
 #include "cli/Verbs.h"
@@ -258,4 +259,151 @@ TEST(Cli, TheBuiltToolRanksFromStandardInput) {
   ASSERT_TRUE(wrong.waitForFinished(10000));
   EXPECT_EQ(wrong.exitCode(), kUsageError);
   EXPECT_NE(wrong.readAllStandardError().toStdString().find("vantory-cli --help"), std::string::npos);
+}
+
+TEST(Cli, ConfigShowsGetsSetsAndUnsetsTheSettingsOfAHome) {
+  test::TestHome home;
+  const auto h = home.path();
+
+  // A home the application never opened: the defaults, and nothing created.
+  auto c = runCli({"config", "show", "--home", h});
+  EXPECT_EQ(c.status, 0);
+  EXPECT_EQ(c.out,
+            "pmsURLString=http://127.0.0.1:32400\ntoken=\nrdKey=\nquality=balanced\ncacheLimitGB=32\nuseComet=true\n"
+            "mediafusionURL=\nstreamAddonOverride=\nallowTS=false\nrerankExisting=true\n"
+            "controlURLString=http://127.0.0.1:12050\n");
+  EXPECT_FALSE(std::filesystem::exists(home.file("settings.ini")));
+
+  for (const auto& args : std::vector<std::vector<std::string>>{
+           {"config", "set", "pmsURLString", "http://10.0.0.2:32400", "--home", h},
+           {"config", "set", "quality", "best", "--home", h},
+           {"config", "set", "useComet", "false", "--home", h},
+           {"config", "set", "cacheLimitGB", "64", "--home", h},
+           {"config", "set", "--home", h, "--", "streamAddonOverride", "https://addon.example/a,b/manifest.json"}}) {
+    c = runCli(args);
+    EXPECT_EQ(c.status, 0) << c.err;
+    EXPECT_EQ(c.out, "");
+    EXPECT_EQ(c.err, "");
+  }
+  // Secrets come on standard input, trimmed by the settings object.
+  c = runCli({"config", "set", "rdKey", "-", "--home", h}, " RDKEY-123 \r\n");
+  EXPECT_EQ(c.status, 0) << c.err;
+  c = runCli({"config", "set", "token", "-", "--home", h}, "PLEXTOKEN\n");
+  EXPECT_EQ(c.status, 0) << c.err;
+
+  c = runCli({"config", "show", "--home", h});
+  EXPECT_EQ(c.out,
+            "pmsURLString=http://10.0.0.2:32400\ntoken=********\nrdKey=********\nquality=best\ncacheLimitGB=64\n"
+            "useComet=false\nmediafusionURL=\nstreamAddonOverride=https://addon.example/a,b/manifest.json\n"
+            "allowTS=false\nrerankExisting=true\ncontrolURLString=http://127.0.0.1:12050\n");
+  EXPECT_EQ(runCli({"config", "get", "rdKey", "--home", h}).out, "********\n");
+  EXPECT_EQ(runCli({"config", "get", "rdKey", "--reveal", "--home", h}).out, "RDKEY-123\n");
+  EXPECT_NE(runCli({"config", "show", "--reveal", "--home", h}).out.find("\ntoken=PLEXTOKEN\n"), std::string::npos);
+  EXPECT_EQ(runCli({"config", "get", "quality", "--home", h}).out, "best\n");
+
+  // The file holds the plain values, the level as its number.
+  {
+    SettingsStore s(home.file("settings.ini"), SettingsAccess::readOnly);
+    EXPECT_EQ(s.string("rdKey"), "RDKEY-123");
+    EXPECT_EQ(s.integer("quality"), 3);
+    EXPECT_EQ(s.boolean("useComet"), false);
+  }
+
+  struct Refused {
+    std::vector<std::string> args;
+    std::string err;
+  };
+  for (const auto& r : std::vector<Refused>{
+           {{"config", "set", "cacheLimitGB", "500"},
+            "vantory-cli config: cacheLimitGB takes a whole number from 8 to 128, not \"500\"\n"},
+           {{"config", "set", "useComet", "maybe"},
+            "vantory-cli config: useComet takes true or false, not \"maybe\"\n"},
+           {{"config", "set", "quality", "ultra"},
+            "vantory-cli config: quality takes fast, balanced, high or best, not \"ultra\"\n"},
+           {{"config", "set", "pmsURLString", "not a url"},
+            "vantory-cli config: pmsURLString takes a URL such as http://host:port, and \"not a url\" doesn't read as "
+            "one\n"},
+           {{"config", "set", "rdKey", "SECRETONCMDLINE"},
+            "vantory-cli config: rdKey is a secret: give it on standard input, as \"vantory-cli config set rdKey -\", "
+            "so it stays out of the process list and the shell history\n"},
+           {{"config", "set", "token", "-"}, "vantory-cli config: no value on standard input for token\n"},
+       }) {
+    auto args = r.args;
+    args.insert(args.end(), {"--home", h});
+    c = runCli(args);
+    EXPECT_EQ(c.status, kUsageError) << r.err;
+    EXPECT_EQ(c.err, r.err);
+    EXPECT_EQ(c.out, "");
+  }
+  EXPECT_EQ(runCli({"config", "get", "cacheLimitGB", "--home", h}).out, "64\n") << "a refusal changes nothing";
+  EXPECT_EQ(runCli({"config", "get", "rdKey", "--reveal", "--home", h}).out, "RDKEY-123\n");
+
+  // Usage mistakes.
+  for (const auto& args : std::vector<std::vector<std::string>>{{"config"},
+                                                                {"config", "list"},
+                                                                {"config", "get"},
+                                                                {"config", "get", "nope"},
+                                                                {"config", "set", "useComet"},
+                                                                {"config", "show", "extra"},
+                                                                {"config", "set", "useComet", "true", "--reveal"}}) {
+    c = runCli(args);
+    EXPECT_EQ(c.status, kUsageError) << args.size();
+    EXPECT_NE(c.err.find("vantory-cli config --help"), std::string::npos) << c.err;
+  }
+
+  c = runCli({"config", "unset", "useComet", "--home", h});
+  EXPECT_EQ(c.status, 0);
+  EXPECT_EQ(c.out, "");
+  c = runCli({"config", "unset", "rdKey", "--home", h});
+  EXPECT_EQ(runCli({"config", "get", "useComet", "--home", h}).out, "true\n");
+  EXPECT_EQ(runCli({"config", "get", "rdKey", "--home", h}).out, "\n") << "nothing to mask";
+  {
+    SettingsStore s(home.file("settings.ini"), SettingsAccess::readOnly);
+    EXPECT_FALSE(s.contains("useComet"));
+    EXPECT_FALSE(s.contains("rdKey"));
+  }
+
+  // A stored value that doesn't read is named on standard error; the default shows.
+  {
+    SettingsStore s(home.file("settings.ini"));
+    s.setString("cacheLimitGB", "lots");
+  }
+  c = runCli({"config", "get", "cacheLimitGB", "--home", h});
+  EXPECT_EQ(c.out, "32\n");
+  EXPECT_EQ(c.err, "[settings] \"cacheLimitGB\" in settings.ini is not a whole number; the value is ignored\n");
+
+  c = runCli({"config", "--help"});
+  EXPECT_EQ(c.status, 0);
+  for (const auto* part :
+       {"Usage: vantory-cli config show | get KEY | set KEY VALUE | unset KEY [flags]", "  rdKey  (text, secret)\n",
+        "  cacheLimitGB  (whole number 8 to 128, default 32)\n", "--reveal"})
+    EXPECT_NE(c.out.find(part), std::string::npos) << part << " in\n" << c.out;
+}
+
+TEST(Cli, TheBuiltToolSetsAndShowsSettings) {
+  test::TestHome home;
+  auto runTool = [&](const QStringList& args, const QByteArray& input = {}) {
+    QProcess tool;
+    tool.start(VT_CLI_BINARY, args);
+    EXPECT_TRUE(tool.waitForStarted(5000));
+    tool.write(input);
+    tool.closeWriteChannel();
+    EXPECT_TRUE(tool.waitForFinished(10000));
+    return std::make_tuple(tool.exitCode(), tool.readAllStandardOutput().toStdString(),
+                           tool.readAllStandardError().toStdString());
+  };
+  const auto h = QString::fromStdString(home.path());
+  auto [status, out, err] = runTool({"config", "set", "rdKey", "-", "--home", h}, "KEY-FROM-STDIN\n");
+  EXPECT_EQ(status, 0) << err;
+  EXPECT_EQ(out, "");
+  std::tie(status, out, err) = runTool({"config", "set", "quality", "fast", "--home", h});
+  EXPECT_EQ(status, 0) << err;
+  std::tie(status, out, err) = runTool({"config", "set", "cacheLimitGB", "7", "--home", h});
+  EXPECT_EQ(status, kUsageError);
+  EXPECT_EQ(err, "vantory-cli config: cacheLimitGB takes a whole number from 8 to 128, not \"7\"\n");
+  std::tie(status, out, err) = runTool({"config", "show", "--home", h});
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(out.find("\nrdKey=********\nquality=fast\ncacheLimitGB=32\n"), std::string::npos) << out;
+  std::tie(status, out, err) = runTool({"config", "get", "rdKey", "--reveal", "--home", h});
+  EXPECT_EQ(out, "KEY-FROM-STDIN\n");
 }

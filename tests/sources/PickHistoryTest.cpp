@@ -117,7 +117,7 @@ TEST(QualitySettings, StoredLevelFallsBackWithoutWriting) {
     store->setInteger("quality", raw);
     EXPECT_EQ(storedQualityLevel(*store), QualityLevel::fast) << raw << " is out of range: the old record decides";
   }
-  store->setString("quality", "3");
+  store->setString("quality", "three");
   EXPECT_EQ(storedQualityLevel(*store), QualityLevel::fast);
   EXPECT_TRUE(store->contains("streamPreference")) << "reading writes nothing";
   store->setData("streamPreference", "garbage");

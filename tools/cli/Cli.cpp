@@ -47,7 +47,9 @@ std::string toolHelp(const std::vector<Verb>& table) {
 
 std::string verbHelp(const Verb& verb) {
   std::ostringstream s;
-  s << "Usage: " << kToolName << ' ' << verb.name << " [flags]\n\n" << verb.description << "\n\nFlags:\n";
+  s << "Usage: " << kToolName << ' ' << verb.name << (verb.operands.empty() ? "" : " " + verb.operands)
+    << " [flags]\n\n"
+    << verb.description << "\n\nFlags:\n";
   std::vector<Flag> all = verb.flags;
   all.push_back(kHomeFlag);
   all.push_back(kHelpFlag);
@@ -82,14 +84,23 @@ int run(const std::vector<std::string>& args, Io& io, const std::vector<Verb>& t
   }
 
   Arguments parsed;
+  bool onlyOperands = false;
   for (size_t i = 1; i < args.size(); ++i) {
     std::string flag = args[i];
     std::optional<std::string> inlineValue;
-    if (flag == "--help" || flag == "-h") {
+    if (!onlyOperands && (flag == "--help" || flag == "-h")) {
       io.out << verbHelp(*verb);
       return 0;
     }
-    if (flag.rfind("--", 0) != 0) return usageError(io, verb->name, "unexpected argument \"" + flag + "\"");
+    if (!onlyOperands && flag == "--" && !verb->operands.empty()) {
+      onlyOperands = true;
+      continue;
+    }
+    if (onlyOperands || flag.rfind("--", 0) != 0) {
+      if (verb->operands.empty()) return usageError(io, verb->name, "unexpected argument \"" + flag + "\"");
+      parsed.operands.push_back(flag);
+      continue;
+    }
     if (const auto eq = flag.find('='); eq != std::string::npos) {
       inlineValue = flag.substr(eq + 1);
       flag.resize(eq);
@@ -119,7 +130,7 @@ std::unique_ptr<SettingsStore> openHomeSettings(const std::string& home, HomeAcc
   if (access == HomeAccess::write) return SettingsStore::openForTestHome(home);
   std::error_code ec;
   if (!std::filesystem::exists(std::filesystem::path(home) / ".settings-owned", ec)) return nullptr;
-  return std::make_unique<SettingsStore>(AppPaths::forTestHome(home).settingsPath);
+  return std::make_unique<SettingsStore>(AppPaths::forTestHome(home).settingsPath, SettingsAccess::readOnly);
 }
 
 }  // namespace vt::cli

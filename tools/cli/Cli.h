@@ -37,6 +37,7 @@ struct Flag {
 // What the command line gave a verb. --home is common to every verb.
 struct Arguments {
   std::optional<std::string> home;
+  std::vector<std::string> operands;  // the words that are not flags, in order
   std::map<std::string, std::string> values;
   std::set<std::string> switches;
 
@@ -50,6 +51,10 @@ struct Verb {
   std::string description;  // the body of the verb's --help
   std::vector<Flag> flags;  // besides --home and --help
   std::function<int(const Arguments&, Io&)> run;
+  // The operands in the usage line ("show | get KEY"); empty for a verb that
+  // takes none, which then refuses a word that isn't a flag. After "--"
+  // every word is an operand.
+  std::string operands;
 };
 
 // Every verb the tool has, in the order --help lists them.
@@ -67,7 +72,8 @@ int usageError(Io& io, const std::string& verb, const std::string& message);
 
 // The settings of a home folder (the folder VT_UITEST_HOME names). For
 // reading, a home the application never opened counts as empty settings and
-// nothing is created: none. For writing, the store is opened the way the
+// nothing is created: none; otherwise the store is opened read-only, so a
+// look changes nothing. For writing, the store is opened the way the
 // application opens a test home.
 enum class HomeAccess { read, write };
 std::unique_ptr<SettingsStore> openHomeSettings(const std::string& home, HomeAccess access);

@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "cli/Verbs.h"
+#include "core/UserSettings.h"
 #include "platform/Settings.h"
 #include "sources/ranking/PickHistory.h"
 #include "sources/ranking/RankingSettings.h"
@@ -36,13 +37,7 @@ std::optional<int> parseMinutes(const std::string& text) {
 
 }  // namespace
 
-std::optional<QualityLevel> qualityLevelFromName(const std::string& name) {
-  if (name == "fast") return QualityLevel::fast;
-  if (name == "balanced") return QualityLevel::balanced;
-  if (name == "high") return QualityLevel::high;
-  if (name == "best") return QualityLevel::best;
-  return std::nullopt;
-}
+std::optional<QualityLevel> qualityLevelFromName(const std::string& name) { return vt::qualityLevelFromName(name); }
 
 std::optional<StreamCandidate> candidateFromRow(const Json& row) {
   if (!row.is_object()) return std::nullopt;

@@ -35,8 +35,14 @@ std::optional<StreamCandidate> candidateFromRow(const Json& row);
 
 std::optional<QualityLevel> qualityLevelFromName(const std::string& name);
 
+// config: show, get, set and unset the settings a user may set (the table
+// of core/UserSettings.h), in the settings of --home or, without it, the
+// application's own. Writes go through AppConfig.
+int configCommand(const Arguments& args, Io& io);
+
 // The verb table entries.
 Verb releaseVerb();
 Verb rankVerb();
+Verb configVerb();
 
 }  // namespace vt::cli

@@ -78,11 +78,12 @@ void VantoryApp::reportWhatIsMissing() {
   if (!parseUrl(config_->pmsURLString()) || config_->token().empty())
     logLine(
         "[Vantory] waiting for the Plex server: set its address and token with 'vantory-cli config set "
-        "pmsURLString http://HOST:32400' and 'vantory-cli config set token TOKEN', then start Vantory again");
+        "pmsURLString http://HOST:32400' and 'vantory-cli config set token -' (the token on standard input), "
+        "then start Vantory again");
   if (config_->rdKey().empty())
     logLine(
-        "[Vantory] waiting for a Real-Debrid key: the engine starts once 'vantory-cli config set rdKey KEY' has "
-        "stored it and Vantory starts again");
+        "[Vantory] waiting for a Real-Debrid key: the engine starts once 'vantory-cli config set rdKey -' has "
+        "read it from standard input and Vantory starts again");
 }
 
 QCoro::Task<> VantoryApp::bootstrap() {

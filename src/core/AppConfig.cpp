@@ -4,18 +4,12 @@
 #include <QUuid>
 #include <algorithm>
 
+#include "platform/Text.h"
 #include "platform/Url.h"
 
 namespace vt {
 
 namespace {
-
-std::string trimmed(const std::string& s) {
-  const char* ws = " \t\n\r\f\v";
-  const auto b = s.find_first_not_of(ws);
-  if (b == std::string::npos) return {};
-  return s.substr(b, s.find_last_not_of(ws) - b + 1);
-}
 
 constexpr int kMovieControlPort = 12050;
 

@@ -1,10 +1,10 @@
 #include "core/LibraryTitle.h"
 
-#include <charconv>
 #include <cstdio>
 
 #include "platform/JsonWriter.h"
 #include "platform/Regex.h"
+#include "platform/Text.h"
 #include "sources/release/Resolution.h"
 
 namespace vt {
@@ -77,10 +77,7 @@ std::string safeName(std::string_view title) {
   }
   const auto lead = s.find_first_not_of(". ");
   s.erase(0, lead == std::string::npos ? s.size() : lead);
-  const char* ws = " \t\n\r\f\v";
-  const auto b = s.find_first_not_of(ws);
-  if (b == std::string::npos) return {};
-  return s.substr(b, s.find_last_not_of(ws) - b + 1);
+  return trimmed(s);
 }
 
 namespace {
@@ -112,19 +109,6 @@ std::string episodeFileName(std::string_view seriesTitle, std::string_view year,
   return stem(seriesTitle, year, imdbId) + "/Season " + twoDigits(season) + "/" + safeName(seriesTitle) + " (" +
          std::string(year) + ") - s" + twoDigits(season) + "e" + twoDigits(episode) + ".mkv";
 }
-
-namespace {
-
-// ASCII digits only; other digits make the number unreadable.
-std::optional<int> parseInt(std::string_view s) {
-  if (s.empty()) return std::nullopt;
-  int v = 0;
-  auto [p, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-  if (ec != std::errc() || p != s.data() + s.size()) return std::nullopt;
-  return v;
-}
-
-}  // namespace
 
 // The IMDb tag pattern. Names are read on every load and upsert, so the
 // common all-ASCII case is decided by a scan that gives exactly what the
@@ -194,7 +178,7 @@ std::optional<std::string> seriesIdOf(std::string_view key) {
     start = colon + 1;
   }
   if (parts.size() != 3 || !parts[0].starts_with("tt")) return std::nullopt;
-  if (!parseInt(parts[1]) || !parseInt(parts[2])) return std::nullopt;
+  if (!parseAsciiInt(parts[1]) || !parseAsciiInt(parts[2])) return std::nullopt;
   return std::string(parts[0]);
 }
 

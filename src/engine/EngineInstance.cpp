@@ -11,6 +11,7 @@
 #include "platform/ProcessTable.h"
 #include "platform/SerialFileWriter.h"
 #include "platform/Settings.h"
+#include "platform/Text.h"
 
 namespace vt {
 
@@ -19,9 +20,8 @@ namespace {
 std::optional<int> readPidFile(const std::string& path) {
   auto text = readFile(path);
   if (!text) return std::nullopt;
-  bool ok = false;
-  const int pid = QString::fromStdString(*text).trimmed().toInt(&ok);
-  if (!ok || pid < 2) return std::nullopt;
+  const auto pid = parseAsciiInt(trimmedView(*text));
+  if (!pid || *pid < 2) return std::nullopt;
   return pid;
 }
 

@@ -23,6 +23,7 @@
 #include "platform/ProcessTable.h"
 #include "platform/SerialFileWriter.h"
 #include "platform/Settings.h"
+#include "platform/Text.h"
 
 namespace vt {
 
@@ -34,23 +35,20 @@ constexpr const char* kGaveUp = "Vantory stopped unexpectedly.";
 int portOf(const std::string& address) {
   const auto colon = address.rfind(':');
   if (colon == std::string::npos) return 0;
-  bool ok = false;
-  const int port = QString::fromStdString(address.substr(colon + 1)).toInt(&ok);
-  return ok ? port : 0;
+  return parseAsciiInt(std::string_view(address).substr(colon + 1)).value_or(0);
 }
 
 std::optional<int> readPidFile(const std::string& path) {
   auto text = readFile(path);
   if (!text) return std::nullopt;
-  bool ok = false;
-  const int pid = QString::fromStdString(*text).trimmed().toInt(&ok);
-  if (!ok || pid < 2) return std::nullopt;
+  const auto pid = parseAsciiInt(trimmedView(*text));
+  if (!pid || *pid < 2) return std::nullopt;
   return pid;
 }
 
 bool isEngineProcess(int pid) {
   const auto name = processName(pid);
-  return name && lastPathComponent(QString::fromStdString(*name).trimmed().toStdString()) == "vtnfs";
+  return name && lastPathComponent(trimmed(*name)) == "vtnfs";
 }
 
 EngineError stopped() { return EngineError{EngineError::Kind::stopped, {}}; }

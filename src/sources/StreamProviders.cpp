@@ -2,19 +2,9 @@
 
 #include "core/AppConfig.h"
 #include "platform/Endpoints.h"
+#include "platform/Text.h"
 
 namespace vt {
-
-namespace {
-
-std::string trimmed(const std::string& s) {
-  const char* ws = " \t\n\r\f\v";
-  const auto b = s.find_first_not_of(ws);
-  if (b == std::string::npos) return {};
-  return s.substr(b, s.find_last_not_of(ws) - b + 1);
-}
-
-}  // namespace
 
 std::optional<QUrl> addonURL(const AppConfig& config) {
   if (const auto override = trimmed(config.streamAddonOverride()); !override.empty()) return parseAddonUrl(override);

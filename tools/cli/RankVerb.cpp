@@ -1,4 +1,3 @@
-#include <charconv>
 #include <cmath>
 #include <istream>
 #include <limits>
@@ -7,6 +6,7 @@
 #include "cli/Verbs.h"
 #include "core/UserSettings.h"
 #include "platform/Settings.h"
+#include "platform/Text.h"
 #include "sources/ranking/PickHistory.h"
 #include "sources/ranking/RankingSettings.h"
 
@@ -26,13 +26,6 @@ std::optional<int64_t> wholeNumber(const Json& v) {
     return static_cast<int64_t>(d);
   }
   return std::nullopt;
-}
-
-std::optional<int> parseMinutes(const std::string& text) {
-  int value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
 }
 
 }  // namespace
@@ -117,7 +110,7 @@ Verb rankVerb() {
                 return usageError(io, "rank", "--level must be fast, balanced, high or best, not \"" + *name + "\"");
             }
             if (const auto minutes = args.value("--runtime")) {
-              options.runtimeMinutes = parseMinutes(*minutes);
+              options.runtimeMinutes = parseAsciiInt(*minutes);
               if (!options.runtimeMinutes)
                 return usageError(io, "rank", "--runtime takes whole minutes, not \"" + *minutes + "\"");
             }

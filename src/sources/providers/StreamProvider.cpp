@@ -6,16 +6,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/Text.h"
+
 namespace vt {
 
 namespace {
-
-std::string_view trimmedView(std::string_view s) {
-  constexpr std::string_view ws = " \t\n\r\f\v";
-  const auto b = s.find_first_not_of(ws);
-  if (b == std::string_view::npos) return {};
-  return s.substr(b, s.find_last_not_of(ws) - b + 1);
-}
 
 bool cutSuffix(std::string& s, std::string_view suffix) {
   if (s.size() < suffix.size() || s.compare(s.size() - suffix.size(), suffix.size(), suffix) != 0) return false;

@@ -1,10 +1,10 @@
 #include "sources/ranking/PickHistory.h"
 
-#include <charconv>
 #include <limits>
 
 #include "platform/Json.h"
 #include "platform/Settings.h"
+#include "platform/Text.h"
 #include "sources/release/ReleaseParser.h"
 
 namespace vt {
@@ -54,11 +54,9 @@ std::optional<PickHistory::Cell> PickHistory::usualCell() const {
     if (count <= bestCount) continue;
     const auto bar = key.rfind('|');
     if (bar == std::string::npos) continue;
-    Cell cell{key.substr(0, bar), 0};
-    const auto digits = std::string_view(key).substr(bar + 1);
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), cell.band);
-    if (error != std::errc() || end != digits.data() + digits.size()) continue;
-    best = std::move(cell);
+    const auto band = parseAsciiInt(std::string_view(key).substr(bar + 1));
+    if (!band) continue;
+    best = Cell{key.substr(0, bar), *band};
     bestCount = count;
   }
   return best;

@@ -188,10 +188,4 @@ std::optional<std::vector<std::string>> requiredLiterals(std::string_view patter
   return s;
 }
 
-bool containsAny(std::string_view text, const std::vector<std::string>& anchors) {
-  for (const auto& a : anchors)
-    if (text.find(a) != std::string_view::npos) return true;
-  return false;
-}
-
 }  // namespace vt

@@ -15,7 +15,4 @@ namespace vt {
 // use it: the anchors are case-sensitive.
 std::optional<std::vector<std::string>> requiredLiterals(std::string_view pattern);
 
-// True when `text` holds at least one of `anchors`.
-bool containsAny(std::string_view text, const std::vector<std::string>& anchors);
-
 }  // namespace vt

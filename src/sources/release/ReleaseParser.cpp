@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bitset>
-#include <charconv>
 #include <cmath>
 #include <ctime>
 #include <deque>
@@ -14,18 +12,17 @@
 #include <set>
 #include <unordered_map>
 
+#include "platform/AhoCorasick.h"
+#include "platform/IsoDate.h"
 #include "platform/JsonWriter.h"
 #include "platform/Regex.h"
+#include "platform/Text.h"
 #include "sources/release/Anchors.h"
 #include "sources/release/Resolution.h"
 
 namespace vt {
 
 namespace {
-
-// Set while the reference path runs: every pattern is then tried as it
-// stands, with no shortcut.
-thread_local bool t_reference = false;
 
 bool anchorsPresent(std::string_view text, int id, const std::vector<std::string>& anchors);
 bool nonAscii(std::string_view t);
@@ -68,15 +65,16 @@ struct Pattern {
     }
     words = std::move(list);
   }
-  bool possible(std::string_view t) const {
-    if (t_reference) return true;
+  // In reference mode every pattern is tried as it stands, with no shortcut.
+  bool possible(std::string_view t, ParseMode mode) const {
+    if (mode == ParseMode::reference) return true;
     if (never) return false;
     if (anchors && !anchorsPresent(t, id, *anchors)) return false;
     return !guard || guard(t);
   }
-  bool matches(std::string_view t) const {
-    if (!possible(t)) return false;
-    if (words && !t_reference && !nonAscii(t)) return containsWord(t);
+  bool matches(std::string_view t, ParseMode mode) const {
+    if (!possible(t, mode)) return false;
+    if (words && mode == ParseMode::fast && !nonAscii(t)) return containsWord(t);
     return re.contains(t);
   }
   bool containsWord(std::string_view t) const {
@@ -95,16 +93,16 @@ struct Pattern {
     }
     return false;
   }
-  std::optional<Regex::Match> search(std::string_view t) const {
-    if (!possible(t)) return std::nullopt;
+  std::optional<Regex::Match> search(std::string_view t, ParseMode mode) const {
+    if (!possible(t, mode)) return std::nullopt;
     return re.search(t);
   }
-  std::vector<Regex::Match> searchAll(std::string_view t) const {
-    if (!possible(t)) return {};
+  std::vector<Regex::Match> searchAll(std::string_view t, ParseMode mode) const {
+    if (!possible(t, mode)) return {};
     return re.searchAll(t);
   }
-  std::string replaceAll(std::string_view t, std::string_view with) const {
-    if (!possible(t)) return std::string(t);
+  std::string replaceAll(std::string_view t, std::string_view with, ParseMode mode) const {
+    if (!possible(t, mode)) return std::string(t);
     return re.replaceAll(t, with);
   }
 };
@@ -142,86 +140,8 @@ bool sizeGuard(std::string_view t) { return nonAscii(t) || (!t.empty() && digit(
 // most names contain; on ASCII text that alternative needs a digit after it.
 bool groupContextGuard(std::string_view t);
 
-// Aho-Corasick over the anchors of every pattern: one pass over a text tells
-// which patterns can match it.
-class AnchorScanner {
- public:
-  using Bits = std::bitset<192>;
-
-  void add(const std::string& word, int id) { words_.emplace_back(word, id); }
-
-  void build() {
-    // Only the bytes that occur in some anchor get a symbol of their own;
-    // every other byte is symbol 0, which no anchor holds.
-    symbols_.fill(0);
-    int count = 1;
-    for (const auto& [w, id] : words_)
-      for (unsigned char c : w)
-        if (!symbols_[c]) symbols_[c] = static_cast<uint8_t>(count++);
-    width_ = count;
-    next_.assign(static_cast<size_t>(width_), -1);
-    out_.assign(1, Bits());
-    fail_.assign(1, 0);
-    for (const auto& [w, id] : words_) {
-      int node = 0;
-      for (unsigned char c : w) {
-        int& child = next_[static_cast<size_t>(node * width_ + symbols_[c])];
-        if (child < 0) {
-          child = static_cast<int>(out_.size());
-          out_.emplace_back();
-          fail_.push_back(0);
-          next_.resize(next_.size() + static_cast<size_t>(width_), -1);
-        }
-        node = next_[static_cast<size_t>(node * width_ + symbols_[c])];
-      }
-      out_[static_cast<size_t>(node)].set(static_cast<size_t>(id));
-    }
-    std::deque<int> queue;
-    for (int c = 0; c < width_; ++c) {
-      int& child = next_[static_cast<size_t>(c)];
-      if (child < 0) {
-        child = 0;
-      } else {
-        fail_[static_cast<size_t>(child)] = 0;
-        queue.push_back(child);
-      }
-    }
-    while (!queue.empty()) {
-      const int n = queue.front();
-      queue.pop_front();
-      const int f = fail_[static_cast<size_t>(n)];
-      out_[static_cast<size_t>(n)] |= out_[static_cast<size_t>(f)];
-      for (int c = 0; c < width_; ++c) {
-        int& child = next_[static_cast<size_t>(n * width_ + c)];
-        const int viaFail = next_[static_cast<size_t>(f * width_ + c)];
-        if (child < 0) {
-          child = viaFail;
-        } else {
-          fail_[static_cast<size_t>(child)] = viaFail;
-          queue.push_back(child);
-        }
-      }
-    }
-  }
-
-  Bits scan(std::string_view text) const {
-    Bits hits;
-    int node = 0;
-    for (unsigned char c : text) {
-      node = next_[static_cast<size_t>(node * width_ + symbols_[c])];
-      hits |= out_[static_cast<size_t>(node)];
-    }
-    return hits;
-  }
-
- private:
-  std::vector<std::pair<std::string, int>> words_;
-  std::array<uint8_t, 256> symbols_{};
-  int width_ = 1;
-  std::vector<int> next_;
-  std::vector<int> fail_;
-  std::vector<Bits> out_;
-};
+// One pass over a text tells which patterns can match it.
+using AnchorScanner = AhoCorasick<192>;
 
 // Every pattern of the parser, compiled once. They run on upper-cased text,
 // so no pattern needs a case option.
@@ -391,7 +311,7 @@ struct Patterns {
     for (Pattern* p : all) {
       if (!p->anchors || next >= kMaxAnchored) continue;
       p->id = next++;
-      for (const auto& a : *p->anchors) scanner.add(a, p->id);
+      for (const auto& a : *p->anchors) scanner.add(a, static_cast<size_t>(p->id));
     }
     scanner.build();
   }
@@ -419,7 +339,7 @@ bool anchorsPresent(std::string_view text, int id, const std::vector<std::string
   if (id < 0) return containsAny(text, anchors);
   struct Entry {
     std::string text;
-    AnchorScanner::Bits bits;
+    AnchorScanner::Hits bits;
   };
   thread_local std::array<Entry, 6> cache;
   thread_local size_t nextSlot = 0;
@@ -434,31 +354,25 @@ bool anchorsPresent(std::string_view text, int id, const std::vector<std::string
   return e.bits.test(static_cast<size_t>(id));
 }
 
-std::optional<std::string> firstRow(const std::vector<Row>& table, std::string_view text) {
+std::optional<std::string> firstRow(const std::vector<Row>& table, std::string_view text, ParseMode mode) {
   for (const auto& [pattern, value] : table)
-    if (pattern.matches(text)) return std::string(value);
+    if (pattern.matches(text, mode)) return std::string(value);
   return std::nullopt;
 }
 
-// ASCII digits only; any other digit leaves the number unreadable.
-std::optional<int> asciiNumber(const std::optional<std::string>& s) {
-  if (!s || s->empty()) return std::nullopt;
-  int v = 0;
-  auto [p, ec] = std::from_chars(s->data(), s->data() + s->size(), v);
-  if (ec != std::errc() || p != s->data() + s->size()) return std::nullopt;
-  return v;
-}
+// A captured number: ASCII digits only, any other digit leaves it unreadable.
+std::optional<int> asciiNumber(const std::optional<std::string>& s) { return s ? parseAsciiInt(*s) : std::nullopt; }
 
-std::string withoutSubtitlePhrases(std::string text) {
+std::string withoutSubtitlePhrases(std::string text, ParseMode mode) {
   const auto& P = patterns();
-  text = P.subsPhrase.replaceAll(text, " ");
-  return P.subsLanguage.replaceAll(text, " ");
+  text = P.subsPhrase.replaceAll(text, " ", mode);
+  return P.subsLanguage.replaceAll(text, " ", mode);
 }
 
-std::string technicalTail(const std::string& upper) {
+std::string technicalTail(const std::string& upper, ParseMode mode) {
   const auto& marker = patterns().tailMarker;
   size_t from = 0;
-  if (!t_reference && marker.anchors) {
+  if (mode == ParseMode::fast && marker.anchors) {
     // Every alternative of the marker starts at most four bytes before one of
     // its literals, so no match starts earlier than four bytes before the
     // first literal in the text: the search can begin there.
@@ -500,24 +414,6 @@ size_t characterCount(std::string_view s) {
   return n;
 }
 
-std::string trimChars(std::string_view s, std::string_view chars) {
-  const auto b = s.find_first_not_of(chars);
-  if (b == std::string_view::npos) return {};
-  return std::string(s.substr(b, s.find_last_not_of(chars) - b + 1));
-}
-
-std::vector<std::string> splitAny(std::string_view s, std::string_view seps) {
-  std::vector<std::string> out;
-  size_t start = 0;
-  for (size_t i = 0; i <= s.size(); ++i) {
-    if (i == s.size() || seps.find(s[i]) != std::string_view::npos) {
-      if (i > start) out.emplace_back(s.substr(start, i - start));
-      start = i + 1;
-    }
-  }
-  return out;
-}
-
 const std::set<std::string>& rejectList() {
   static const std::set<std::string> words = {
       "WWW",      "COM",      "ORG",      "NET",   "THE",        "BY",      "AND",         "OF",         "MKV",
@@ -533,15 +429,15 @@ const std::set<std::string>& rejectList() {
   return words;
 }
 
-std::optional<std::string> validateGroup(std::string_view candidate) {
+std::optional<std::string> validateGroup(std::string_view candidate, ParseMode mode) {
   const auto& P = patterns();
-  const std::string s = trimChars(candidate, " .-_[]()");
+  const std::string s = trimmed(candidate, " .-_[]()");
   if (s.find('.') != std::string::npos) {
     for (const auto& piece : splitAny(toUpper(s), "."))
       if (piece == "YTS" || piece == "YIFY") return std::string("YTS");
     return std::nullopt;
   }
-  const std::string r = trimChars(candidate, " .-[]()");
+  const std::string r = trimmed(candidate, " .-[]()");
   if (!r.empty() && r[0] == '_') return std::nullopt;
   if (characterCount(r) == 11) {
     bool upper = false, lower = false, digit = false;
@@ -559,10 +455,10 @@ std::optional<std::string> validateGroup(std::string_view candidate) {
   const std::string upperS = toUpper(s);
   if (rejectList().count(upperS)) return std::nullopt;
   for (const Pattern* r : P.scan)
-    if (r->matches(upperS)) return std::nullopt;
+    if (r->matches(upperS, mode)) return std::nullopt;
   for (const auto& [r, label] : P.spelled)
-    if (r.matches(upperS)) return std::nullopt;
-  if (P.groupContext.matches(upperS) || P.sizeWord.matches(upperS)) return std::nullopt;
+    if (r.matches(upperS, mode)) return std::nullopt;
+  if (P.groupContext.matches(upperS, mode) || P.sizeWord.matches(upperS, mode)) return std::nullopt;
   return s;
 }
 
@@ -613,25 +509,25 @@ Memo& memo() {
 
 }  // namespace
 
-std::optional<std::string> ReleaseParser::extractGroup(std::string_view base) {
+std::optional<std::string> ReleaseParser::extractGroup(std::string_view base, ParseMode mode) {
   const auto& P = patterns();
-  const std::string t = trimChars(base, " \t\n\r\f\v");
+  const std::string t = trimmed(base);
   if (t.empty()) return std::nullopt;
 
   if (t.back() == ']' || t.back() == ')') {
-    auto tags = P.bracketTag.searchAll(t);
+    auto tags = P.bracketTag.searchAll(t, mode);
     for (auto it = tags.rbegin(); it != tags.rend(); ++it) {
       const std::string tag = *it->group(1);
       const auto words = splitAny(tag, " -_");
-      const std::string s = trimChars(tag, " \t\n\r\f\v");
+      const std::string s = trimmed(tag);
       if ((words.size() == 2 || words.size() == 3) && characterCount(s) <= 20 && s.find('.') == std::string::npos &&
-          std::all_of(words.begin(), words.end(), [](const std::string& w) {
+          std::all_of(words.begin(), words.end(), [mode](const std::string& w) {
             const auto u = toUpper(w);
-            return u == "THE" || u == "OF" || u == "AND" || validateGroup(w).has_value();
+            return u == "THE" || u == "OF" || u == "AND" || validateGroup(w, mode).has_value();
           }))
         return s;
       if (words.empty()) continue;
-      auto valid = validateGroup(words.back());
+      auto valid = validateGroup(words.back(), mode);
       if (!valid) continue;
       if (isHex8(words.back())) continue;  // a checksum
       return valid;
@@ -642,8 +538,8 @@ std::optional<std::string> ReleaseParser::extractGroup(std::string_view base) {
   // run of those characters (a dash is not one of them), so reading the run
   // from the end gives the same capture as the pattern.
   std::optional<std::string> dashTail;
-  if (t_reference) {
-    if (auto m = P.dashTail.search(t)) dashTail = m->group(1);
+  if (mode == ParseMode::reference) {
+    if (auto m = P.dashTail.search(t, mode)) dashTail = m->group(1);
   } else {
     auto tailChar = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.'; };
     size_t k = 0;
@@ -653,32 +549,32 @@ std::optional<std::string> ReleaseParser::extractGroup(std::string_view base) {
     if (k >= 2 && k <= 20 && t.size() > k && t[t.size() - 1 - k] == '-') dashTail = t.substr(t.size() - k);
   }
   if (dashTail) {
-    if (auto valid = validateGroup(*dashTail)) return valid;
+    if (auto valid = validateGroup(*dashTail, mode)) return valid;
   }
 
   const auto tokens = splitAny(t, "_ ");
   if (tokens.empty()) return std::nullopt;
-  if (!P.groupContext.matches(normaliseReleaseName(t, t_reference).upper)) return std::nullopt;
+  if (!P.groupContext.matches(normaliseReleaseName(t, mode).upper, mode)) return std::nullopt;
   auto pieces = splitAny(tokens.back(), ".");
   if (pieces.size() > 1 && domainEndings().count(toLower(pieces.back()))) pieces.pop_back();
   if (pieces.empty()) return std::nullopt;
   const auto& candidate = pieces.back();
-  if (P.groupContext.matches(toUpper(candidate))) return std::nullopt;
-  return validateGroup(candidate);
+  if (P.groupContext.matches(toUpper(candidate), mode)) return std::nullopt;
+  return validateGroup(candidate, mode);
 }
 
-ReleaseInfo ReleaseParser::parseUncached(std::string_view name) {
+ReleaseInfo ReleaseParser::parseUncached(std::string_view name, ParseMode mode) {
   const auto& P = patterns();
   ReleaseInfo info;
   const auto line = firstLine(name);
-  const auto normalised = normaliseReleaseName(line, t_reference);
+  const auto normalised = normaliseReleaseName(line, mode);
   info.container = normalised.container;
   const std::string& upper = normalised.upper;
   const std::string_view base = info.container ? line.substr(0, line.size() - info.container->size() - 1) : line;
 
-  info.resolution = firstRow(P.resolution, upper);
+  info.resolution = firstRow(P.resolution, upper, mode);
   if (!info.resolution) {
-    if (auto m = P.dimensions.search(upper)) {
+    if (auto m = P.dimensions.search(upper, mode)) {
       const auto w = asciiNumber(m->group(1));
       const auto h = asciiNumber(m->group(2));
       if (w && h) {
@@ -693,77 +589,63 @@ ReleaseInfo ReleaseParser::parseUncached(std::string_view name) {
       }
     }
   }
-  info.codec = firstRow(P.codec, upper);
-  if (P.remux.matches(upper)) {
+  info.codec = firstRow(P.codec, upper, mode);
+  if (P.remux.matches(upper, mode)) {
     info.source = "REMUX";
     info.isRemux = true;
   } else {
-    info.source = firstRow(P.source, upper);
+    info.source = firstRow(P.source, upper, mode);
   }
-  info.service = firstRow(P.service, upper);
-  info.audio = firstRow(P.audio, upper);
-  info.hdr = firstRow(P.hdr, upper);
+  info.service = firstRow(P.service, upper, mode);
+  info.audio = firstRow(P.audio, upper, mode);
+  info.hdr = firstRow(P.hdr, upper, mode);
 
-  const std::string noSubs = withoutSubtitlePhrases(upper);
-  const std::string tailNoSubs = withoutSubtitlePhrases(technicalTail(upper));
-  if (P.multi.matches(noSubs)) {
+  const std::string noSubs = withoutSubtitlePhrases(upper, mode);
+  const std::string tailNoSubs = withoutSubtitlePhrases(technicalTail(upper, mode), mode);
+  if (P.multi.matches(noSubs, mode)) {
     info.languages = {"MULTI"};
   } else {
     std::set<std::string> spelled;
     for (const auto& [r, label] : P.spelled)
-      if (r.matches(tailNoSubs)) spelled.insert(label);
+      if (r.matches(tailNoSubs, mode)) spelled.insert(label);
     for (const auto& [r, label] : P.codes) {
       if (std::find(info.languages.begin(), info.languages.end(), label) != info.languages.end()) continue;
-      if (spelled.count(label) || r.matches(noSubs)) info.languages.emplace_back(label);
+      if (spelled.count(label) || r.matches(noSubs, mode)) info.languages.emplace_back(label);
     }
-    if (P.dual.matches(noSubs)) info.languages.insert(info.languages.begin(), "DUAL");
+    if (P.dual.matches(noSubs, mode)) info.languages.insert(info.languages.begin(), "DUAL");
   }
 
   forEachCodePoint(base, [&](UChar32 c) { info.cyrillic = info.cyrillic || (c >= 0x0400 && c <= 0x04FF); });
 
-  if (P.bit10.matches(upper))
+  if (P.bit10.matches(upper, mode))
     info.bitDepth = 10;
-  else if (P.bit8.matches(upper))
+  else if (P.bit8.matches(upper, mode))
     info.bitDepth = 8;
 
-  info.proper = P.proper.matches(upper);
-  info.repack = P.repack.matches(upper);
-  info.extended = P.extended.matches(upper);
-  info.directorsCut = P.directorsCut.matches(upper);
-  info.remastered = P.remastered.matches(upper);
-  info.upscaled = P.upscaled.matches(upper);
-  info.notTheFilm = P.notTheFilm.matches(upper);
-  info.stereo3D = P.stereo3D.matches(upper);
-  info.burnedSubs = P.burnedSubs.matches(upper);
-  info.dolbyVisionOnly = P.dolbyVision.matches(upper) && !P.hdrFallback.matches(upper);
-  info.dubbed = P.dubbed.matches(upper);
+  info.proper = P.proper.matches(upper, mode);
+  info.repack = P.repack.matches(upper, mode);
+  info.extended = P.extended.matches(upper, mode);
+  info.directorsCut = P.directorsCut.matches(upper, mode);
+  info.remastered = P.remastered.matches(upper, mode);
+  info.upscaled = P.upscaled.matches(upper, mode);
+  info.notTheFilm = P.notTheFilm.matches(upper, mode);
+  info.stereo3D = P.stereo3D.matches(upper, mode);
+  info.burnedSubs = P.burnedSubs.matches(upper, mode);
+  info.dolbyVisionOnly = P.dolbyVision.matches(upper, mode) && !P.hdrFallback.matches(upper, mode);
+  info.dubbed = P.dubbed.matches(upper, mode);
 
-  if (auto m = P.seasonEpisode.search(upper)) {
+  if (auto m = P.seasonEpisode.search(upper, mode)) {
     info.season = asciiNumber(m->group(1));
     info.episode = asciiNumber(m->group(2));
-  } else if (auto x = P.crossEpisode.search(upper)) {
+  } else if (auto x = P.crossEpisode.search(upper, mode)) {
     info.season = asciiNumber(x->group(1));
     info.episode = asciiNumber(x->group(2));
-  } else if (auto s = P.seasonOnly.search(upper)) {
+  } else if (auto s = P.seasonOnly.search(upper, mode)) {
     info.season = asciiNumber(s->group(1));
   }
-  info.isComplete = P.complete.matches(upper) || (info.season && !info.episode);
-  info.group = extractGroup(base);
+  info.isComplete = P.complete.matches(upper, mode) || (info.season && !info.episode);
+  info.group = extractGroup(base, mode);
   return info;
-}
-
-ReleaseInfo ReleaseParser::parseReference(std::string_view name) {
-  t_reference = true;
-  auto info = parseUncached(name);
-  t_reference = false;
-  return info;
-}
-
-std::vector<std::string> ReleaseParser::unrecognizedWordsReference(std::string_view name) {
-  t_reference = true;
-  auto words = unrecognizedWords(name);
-  t_reference = false;
-  return words;
 }
 
 ReleaseInfo ReleaseParser::parse(std::string_view name) {
@@ -773,12 +655,14 @@ ReleaseInfo ReleaseParser::parse(std::string_view name) {
   return info;
 }
 
-std::vector<std::string> ReleaseParser::unrecognizedWords(std::string_view name) {
+std::vector<std::string> ReleaseParser::unrecognizedWords(std::string_view name, ParseMode mode) {
   const auto& P = patterns();
-  std::string text = technicalTail(normaliseReleaseName(firstLine(name), t_reference).upper);
-  for (const Pattern* r : P.scan) text = r->replaceAll(text, " ");
-  for (const auto& [r, label] : P.spelled) text = r.replaceAll(text, " ");
-  const auto group = parse(name).group;
+  std::string text = technicalTail(normaliseReleaseName(firstLine(name), mode).upper, mode);
+  for (const Pattern* r : P.scan) text = r->replaceAll(text, " ", mode);
+  for (const auto& [r, label] : P.spelled) text = r.replaceAll(text, " ", mode);
+  // The reference reading stays off the memo, so that it owes nothing to the
+  // fast path.
+  const auto group = mode == ParseMode::fast ? parse(name).group : parseUncached(name, mode).group;
   const std::string upperGroup = group ? toUpper(*group) : std::string();
   static const std::set<std::string> ignored = {"WWW", "COM",  "ORG",   "NET", "THE", "BY",  "AND",
                                                 "OF",  "YTS",  "MX",    "AM",  "AG",  "LT",  "GG",
@@ -788,84 +672,28 @@ std::vector<std::string> ReleaseParser::unrecognizedWords(std::string_view name)
     if (characterCount(word) < 2 || (group && word == upperGroup) || ignored.count(word)) continue;
     bool letter = false;
     forEachCodePoint(word, [&](UChar32 c) { letter = letter || u_isalpha(c); });
-    if (!letter || P.sizeWord.matches(word)) continue;
+    if (!letter || P.sizeWord.matches(word, mode)) continue;
     out.push_back(word);
   }
   return out;
 }
 
-std::optional<Date> ReleaseParser::parseDate(std::string_view text) {
-  const std::string t = trimChars(text, " \t\n\r\f\v");
-  if (t.empty()) return std::nullopt;
-  // yyyy-MM-ddTHH:mm:ss[.fff](Z|±hhmm)
-  auto digits = [&](size_t at, size_t n, int& out) {
-    if (at + n > t.size()) return false;
-    out = 0;
-    for (size_t i = at; i < at + n; ++i) {
-      if (t[i] < '0' || t[i] > '9') return false;
-      out = out * 10 + (t[i] - '0');
-    }
-    return true;
-  };
-  int y, mo, d, h, mi, s;
-  if (!digits(0, 4, y) || t.size() < 19 || t[4] != '-' || !digits(5, 2, mo) || t[7] != '-' || !digits(8, 2, d) ||
-      t[10] != 'T' || !digits(11, 2, h) || t[13] != ':' || !digits(14, 2, mi) || t[16] != ':' || !digits(17, 2, s))
-    return std::nullopt;
-  size_t i = 19;
-  double fraction = 0;
-  if (i < t.size() && t[i] == '.') {
-    size_t j = i + 1;
-    double scale = 0.1;
-    while (j < t.size() && t[j] >= '0' && t[j] <= '9') {
-      fraction += (t[j] - '0') * scale;
-      scale /= 10;
-      ++j;
-    }
-    if (j == i + 1) return std::nullopt;
-    i = j;
-  }
-  int offsetSeconds = 0;
-  if (i < t.size() && t[i] == 'Z') {
-    ++i;
-  } else if (i < t.size() && (t[i] == '+' || t[i] == '-')) {
-    int oh, om;
-    if (!digits(i + 1, 2, oh) || !digits(i + 3, 2, om)) return std::nullopt;
-    offsetSeconds = (t[i] == '+' ? 1 : -1) * (oh * 3600 + om * 60);
-    i += 5;
-  } else {
-    return std::nullopt;
-  }
-  if (i != t.size() || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 60) return std::nullopt;
-  std::tm tm{};
-  tm.tm_year = y - 1900;
-  tm.tm_mon = mo - 1;
-  tm.tm_mday = d;
-  tm.tm_hour = h;
-  tm.tm_min = mi;
-  tm.tm_sec = s;
-  const time_t unix = timegm(&tm);
-  return dateFromUnixSeconds(static_cast<double>(unix) - offsetSeconds + fraction);
-}
-
 ReleaseState ReleaseParser::releaseState(const std::optional<std::string>& released, std::string_view year, Date now) {
   if (released) {
-    if (auto date = parseDate(*released)) {
+    if (auto date = parseIsoDate(*released)) {
       const double nowUnix = unixSecondsFromDate(now);
       const double startOfToday = std::floor(nowUnix / 86400.0) * 86400.0;
       return unixSecondsFromDate(*date) > startOfToday ? ReleaseState::unreleased : ReleaseState::released;
     }
   }
-  const auto first4 = year.substr(0, 4);
-  int y = 0;
-  auto [p, ec] = std::from_chars(first4.data(), first4.data() + first4.size(), y);
-  if (first4.empty() || ec != std::errc() || p != first4.data() + first4.size() || y <= 1900)
-    return ReleaseState::unknown;
+  const auto y = parseAsciiInt(year.substr(0, 4));
+  if (!y || *y <= 1900) return ReleaseState::unknown;
   const time_t t = static_cast<time_t>(unixSecondsFromDate(now));
   std::tm local{};
   localtime_r(&t, &local);
   const int current = local.tm_year + 1900;
-  if (y > current) return ReleaseState::unreleased;
-  if (y < current) return ReleaseState::released;
+  if (*y > current) return ReleaseState::unreleased;
+  if (*y < current) return ReleaseState::released;
   return ReleaseState::unknown;
 }
 

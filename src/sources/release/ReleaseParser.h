@@ -42,6 +42,12 @@ struct ReleaseInfo {
   bool operator==(const ReleaseInfo&) const = default;
 };
 
+// How a name is read. `fast` skips the patterns that cannot match and reads
+// plain ASCII without ICU; `reference` tries every pattern as written, with
+// no shortcut: the yardstick that the fast path is tested against. Both give
+// the same result.
+enum class ParseMode { fast, reference };
+
 // The one test of "is it out yet".
 enum class ReleaseState { released, unreleased, unknown };
 
@@ -52,19 +58,15 @@ class ReleaseParser {
   // The memoised entry every caller uses (500 entries, keyed by the whole input).
   static ReleaseInfo parse(std::string_view name);
   // All passes, without the memo.
-  static ReleaseInfo parseUncached(std::string_view name);
-  // The same, trying every pattern as written with no shortcut: the yardstick
-  // that the fast path is tested against.
-  static ReleaseInfo parseReference(std::string_view name);
-  static std::vector<std::string> unrecognizedWordsReference(std::string_view name);
+  static ReleaseInfo parseUncached(std::string_view name, ParseMode mode = ParseMode::fast);
   // The words of the technical tail that nothing explains.
-  static std::vector<std::string> unrecognizedWords(std::string_view name);
+  static std::vector<std::string> unrecognizedWords(std::string_view name, ParseMode mode = ParseMode::fast);
   // The release group of a name's base (the name without its video extension).
-  static std::optional<std::string> extractGroup(std::string_view base);
+  static std::optional<std::string> extractGroup(std::string_view base, ParseMode mode = ParseMode::fast);
 
+  // Whether a title is out: its release date (ISO 8601) when it reads,
+  // otherwise the year against the current local year.
   static ReleaseState releaseState(const std::optional<std::string>& released, std::string_view year, Date now);
-  // ISO 8601 in UTC, with or without fractional seconds.
-  static std::optional<Date> parseDate(std::string_view text);
 };
 
 // Compact JSON of the fields that are present (the release verb of vantory-cli).

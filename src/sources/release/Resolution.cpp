@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <utility>
 
 #include "platform/Regex.h"
-#include "sources/release/ReleaseParser.h"
 
 namespace vt {
 
@@ -17,7 +14,7 @@ const std::array<std::string_view, 9> kVideoExtensions = {"mkv", "mp4",  "avi", 
 
 }  // namespace
 
-NormalisedReleaseName normaliseReleaseName(std::string_view name, bool reference) {
+NormalisedReleaseName normaliseReleaseName(std::string_view name, ParseMode mode) {
   NormalisedReleaseName out;
   std::string_view base = name;
   // The path extension: after the last dot of the last path component.
@@ -34,7 +31,7 @@ NormalisedReleaseName normaliseReleaseName(std::string_view name, bool reference
     }
   }
   const bool ascii = std::all_of(base.begin(), base.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-  if (ascii && !reference) {
+  if (ascii && mode == ParseMode::fast) {
     // Plain ASCII: the same result as the pattern and ICU's upper-casing.
     out.upper.reserve(base.size());
     bool inRun = false;

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "sources/release/ReleaseParser.h"
+
 namespace vt {
 
 // The resolution a release name tells ("4K", "1080p", "720p", "480p"), or
@@ -17,7 +19,7 @@ struct NormalisedReleaseName {
   std::optional<std::string> container;
   std::string upper;
 };
-// `reference` takes the ICU path even for plain ASCII names.
-NormalisedReleaseName normaliseReleaseName(std::string_view name, bool reference = false);
+// The reference mode takes the ICU path even for plain ASCII names.
+NormalisedReleaseName normaliseReleaseName(std::string_view name, ParseMode mode = ParseMode::fast);
 
 }  // namespace vt

@@ -35,7 +35,9 @@ if ((${#missing[@]})); then
 fi
 
 if [[ ! -f "$build_dir/build.ninja" ]]; then
-  cmake -S "$root" -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+  # VT_CMAKE_ARGS: further configure options (./test --sanitize sets them).
+  read -r -a extra <<<"${VT_CMAKE_ARGS:--DCMAKE_BUILD_TYPE=Release}"
+  cmake -S "$root" -B "$build_dir" -G Ninja "${extra[@]}" >/dev/null
 fi
 if (($#)); then
   cmake --build "$build_dir" --target "$@"

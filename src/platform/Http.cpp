@@ -53,7 +53,12 @@ HttpClient::HttpClient(Clock& clock, Session session)
 }
 
 HttpClient::~HttpClient() {
-  if (ownsManager_) manager_->deleteLater();
+  if (!ownsManager_) return;
+  // Requests still open end now, as failures, and their servers see the
+  // connection close; nothing waits on a manager that is about to go.
+  for (QNetworkReply* reply : manager_->findChildren<QNetworkReply*>())
+    if (reply->isRunning()) reply->abort();
+  manager_->deleteLater();
 }
 
 QCoro::Task<HttpResponse> HttpClient::send(HttpRequest request, CancelToken token) {
@@ -96,25 +101,40 @@ QCoro::Task<HttpResponse> HttpClient::send(HttpRequest request, CancelToken toke
     raw = manager_->sendCustomRequest(req, request.method, request.body);
   std::unique_ptr<QNetworkReply, void (*)(QNetworkReply*)> reply(raw, [](QNetworkReply* r) { r->deleteLater(); });
 
-  bool timedOut = false;
-  bool cancelled = false;
+  // The callbacks may outlive this frame (a request whose client or job
+  // is gone): they hold shared state and a guarded reply, never locals.
+  struct Outcome {
+    bool timedOut = false;
+    bool cancelled = false;
+  };
+  auto outcome = std::make_shared<Outcome>();
   QPointer<QNetworkReply> guard(raw);
-  const auto timer = clock_.schedule(request.timeoutSeconds, [&timedOut, guard] {
+  Clock& clock = clock_;
+  const auto timer = clock.schedule(request.timeoutSeconds, [outcome, guard] {
     if (guard && guard->isRunning()) {
-      timedOut = true;
+      outcome->timedOut = true;
       guard->abort();
     }
   });
-  const auto cb = token.onCancel([&cancelled, guard] {
+  const auto cb = token.onCancel([outcome, guard] {
     if (guard && guard->isRunning()) {
-      cancelled = true;
+      outcome->cancelled = true;
       guard->abort();
     }
   });
 
   if (raw->isRunning()) co_await qCoro(raw).waitForFinished(std::chrono::milliseconds(-1));
-  clock_.cancelTimer(timer);
+  clock.cancelTimer(timer);
   token.removeCallback(cb);
+  if (!guard) {
+    // The reply went with its manager: nothing of it may be read.
+    reply.release();
+    response.failure = HttpFailure::network;
+    response.errorText = "the request was abandoned";
+    co_return response;
+  }
+  const bool timedOut = outcome->timedOut;
+  const bool cancelled = outcome->cancelled;
 
   response.finalUrl = raw->url();
   const auto statusAttr = raw->attribute(QNetworkRequest::HttpStatusCodeAttribute);

@@ -86,3 +86,27 @@ TEST(JobScope, CancellingAJobKillsItsChildProcessAndLaterJobsStillRun) {
   });
   EXPECT_TRUE(ran);
 }
+
+TEST(HttpClient, ARequestWhoseClientGoesEndsWithoutTouchingIt) {
+  test::FakeHttpServer server;
+  int arrived = 0;
+  server.on("GET", "/slow", [&](const auto&, auto& reply) {
+    ++arrived;
+    reply.hold();
+  });
+  ManualClock clock;
+  auto http = std::make_unique<HttpClient>(clock, HttpClient::Session::ephemeral);
+  std::optional<HttpResponse> result;
+  auto job = Job::start([&](CancelToken token) -> QCoro::Task<> {
+    auto r = co_await http->get(server.url("/slow"), 30, token);
+    result = std::move(r);
+  });
+  ASSERT_TRUE(test::spinUntil([&] { return arrived == 1; }));
+  http.reset();
+  ASSERT_TRUE(test::spinUntil([&] { return server.abandonedRequests() == 1; }));
+  clock.advance(60);  // the request's timer fires into nothing
+  test::settle(50);
+  ASSERT_TRUE(result.has_value()) << "the request ended with its client";
+  EXPECT_NE(result->failure, HttpFailure::none);
+  EXPECT_FALSE(job.isRunning());
+}

@@ -28,42 +28,59 @@ std::string percentEncodeStrict(std::string_view text) { return percentEncode(te
 
 namespace {
 
-// Lenient field readers: a missing or wrongly typed value is absent.
+// Field readers of a plain decoder: an absent field (or null) is absent, a
+// field of the wrong type fails the whole reply (DecodeError).
+const Json* field(const Json& o, const char* key) {
+  if (!o.is_object()) throw DecodeError(std::string("not an object around ") + key);
+  auto it = o.find(key);
+  if (it == o.end() || it->is_null()) return nullptr;
+  return &*it;
+}
 std::optional<std::string> text(const Json& o, const char* key) {
+  const Json* v = field(o, key);
+  if (!v) return std::nullopt;
+  if (!v->is_string()) throw DecodeError(std::string(key) + " is not text");
+  return v->get<std::string>();
+}
+std::optional<int64_t> integer(const Json& o, const char* key) {
+  const Json* v = field(o, key);
+  if (!v) return std::nullopt;
+  if (!v->is_number_integer()) throw DecodeError(std::string(key) + " is not an integer");
+  return v->get<int64_t>();
+}
+std::optional<double> number(const Json& o, const char* key) {
+  const Json* v = field(o, key);
+  if (!v) return std::nullopt;
+  if (!v->is_number()) throw DecodeError(std::string(key) + " is not a number");
+  return v->get<double>();
+}
+std::optional<bool> boolean(const Json& o, const char* key) {
+  const Json* v = field(o, key);
+  if (!v) return std::nullopt;
+  if (!v->is_boolean()) throw DecodeError(std::string(key) + " is not a Boolean");
+  return v->get<bool>();
+}
+const Json& array(const Json& o, const char* key) {
+  static const Json empty = Json::array();
+  const Json* v = field(o, key);
+  if (!v) return empty;
+  if (!v->is_array()) throw DecodeError(std::string(key) + " is not a list");
+  return *v;
+}
+const Json& object(const Json& o, const char* key) {
+  static const Json empty = Json::object();
+  const Json* v = field(o, key);
+  if (!v) return empty;
+  if (!v->is_object()) throw DecodeError(std::string(key) + " is not an object");
+  return *v;
+}
+// The one lenient reader, for the collection rows' title and rating key:
+// a wrongly typed value is absent.
+std::optional<std::string> lenientText(const Json& o, const char* key) {
   if (!o.is_object()) return std::nullopt;
   auto it = o.find(key);
   if (it == o.end() || !it->is_string()) return std::nullopt;
   return it->get<std::string>();
-}
-std::optional<int64_t> integer(const Json& o, const char* key) {
-  if (!o.is_object()) return std::nullopt;
-  auto it = o.find(key);
-  if (it == o.end() || !it->is_number_integer()) return std::nullopt;
-  return it->get<int64_t>();
-}
-std::optional<double> number(const Json& o, const char* key) {
-  if (!o.is_object()) return std::nullopt;
-  auto it = o.find(key);
-  if (it == o.end() || !it->is_number()) return std::nullopt;
-  return it->get<double>();
-}
-std::optional<bool> boolean(const Json& o, const char* key) {
-  if (!o.is_object()) return std::nullopt;
-  auto it = o.find(key);
-  if (it == o.end() || !it->is_boolean()) return std::nullopt;
-  return it->get<bool>();
-}
-const Json& array(const Json& o, const char* key) {
-  static const Json empty = Json::array();
-  if (!o.is_object()) return empty;
-  auto it = o.find(key);
-  return it != o.end() && it->is_array() ? *it : empty;
-}
-const Json& object(const Json& o, const char* key) {
-  static const Json empty = Json::object();
-  if (!o.is_object()) return empty;
-  auto it = o.find(key);
-  return it != o.end() && it->is_object() ? *it : empty;
 }
 
 // The container of a reply; none when the body is not a JSON object.
@@ -71,6 +88,18 @@ std::optional<Json> container(const QByteArray& body) {
   auto doc = json::parse(std::string_view(body.constData(), static_cast<size_t>(body.size())));
   if (!doc || !doc->is_object()) return std::nullopt;
   return object(*doc, "MediaContainer");
+}
+
+// Runs a decoder; none when the reply does not decode.
+template <class F>
+auto decoded(F fn) -> decltype(fn()) {
+  try {
+    return fn();
+  } catch (const DecodeError&) {
+    return std::nullopt;
+  } catch (const Json::exception&) {
+    return std::nullopt;
+  }
 }
 
 std::vector<PlexMedia> decodeMedia(const Json& row) {
@@ -87,6 +116,7 @@ std::vector<PlexMedia> decodeMedia(const Json& row) {
 }  // namespace
 
 std::optional<std::vector<PlexItem>> decodeSectionItems(const QByteArray& body) {
+  return decoded([&]() -> std::optional<std::vector<PlexItem>> {
   auto mc = container(body);
   if (!mc) return std::nullopt;
   std::vector<PlexItem> items;
@@ -104,9 +134,11 @@ std::optional<std::vector<PlexItem>> decodeSectionItems(const QByteArray& body) 
     items.push_back(std::move(it));
   }
   return items;
+  });
 }
 
 std::optional<std::vector<PlaySession>> decodeSessions(const QByteArray& body) {
+  return decoded([&]() -> std::optional<std::vector<PlaySession>> {
   auto mc = container(body);
   if (!mc) return std::nullopt;
   std::vector<PlaySession> out;
@@ -132,6 +164,7 @@ std::optional<std::vector<PlaySession>> decodeSessions(const QByteArray& body) {
     out.push_back(std::move(s));
   }
   return out;
+  });
 }
 
 bool decodeSmartFlag(const Json& v) {
@@ -145,17 +178,19 @@ bool decodeSmartFlag(const Json& v) {
 }
 
 std::optional<std::vector<PlexCollectionRow>> decodeCollections(const QByteArray& body) {
-  auto mc = container(body);
-  if (!mc) return std::nullopt;
-  std::vector<PlexCollectionRow> out;
-  for (const auto& row : array(*mc, "Metadata")) {
-    auto title = text(row, "title");
-    auto key = text(row, "ratingKey");
-    if (!title || !key) continue;
-    const auto it = row.find("smart");
-    out.push_back({*title, *key, it != row.end() && decodeSmartFlag(*it)});
-  }
-  return out;
+  return decoded([&]() -> std::optional<std::vector<PlexCollectionRow>> {
+    auto mc = container(body);
+    if (!mc) return std::nullopt;
+    std::vector<PlexCollectionRow> out;
+    for (const auto& row : array(*mc, "Metadata")) {
+      auto title = lenientText(row, "title");
+      auto key = lenientText(row, "ratingKey");
+      if (!title || !key) continue;
+      const auto it = row.find("smart");
+      out.push_back({*title, *key, it != row.end() && decodeSmartFlag(*it)});
+    }
+    return out;
+  });
 }
 
 PMSClient::PMSClient(HttpClient& http, QUrl baseURL, std::string token, std::string clientIdentifier)
@@ -231,28 +266,35 @@ QCoro::Task<Result<std::pair<std::string, std::optional<std::string>>, PMSError>
   using R = std::pair<std::string, std::optional<std::string>>;
   auto r = co_await httpRequest("GET", "/", Query(), kReadTimeout);
   if (!r) co_return Failure(r.error());
-  auto mc = container(*r);
-  if (!mc) co_return Failure(PMSError{PMSError::Kind::undecodable});
-  co_return Result<R, PMSError>(R{text(*mc, "machineIdentifier").value_or("—"), text(*mc, "myPlexUsername")});
+  const auto info = decoded([&]() -> std::optional<R> {
+    auto mc = container(*r);
+    if (!mc) return std::nullopt;
+    return R{text(*mc, "machineIdentifier").value_or("—"), text(*mc, "myPlexUsername")};
+  });
+  if (!info) co_return Failure(PMSError{PMSError::Kind::undecodable});
+  co_return Result<R, PMSError>(*info);
 }
 
 QCoro::Task<Result<std::optional<PlexSection>, PMSError>> PMSClient::sectionForLocation(std::string location) const {
   using R = std::optional<PlexSection>;
   auto r = co_await httpRequest("GET", "/library/sections", Query(), kReadTimeout);
   if (!r) co_return Failure(r.error());
-  auto mc = container(*r);
-  if (mc) {
+  // A reply that does not decode lists no section.
+  const auto found = decoded([&]() -> std::optional<PlexSection> {
+    auto mc = container(*r);
+    if (!mc) return std::nullopt;
     for (const auto& dir : array(*mc, "Directory")) {
       for (const auto& loc : array(dir, "Location")) {
         if (text(loc, "path") == location) {
           auto key = text(dir, "key");
           if (!key) break;
-          co_return Result<R, PMSError>(R{PlexSection{*key, text(dir, "type").value_or("")}});
+          return PlexSection{*key, text(dir, "type").value_or("")};
         }
       }
     }
-  }
-  co_return Result<R, PMSError>(R{});
+    return std::nullopt;
+  });
+  co_return Result<R, PMSError>(R{found});
 }
 
 QCoro::Task<Result<void, PMSError>> PMSClient::createSection(std::string name, bool isShow, std::string location) const {
@@ -419,17 +461,20 @@ QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> PMSClient::sec
   using R = std::map<std::string, std::string>;
   auto r = co_await httpRequest("GET", "/library/sections/" + sectionKey + "/label", Query(), kReadTimeout);
   if (!r) co_return Failure(r.error());
-  R labels;
-  if (auto mc = container(*r)) {
+  auto labels = decoded([&]() -> std::optional<R> {
+    R out;
+    auto mc = container(*r);
+    if (!mc) return std::nullopt;
     for (const auto& row : array(*mc, "Directory")) {
       auto key = text(row, "key");
       auto title = text(row, "title");
       if (!key || !title) continue;
       const auto eq = key->find_last_of('=');
-      labels[*title] = eq == std::string::npos ? *key : key->substr(eq + 1);
+      out[*title] = eq == std::string::npos ? *key : key->substr(eq + 1);
     }
-  }
-  co_return Result<R, PMSError>(std::move(labels));
+    return out;
+  });
+  co_return Result<R, PMSError>(labels.value_or(R{}));
 }
 
 QCoro::Task<Result<std::set<std::string>, PMSError>> PMSClient::labelledKeys(std::string sectionKey,
@@ -464,11 +509,12 @@ QCoro::Task<Result<std::optional<std::string>, PMSError>> PMSClient::createSmart
   url.setQuery(QString::fromStdString(query), QUrl::StrictMode);
   auto r = co_await send("POST", std::move(url), kWriteTimeout);
   if (!r) co_return Failure(r.error());
-  R key;
-  if (auto mc = container(*r)) {
+  const auto key = decoded([&]() -> R {
+    auto mc = container(*r);
+    if (!mc) return std::nullopt;
     const auto& rows = array(*mc, "Metadata");
-    if (!rows.empty()) key = text(rows[0], "ratingKey");
-  }
+    return rows.empty() ? std::nullopt : text(rows[0], "ratingKey");
+  });
   co_return Result<R, PMSError>(R{key});
 }
 

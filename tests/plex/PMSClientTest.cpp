@@ -76,6 +76,10 @@ TEST(PMSClient, MachineInfoAndSections) {
   EXPECT_EQ(run(rig.client.machineInfo())->first, "—");
   rig.plex.on("GET", "/", [&](auto&, auto& reply) { reply.send(200, "<xml/>"); });
   EXPECT_EQ(run(rig.client.machineInfo()).error().kind, PMSError::Kind::undecodable);
+  rig.plex.on("GET", "/", [&](auto&, auto& reply) {
+    reply.json(Json{{"MediaContainer", Json{{"machineIdentifier", 42}}}});
+  });
+  EXPECT_EQ(run(rig.client.machineInfo()).error().kind, PMSError::Kind::undecodable) << "a wrongly typed field";
 
   for (const char* loc : {"/data/Library", "/old/Library"}) {
     auto s = run(rig.client.sectionForLocation(loc));
@@ -172,10 +176,15 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   rig.plex.on("GET", "/library/sections/1/label", [](auto&, auto& reply) {
     reply.json(Json::parse(R"({"MediaContainer":{"Directory":[
       {"key":"/library/sections/1/all?label=123","title":"A"},{"key":"123","title":"B"},
-      {"key":"7"},{"title":"no key"},{"key":5,"title":"typed"}]}})"));
+      {"key":"7"},{"title":"no key"}]}})"));
   });
   auto both = run(rig.client.sectionLabels("1")).value();
   EXPECT_EQ(both, (std::map<std::string, std::string>{{"A", "123"}, {"B", "123"}}));
+  // A wrongly typed field: the reply does not decode, and reads as empty.
+  rig.plex.on("GET", "/library/sections/1/label", [](auto&, auto& reply) {
+    reply.json(Json::parse(R"({"MediaContainer":{"Directory":[{"key":"123","title":"B"},{"key":5,"title":"typed"}]}})"));
+  });
+  EXPECT_TRUE(run(rig.client.sectionLabels("1"))->empty());
 
   const auto id = rig.plex.labelId("My List");
   EXPECT_EQ(run(rig.client.labelledKeys("1", id))->size(), 120u);
@@ -213,7 +222,7 @@ TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
   EXPECT_FALSE(*absent);
 }
 
-TEST(PMSClient, LenientRecordsAndSessions) {
+TEST(PMSClient, StrictRepliesExceptTheCollectionRowsLenientFields) {
   auto rows = decodeCollections(R"({"MediaContainer":{"Metadata":[
     {"title":"a","ratingKey":"1","smart":"1"},{"title":"b","ratingKey":"2","smart":1},
     {"title":"c","ratingKey":"3","smart":true},{"title":"d","ratingKey":"4","smart":"0"},
@@ -229,8 +238,16 @@ TEST(PMSClient, LenientRecordsAndSessions) {
           {"a", true}, {"b", true}, {"c", true}, {"d", false}, {"e", false}, {"f", false}, {"g", true}, {"h", false}}));
   EXPECT_FALSE(decodeCollections("not json"));
 
+  // A wrongly typed field anywhere else fails the whole reply.
+  EXPECT_FALSE(decodeSessions(R"({"MediaContainer":{"Metadata":[{"sessionKey":"12","duration":"bad"}]}})"));
+  EXPECT_FALSE(decodeSectionItems(R"({"MediaContainer":{"Metadata":[{"ratingKey":1}]}})"));
+  EXPECT_FALSE(decodeSectionItems(R"({"MediaContainer":{"Metadata":{"ratingKey":"1"}}})"));
+  EXPECT_FALSE(decodeCollections(R"({"MediaContainer":{"Metadata":"rows"}})"));
+  EXPECT_TRUE(decodeSectionItems(R"({"MediaContainer":{"Metadata":[{"ratingKey":"1","year":null}]}})"))
+      << "null is absent";
+
   auto sessions = decodeSessions(R"({"MediaContainer":{"Metadata":[{"sessionKey":"12","title":"Film",
-    "viewOffset":5000,"duration":"bad","Media":[{"Part":[{}]},{"Part":[{"file":"/data/Library/F.mkv"}]}],
+    "viewOffset":5000,"Media":[{"Part":[{}]},{"Part":[{"file":"/data/Library/F.mkv"}]}],
     "Player":{"state":"playing","product":"Plex Web","title":"Chrome"},
     "TranscodeSession":{"speed":1.5,"throttled":false,"protocol":"dash","videoDecision":"copy"}}]}})");
   ASSERT_TRUE(sessions && sessions->size() == 1);

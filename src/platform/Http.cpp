@@ -53,9 +53,18 @@ HttpClient::HttpClient(Clock& clock, Session session)
 }
 
 HttpClient::~HttpClient() {
+  // Requests still open end now, as failures: their timers go while the
+  // clock stands, and their jobs resume without touching this client. A
+  // client that owns its manager closes their connections too.
+  auto open = std::move(inFlight_);
+  for (auto& [reply, flight] : open) {
+    flight->abandoned = true;
+    if (!flight->timerDone) {
+      flight->timerDone = true;
+      clock_.cancelTimer(flight->timer);
+    }
+  }
   if (!ownsManager_) return;
-  // Requests still open end now, as failures, and their servers see the
-  // connection close; nothing waits on a manager that is about to go.
   for (QNetworkReply* reply : manager_->findChildren<QNetworkReply*>())
     if (reply->isRunning()) reply->abort();
   manager_->deleteLater();
@@ -102,37 +111,46 @@ QCoro::Task<HttpResponse> HttpClient::send(HttpRequest request, CancelToken toke
   std::unique_ptr<QNetworkReply, void (*)(QNetworkReply*)> reply(raw, [](QNetworkReply* r) { r->deleteLater(); });
 
   // The callbacks may outlive this frame (a request whose client or job
-  // is gone): they hold shared state and a guarded reply, never locals.
-  struct Outcome {
-    bool timedOut = false;
-    bool cancelled = false;
-  };
-  auto outcome = std::make_shared<Outcome>();
+  // is gone): they hold shared state and a guarded reply, never locals. The
+  // timer is cancelled while its clock surely stands: when the request ends,
+  // when the token is cancelled, or when the client goes; a request whose
+  // client went touches nothing of it when it resumes.
+  auto flight = std::make_shared<InFlight>();
   QPointer<QNetworkReply> guard(raw);
-  Clock& clock = clock_;
-  const auto timer = clock.schedule(request.timeoutSeconds, [outcome, guard] {
+  Clock* clock = &clock_;
+  flight->timer = clock->schedule(request.timeoutSeconds, [flight, guard] {
+    flight->timerDone = true;
     if (guard && guard->isRunning()) {
-      outcome->timedOut = true;
+      flight->timedOut = true;
       guard->abort();
     }
   });
-  const auto cb = token.onCancel([outcome, guard] {
+  const auto cb = token.onCancel([flight, guard, clock] {
+    if (!flight->timerDone) {
+      flight->timerDone = true;
+      clock->cancelTimer(flight->timer);
+    }
     if (guard && guard->isRunning()) {
-      outcome->cancelled = true;
+      flight->cancelled = true;
       guard->abort();
     }
   });
+  inFlight_[raw] = flight;
 
   if (raw->isRunning()) co_await qCoro(raw).waitForFinished(std::chrono::milliseconds(-1));
-  clock.cancelTimer(timer);
   token.removeCallback(cb);
-  if (!guard) {
-    // The reply went with its manager: nothing of it may be read.
+  if (flight->abandoned || !guard) {
+    // The client went (and its manager with the reply): nothing of them may
+    // be read or touched.
     reply.release();
     response.failure = HttpFailure::network;
     response.errorText = "the request was abandoned";
     co_return response;
   }
+  // Not abandoned, so this client (and the clock it was made with) stands.
+  inFlight_.erase(raw);
+  if (!flight->timerDone) clock->cancelTimer(flight->timer);
+  const auto outcome = flight;
   const bool timedOut = outcome->timedOut;
   const bool cancelled = outcome->cancelled;
 

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -82,6 +84,16 @@ class HttpClient {
   Clock& clock_;
   QNetworkAccessManager* manager_;
   bool ownsManager_;
+  // What a request in flight shares with its callbacks and with this
+  // client's destructor.
+  struct InFlight {
+    uint64_t timer = 0;
+    bool timerDone = false;  // fired or cancelled
+    bool timedOut = false;
+    bool cancelled = false;
+    bool abandoned = false;  // the client went first
+  };
+  std::map<const void*, std::shared_ptr<InFlight>> inFlight_;
 };
 
 // Installs the application-wide response cache on the shared session: an

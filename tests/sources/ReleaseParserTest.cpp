@@ -161,6 +161,9 @@ TEST(ReleaseParser, UnrecognizedWordsOfTheTail) {
             Strings{"FOOBAR"});
   EXPECT_EQ(ReleaseParser::unrecognizedWords("Title 2019 1080p XYZ XYZ 2GB RARBG"), (Strings{"XYZ", "XYZ"}));
   EXPECT_EQ(ReleaseParser::unrecognizedWords("Italian Job 2003 1080p"), Strings{});
+  // The whole name is read, not only its first line as parse() does.
+  EXPECT_EQ(ReleaseParser::unrecognizedWords("Some Title 2019 1080p WEB-DL x264-GRP \n QUUXWORD 2GB"),
+            Strings{"QUUXWORD"});
 
   test::TestHome home;
   const auto file = home.file("unrecognized-release-words.json");

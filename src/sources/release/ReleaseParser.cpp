@@ -657,7 +657,7 @@ ReleaseInfo ReleaseParser::parse(std::string_view name) {
 
 std::vector<std::string> ReleaseParser::unrecognizedWords(std::string_view name, ParseMode mode) {
   const auto& P = patterns();
-  std::string text = technicalTail(normaliseReleaseName(firstLine(name), mode).upper, mode);
+  std::string text = technicalTail(normaliseReleaseName(name, mode).upper, mode);
   for (const Pattern* r : P.scan) text = r->replaceAll(text, " ", mode);
   for (const auto& [r, label] : P.spelled) text = r.replaceAll(text, " ", mode);
   // The reference reading stays off the memo, so that it owes nothing to the

@@ -45,20 +45,17 @@ class MemoryBackend : public NfsBackend {
     skipped = tree_.rebuild(list, 1700000000, ++stamp_);
   }
   const NfsTree& tree() const override { return tree_; }
-  QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
-                                FileSpan* span) override {
+  QCoro::Task<ReadResult> read(std::string entry, uint64_t offset, uint32_t count, std::string& out, FileSpan* span,
+                               vt::CancelToken) override {
     const auto& d = data_.at(entry);
-    ReadOutcome o;
-    o.ok = !failReads;
-    if (!o.ok) co_return o;
+    if (failReads) co_return readFailed(ReadError::Kind::io, entry);
     const size_t from = std::min<size_t>(offset, d.size());
     const size_t n = std::min<size_t>(count, d.size() - from);
     if (span && fds_.count(entry))
       *span = FileSpan(fds_.at(entry), from, n + spanOverrun);
     else
       out.append(d, from, n);
-    o.eof = from + n >= d.size();
-    co_return o;
+    co_return readDone(from + n >= d.size());
   }
   std::vector<std::string> skipped;
   bool failReads = false;

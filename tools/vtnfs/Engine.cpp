@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <string_view>
 
 #include "platform/Log.h"
 #include "platform/Redaction.h"
@@ -54,7 +55,45 @@ std::vector<std::string> namesOf(const QHttpServerRequest& req) {
   return names;
 }
 
+// Control characters as escapes: "\n", "\r", "\t", "\xHH", and the C1
+// characters (U+0080 to U+009F, NEL among them) as "\uHHHH".
+std::string escapeControls(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  char hex[8];
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c < 0x20 || c == 0x7f) {
+      std::snprintf(hex, sizeof hex, "\\x%02x", c);
+      out += hex;
+    } else if (c == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+               static_cast<unsigned char>(text[i + 1]) <= 0x9f) {
+      std::snprintf(hex, sizeof hex, "\\u%04x", static_cast<unsigned char>(text[++i]));
+      out += hex;
+    } else {
+      out.push_back(static_cast<char>(c));
+    }
+  }
+  return out;
+}
+
 }  // namespace
+
+std::string message(const ManifestError& error) {
+  switch (error.kind) {
+    case ManifestError::Kind::unreadable:
+      return "manifest " + error.path + " could not be read";
+    case ManifestError::Kind::invalid:
+      return "manifest " + error.path + " is not a valid manifest";
+  }
+  return "manifest " + error.path + " was not taken";
+}
 
 std::optional<Options> parseArguments(const std::vector<std::string>& args, std::string& error) {
   Options o;
@@ -107,18 +146,14 @@ Engine::Engine(Options options)
       http_(vt::systemClock(), vt::HttpClient::Session::ephemeral),
       reader_(http_, probeCacheFor(options_.config),
               SourceReader::Hooks{[this](const std::string& line) { log(line); },
-                                  [this](const std::string& name, int64_t size) {
-                                    auto it = entries_.find(name);
-                                    if (it != entries_.end()) it->second.size = size;
-                                    tree_.setSize(name, size);
-                                  }}),
+                                  [this](const std::string& name, int64_t size) { confirmSize(name, size); }}),
       service_(*this, static_cast<uint32_t>(::getuid()), static_cast<uint32_t>(::getgid())),
       nfs_(service_) {}
 
-Engine::~Engine() { warmer_.cancel(); }
+Engine::~Engine() = default;
 
 void Engine::log(const std::string& line) {
-  const auto text = vt::logStamp(vt::wallClockNow()) + " " + vt::redact(line) + "\n";
+  const auto text = vt::logStamp(vt::wallClockNow()) + " " + escapeControls(vt::redact(line)) + "\n";
   if (std::FILE* f = std::fopen(options_.log.c_str(), "a")) {
     std::fputs(text.c_str(), f);
     std::fclose(f);
@@ -136,25 +171,48 @@ bool Engine::start(std::string& error) {
     error = "cannot listen for control on " + options_.controlHost + ":" + std::to_string(options_.controlPort);
     return false;
   }
-  reload();
+  static_cast<void>(reload());  // a manifest that doesn't read is logged, and the engine serves none
   log("vtnfs " VT_VERSION " serving " + std::to_string(entries_.size()) + " entries (pid " +
       std::to_string(::getpid()) + ")");
-  warmer_ = vt::Job::start([this](vt::CancelToken token) { return warmLoop(token); });
+  jobs_.start([this](vt::CancelToken token) { return warmLoop(token); });
   return true;
 }
 
 bool Engine::inUse(const std::string& name) const { return playback_ && boosted_.count(name) > 0; }
 
-int Engine::reload() {
-  auto text = vt::readFile(options_.config);
-  auto manifest = text ? vt::decodeEngineConfig(*text) : std::nullopt;
-  if (!manifest) {
-    log("manifest " + options_.config + " could not be read; keeping " + std::to_string(entries_.size()) + " entries");
-    return 0;
+std::vector<vt::EngineEntry> Engine::validated(std::vector<vt::EngineEntry> manifest) {
+  // Every folder the paths imply. A file of the same name would hide the
+  // folder and all below it, so the folder wins.
+  std::set<std::string, std::less<>> folders;
+  for (const auto& e : manifest)
+    for (size_t slash = e.name.find('/'); slash != std::string::npos; slash = e.name.find('/', slash + 1))
+      folders.insert(e.name.substr(0, slash));
+  std::vector<vt::EngineEntry> kept;
+  kept.reserve(manifest.size());
+  for (auto& e : manifest) {
+    if (folders.count(e.name)) {
+      log("refused entry \"" + e.name + "\": a folder of that name holds other entries");
+      continue;
+    }
+    kept.push_back(std::move(e));
   }
+  return kept;
+}
+
+vt::Result<int, ManifestError> Engine::reload() {
+  auto text = vt::readFile(options_.config);
+  auto decoded = text ? vt::decodeEngineConfig(*text) : std::nullopt;
+  if (!decoded) {
+    ManifestError error;
+    error.kind = text ? ManifestError::Kind::invalid : ManifestError::Kind::unreadable;
+    error.path = options_.config;
+    log(message(error) + "; keeping " + std::to_string(entries_.size()) + " entries");
+    return vt::Failure(std::move(error));
+  }
+  const std::vector<vt::EngineEntry> manifest = validated(std::move(*decoded));
   int deferred = 0;
   std::map<std::string, EntryState> next;
-  for (auto& e : *manifest) {
+  for (auto& e : manifest) {
     auto old = entries_.find(e.name);
     if (old != entries_.end()) {
       if (old->second.entry == e) {
@@ -202,22 +260,26 @@ int Engine::reload() {
   return deferred;
 }
 
-QCoro::Task<NfsBackend::ReadOutcome> Engine::read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
-                                                  FileSpan* span) {
+QCoro::Task<ReadResult> Engine::read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
+                                     FileSpan* span, vt::CancelToken token) {
   auto it = entries_.find(entry);
-  if (it == entries_.end()) co_return ReadOutcome{};
+  if (it == entries_.end()) co_return readFailed(ReadError::Kind::notFound, entry);
   const vt::EngineEntry source = it->second.entry;
   const int64_t known = it->second.size.value_or(source.size);
   const size_t before = out.size();
-  const SourceReader::Outcome got = co_await reader_.read(source, known, offset, count, out, span);
+  ReadResult got = co_await reader_.read(source, known, offset, count, out, span, token);
+  if (token.isCancelled()) co_return readFailed(ReadError::Kind::cancelled, entry);
   it = entries_.find(entry);
-  if (it != entries_.end() && it->second.entry == source) {
+  if (got && it != entries_.end() && it->second.entry == source) {
     it->second.bytesServed += static_cast<int64_t>(out.size() - before + (span ? span->length() : 0));
   }
-  ReadOutcome outcome;
-  outcome.ok = got.ok;
-  outcome.eof = got.eof;
-  co_return outcome;
+  co_return got;
+}
+
+void Engine::confirmSize(const std::string& name, int64_t size) {
+  auto it = entries_.find(name);
+  if (it != entries_.end()) it->second.size = size;
+  tree_.setSize(name, size);
 }
 
 void Engine::queueWarm(const std::vector<std::string>& names) {
@@ -241,17 +303,18 @@ QCoro::Task<> Engine::warmLoop(vt::CancelToken token) {
     }
     const auto name = warmQueue_.front();
     warmQueue_.erase(warmQueue_.begin());
-    co_await warmOne(name);
+    co_await warmOne(name, token);
   }
 }
 
-QCoro::Task<bool> Engine::warmOne(const std::string& name) {
+QCoro::Task<bool> Engine::warmOne(std::string name, vt::CancelToken token) {
   auto it = entries_.find(name);
   if (it == entries_.end() || it->second.warming) co_return false;
   it->second.warming = true;
   const auto entry = it->second.entry;
   std::optional<int64_t> size;
   bool ok = false;
+  std::string why;
 
   if (!entry.local.empty()) {
     QFile file(QString::fromStdString(entry.local));
@@ -268,16 +331,22 @@ QCoro::Task<bool> Engine::warmOne(const std::string& name) {
     // source fails over as it would for a player.
     std::string sink;
     const int64_t known = it->second.size.value_or(entry.size);
-    const auto head = co_await reader_.read(entry, known, 0, static_cast<uint32_t>(kProbeBytes), sink);
-    if (head.ok && head.size) {
+    const ReadResult head =
+        co_await reader_.read(entry, known, 0, static_cast<uint32_t>(kProbeBytes), sink, nullptr, token);
+    if (token.isCancelled()) co_return false;
+    if (head && head->size) {
       ok = true;
-      if (*head.size > kProbeBytes) {
+      const int64_t total = *head->size;
+      if (total > kProbeBytes) {
         sink.clear();
-        const auto tail = co_await reader_.read(entry, *head.size, static_cast<uint64_t>(*head.size - kProbeBytes),
-                                                static_cast<uint32_t>(kProbeBytes), sink);
-        ok = tail.ok && static_cast<int64_t>(sink.size()) == kProbeBytes;
+        const ReadResult tail = co_await reader_.read(entry, total, static_cast<uint64_t>(total - kProbeBytes),
+                                                      static_cast<uint32_t>(kProbeBytes), sink, nullptr, token);
+        if (token.isCancelled()) co_return false;
+        ok = tail && static_cast<int64_t>(sink.size()) == kProbeBytes;
       }
-      if (ok) size = head.size;
+      if (ok) size = total;
+    } else if (!head) {
+      why = message(head.error());
     }
   }
 
@@ -285,11 +354,12 @@ QCoro::Task<bool> Engine::warmOne(const std::string& name) {
   if (it == entries_.end() || !(it->second.entry == entry)) co_return false;
   it->second.warming = false;
   if (ok) {
-    it->second.size = size;
+    // In the listing at once, as a size a source confirms is.
+    if (size) confirmSize(name, *size);
     it->second.warmed = true;
     it->second.probeReady = true;
   } else {
-    log("warming " + name + " failed");
+    log("warming " + name + " failed" + (why.empty() ? "" : " (" + why + ")"));
   }
   co_return ok;
 }
@@ -325,11 +395,18 @@ void Engine::routes() {
   });
 
   control_.route("/control/reload", Method::Post, [this] {
-    const int deferred = reload();
-    log("reloaded manifest: " + std::to_string(entries_.size()) + " entries, " + std::to_string(deferred) +
-        " deferred");
+    const auto loaded = reload();
+    if (!loaded) {
+      // The entries stay as they were; the caller learns why.
+      vt::Json reply;
+      reply["error"] = message(loaded.error());
+      return jsonReply(reply, loaded.error().kind == ManifestError::Kind::invalid
+                                  ? QHttpServerResponse::StatusCode::UnprocessableEntity
+                                  : QHttpServerResponse::StatusCode::InternalServerError);
+    }
+    log("reloaded manifest: " + std::to_string(entries_.size()) + " entries, " + std::to_string(*loaded) + " deferred");
     vt::Json reply;
-    reply["deferred"] = deferred;
+    reply["deferred"] = *loaded;
     return jsonReply(reply);
   });
 

@@ -18,6 +18,7 @@
 #include "engine/contract/EngineContract.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
+#include "platform/Result.h"
 
 namespace vtnfs {
 
@@ -35,6 +36,19 @@ struct Options {
 // Parses "-config P -nfs H:P -control H:P -mount P -log P"; none with a
 // message in `error` when anything is missing or malformed.
 std::optional<Options> parseArguments(const std::vector<std::string>& args, std::string& error);
+
+// Why the manifest was not taken.
+struct ManifestError {
+  enum class Kind {
+    unreadable,  // the file could not be read
+    invalid,     // it was read but is no manifest
+  };
+  Kind kind = Kind::unreadable;
+  std::string path;
+
+  bool operator==(const ManifestError&) const = default;
+};
+std::string message(const ManifestError& error);
 
 // The engine behind the control port: the manifest's entries and what is
 // known of each, warming, and the hints the application sends.
@@ -57,21 +71,27 @@ class Engine : public NfsBackend {
   };
   const std::map<std::string, EntryState>& entries() const { return entries_; }
 
-  // Reads the manifest again; returns how many changed entries were put off
-  // because they are in use.
-  int reload();
+  // Reads the manifest again; gives how many changed entries were put off
+  // because they are in use. A manifest that doesn't read changes nothing.
+  vt::Result<int, ManifestError> reload();
+  // One line of the log file, stamped, redacted, its control characters
+  // escaped so that no text can make a line of its own.
   void log(const std::string& line);
 
   // NfsBackend
   const NfsTree& tree() const override { return tree_; }
-  QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
-                                FileSpan* span) override;
+  QCoro::Task<ReadResult> read(std::string entry, uint64_t offset, uint32_t count, std::string& out, FileSpan* span,
+                               vt::CancelToken token) override;
 
  private:
   void routes();
+  // The manifest's entries less those that can't be served beside the others.
+  std::vector<vt::EngineEntry> validated(std::vector<vt::EngineEntry> manifest);
   void queueWarm(const std::vector<std::string>& names);
   QCoro::Task<> warmLoop(vt::CancelToken token);
-  QCoro::Task<bool> warmOne(const std::string& name);
+  QCoro::Task<bool> warmOne(std::string name, vt::CancelToken token);
+  // A source or the local file told the entry's real size.
+  void confirmSize(const std::string& name, int64_t size);
   bool inUse(const std::string& name) const;
 
   Options options_;
@@ -86,8 +106,9 @@ class Engine : public NfsBackend {
   SourceReader reader_;
   NfsService service_;
   NfsServer nfs_;
-  vt::Job warmer_;
   vt::Completion warmWake_;
+  // Last, so that the warmer ends while the rest of the engine still stands.
+  vt::JobScope jobs_;
 };
 
 }  // namespace vtnfs

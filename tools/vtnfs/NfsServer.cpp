@@ -2,7 +2,6 @@
 
 #include <sys/socket.h>
 
-#include <QPointer>
 #include <QTcpSocket>
 #include <algorithm>
 #include <cerrno>
@@ -13,11 +12,14 @@ namespace vtnfs {
 
 namespace {
 
-// The bytes received on one connection that don't make a whole record yet.
+// What one connection holds: the bytes received that don't make a whole
+// record yet, and the calls being answered. It is a child of the socket, so
+// when the socket goes its calls are cancelled first.
 struct Pending : QObject {
   using QObject::QObject;
   std::string buffer;
   std::string record;  // fragments of the record being assembled
+  vt::JobScope calls;  // last: see above
 };
 
 // Sends from `sent` on without blocking; true when all of it went.
@@ -93,12 +95,12 @@ void NfsServer::accept() {
         pending->record.append(buf, pos + 4, length);
         pos += 4 + length;
         if (!last) continue;
-        QPointer<QTcpSocket> target(socket);
-        vt::Job::start([this, target, record = std::move(pending->record)](vt::CancelToken) mutable -> QCoro::Task<> {
-          auto reply = co_await service_.reply(std::move(record));
-          if (!target) co_return;
-          if (!reply || !send(*target, *reply)) target->abort();
-        });
+        pending->calls.start(
+            [this, socket, record = std::move(pending->record)](vt::CancelToken token) mutable -> QCoro::Task<> {
+              auto reply = co_await service_.reply(std::move(record), token);
+              if (token.isCancelled()) co_return;  // the connection, or the server, is gone
+              if (!reply || !send(*socket, *reply)) socket->abort();
+            });
         pending->record.clear();
       }
       buf.erase(0, pos);

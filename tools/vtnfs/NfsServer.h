@@ -12,8 +12,9 @@ namespace vtnfs {
 // The TCP side of the NFS port: record marking (RFC 5531 section 11) in
 // front of the service. Each call runs as its own job, so a slow source
 // doesn't hold up the other calls on the connection; replies go out as they
-// are ready, matched by their xid. A record over the service's limit closes
-// the connection.
+// are ready, matched by their xid. A connection's jobs end with it (and so
+// with the server, which owns its sockets). A record over the service's
+// limit closes the connection.
 class NfsServer : public QObject {
  public:
   explicit NfsServer(NfsService& service) : service_(service) {}

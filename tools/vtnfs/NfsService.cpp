@@ -101,13 +101,13 @@ std::optional<std::string> NfsService::Reply::flatten() && {
   return out;
 }
 
-QCoro::Task<std::optional<std::string>> NfsService::handle(std::string record) {
-  auto r = co_await reply(std::move(record));
+QCoro::Task<std::optional<std::string>> NfsService::handle(std::string record, vt::CancelToken token) {
+  auto r = co_await reply(std::move(record), token);
   if (!r) co_return std::nullopt;
   co_return std::move(*r).flatten();
 }
 
-QCoro::Task<std::optional<NfsService::Reply>> NfsService::reply(std::string record) {
+QCoro::Task<std::optional<NfsService::Reply>> NfsService::reply(std::string record, vt::CancelToken token) {
   Reply result;
   std::string& out = result.bytes;
   out.reserve(256);
@@ -148,8 +148,9 @@ QCoro::Task<std::optional<NfsService::Reply>> NfsService::reply(std::string reco
     } else if (prog == kNfsProgram) {
       if (proc > 21)
         accept = kProcUnavail;
-      else if (!co_await nfs(call, result))
+      else if (!co_await nfs(call, result, token))
         accept = kGarbageArgs;
+      if (token.isCancelled()) co_return std::nullopt;
     } else {
       if (proc > 5)
         accept = kProcUnavail;
@@ -215,7 +216,7 @@ bool NfsService::mount(Call& call, std::string& out) {
   return false;
 }
 
-QCoro::Task<bool> NfsService::nfs(Call& call, Reply& reply) {
+QCoro::Task<bool> NfsService::nfs(Call& call, Reply& reply, vt::CancelToken token) {
   std::string& out = reply.bytes;
   XdrWriter w(out);
   XdrReader& r = call.args;
@@ -285,18 +286,16 @@ QCoro::Task<bool> NfsService::nfs(Call& call, Reply& reply) {
       // filled in after it, when the attributes may have changed.
       const size_t head = out.size();
       out.append(4 + 4 + kAttrSize + 4 + 4 + 4, '\0');
-      NfsBackend::ReadOutcome outcome;
+      ReadResult outcome = readDone(true);  // at or past the end
       FileSpan span;
       if (offset < static_cast<uint64_t>(std::max<int64_t>(0, node->size)) || node->size == 0) {
-        outcome = co_await backend_.read(entry, offset, count, out, &span);
-      } else {  // at or past the end
-        outcome.ok = true;
-        outcome.eof = true;
+        outcome = co_await backend_.read(entry, offset, count, out, &span, token);
+        if (token.isCancelled()) co_return false;
       }
       const NfsNode* now = backend_.tree().find(id);
       const size_t dataAt = head + (4 + 4 + kAttrSize + 4 + 4 + 4);
       const size_t got = out.size() - dataAt + span.length();
-      if (!outcome.ok || !now) {
+      if (!outcome || !now) {
         out.resize(head);
         w.u32(now ? kIo : kStale);
         postOpAttributes(out, now);
@@ -308,7 +307,7 @@ QCoro::Task<bool> NfsService::nfs(Call& call, Reply& reply) {
       ww.boolean(true);
       attributes(words, *now);
       ww.u32(static_cast<uint32_t>(got));
-      ww.boolean(outcome.eof);
+      ww.boolean(outcome->eof);
       ww.u32(static_cast<uint32_t>(got));
       out.replace(head, words.size(), words);
       if (span) {

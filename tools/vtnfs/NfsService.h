@@ -8,6 +8,8 @@
 
 #include "FileSpan.h"
 #include "NfsTree.h"
+#include "ReadResult.h"
+#include "platform/Cancellation.h"
 
 namespace vtnfs {
 
@@ -17,15 +19,13 @@ class NfsBackend {
   virtual ~NfsBackend() = default;
   virtual const NfsTree& tree() const = 0;
 
-  struct ReadOutcome {
-    bool ok = false;   // false: the source failed (an I/O error for the client)
-    bool eof = false;  // the read reached the end of the file
-  };
   // Appends up to `count` bytes of `entry` from `offset` to `out`. Where
   // `span` is given and the bytes lie in a local file, the backend may name
-  // them there instead, and appends nothing.
-  virtual QCoro::Task<ReadOutcome> read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
-                                        FileSpan* span) = 0;
+  // them there instead, and appends nothing. A failure is an I/O error for
+  // the client. Once `token` is cancelled the backend returns at its next
+  // suspension without touching anything of the caller's.
+  virtual QCoro::Task<ReadResult> read(std::string entry, uint64_t offset, uint32_t count, std::string& out,
+                                       FileSpan* span, vt::CancelToken token) = 0;
 };
 
 // NFS version 3 and MOUNT version 3 over ONC RPC, read-only, without the
@@ -50,14 +50,15 @@ class NfsService {
   // The reply to one complete record; empty bytes when no reply is due (a
   // record that isn't a call); none when the record is too broken to answer
   // and the connection should close. READ replies of local files carry a
-  // span, for the socket to send without copying.
-  QCoro::Task<std::optional<Reply>> reply(std::string record);
+  // span, for the socket to send without copying. A cancelled `token`
+  // gives none at the next suspension, and the service is not touched again.
+  QCoro::Task<std::optional<Reply>> reply(std::string record, vt::CancelToken token = vt::CancelToken::none());
   // The same reply as one text.
-  QCoro::Task<std::optional<std::string>> handle(std::string record);
+  QCoro::Task<std::optional<std::string>> handle(std::string record, vt::CancelToken token = vt::CancelToken::none());
 
  private:
   struct Call;
-  QCoro::Task<bool> nfs(Call& call, Reply& reply);
+  QCoro::Task<bool> nfs(Call& call, Reply& reply, vt::CancelToken token);
   bool mount(Call& call, std::string& out);
   void attributes(std::string& out, const NfsNode& node) const;
   void postOpAttributes(std::string& out, const NfsNode* node) const;

@@ -8,7 +8,9 @@
 #include <QDir>
 #include <QFileInfo>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "platform/Background.h"
@@ -76,7 +78,6 @@ SourceReader::SourceReader(vt::HttpClient& http, std::string cacheDirectory, Hoo
 }
 
 SourceReader::~SourceReader() {
-  *alive_ = false;
   for (auto& [path, fd] : fds_) ::close(fd);
 }
 
@@ -93,8 +94,8 @@ void SourceReader::forget(const std::string& entryName) {
   }
 }
 
-SourceReader::Outcome SourceReader::readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count,
-                                              std::string& out, FileSpan* span) {
+ReadResult SourceReader::readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count, std::string& out,
+                                   FileSpan* span) {
   auto it = fds_.find(entry.name);
   if (it == fds_.end()) {
     if (fds_.size() >= 64) {
@@ -102,13 +103,17 @@ SourceReader::Outcome SourceReader::readLocal(const vt::EngineEntry& entry, uint
       fds_.clear();
     }
     const int fd = ::open(entry.local.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return {};
+    if (fd < 0) {
+      const int error = errno;
+      return readFailed(error == ENOENT || error == ENOTDIR ? ReadError::Kind::notFound : ReadError::Kind::io,
+                        entry.local + ": " + std::strerror(error));
+    }
     it = fds_.emplace(entry.name, fd).first;
   }
   struct stat st {};
-  if (::fstat(it->second, &st) != 0) return {};
+  if (::fstat(it->second, &st) != 0) return readFailed(ReadError::Kind::io, entry.local + ": " + std::strerror(errno));
   const auto size = static_cast<int64_t>(st.st_size);
-  if (offset >= static_cast<uint64_t>(size)) return {true, true, size};
+  if (offset >= static_cast<uint64_t>(size)) return readDone(true, size);
   const auto n = static_cast<size_t>(std::min<uint64_t>(count, static_cast<uint64_t>(size) - offset));
   // Ask the kernel for what a player reads next, so that a file on a slow
   // disk is on its way while this reply goes out; the kernel's own
@@ -116,7 +121,7 @@ SourceReader::Outcome SourceReader::readLocal(const vt::EngineEntry& entry, uint
   ::posix_fadvise(it->second, static_cast<off_t>(offset + n), kLocalReadAhead, POSIX_FADV_WILLNEED);
   if (span) {
     *span = FileSpan(it->second, offset, n);
-    if (*span) return {true, offset + n >= static_cast<uint64_t>(size), size};
+    if (*span) return readDone(offset + n >= static_cast<uint64_t>(size), size);
   }
   const size_t before = out.size();
   out.resize(before + n);
@@ -125,14 +130,15 @@ SourceReader::Outcome SourceReader::readLocal(const vt::EngineEntry& entry, uint
     const ssize_t r = ::pread(it->second, out.data() + before + got, n - got, static_cast<off_t>(offset + got));
     if (r < 0 && errno == EINTR) continue;
     if (r < 0) {
+      const int error = errno;
       out.resize(before);
-      return {};
+      return readFailed(ReadError::Kind::io, entry.local + ": " + std::strerror(error));
     }
     if (r == 0) break;
     got += static_cast<size_t>(r);
   }
   out.resize(before + got);
-  return {true, offset + got >= static_cast<uint64_t>(size), size};
+  return readDone(offset + got >= static_cast<uint64_t>(size), size);
 }
 
 SourceReader::SourceState& SourceReader::stateFor(const vt::EngineEntry& entry) {
@@ -142,26 +148,32 @@ SourceReader::SourceState& SourceReader::stateFor(const vt::EngineEntry& entry) 
   return st;
 }
 
-QCoro::Task<SourceReader::Outcome> SourceReader::read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset,
-                                                      uint32_t count, std::string& out, FileSpan* span) {
+QCoro::Task<ReadResult> SourceReader::read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset, uint32_t count,
+                                           std::string& out, FileSpan* span, vt::CancelToken token) {
+  if (token.isCancelled()) co_return readFailed(ReadError::Kind::cancelled, entry.name);
   if (!entry.local.empty()) {
-    const Outcome local = readLocal(entry, offset, count, out, span);
-    if (local.size && *local.size != knownSize && hooks_.sizeConfirmed) hooks_.sizeConfirmed(entry.name, *local.size);
+    ReadResult local = readLocal(entry, offset, count, out, span);
+    if (local && local->size && *local->size != knownSize && hooks_.sizeConfirmed)
+      hooks_.sizeConfirmed(entry.name, *local->size);
     co_return local;
   }
-  if (count == 0) co_return Outcome{true, false, std::nullopt};
+  if (count == 0) co_return readDone(false);
 
+  // Cancelled when the reader goes: a read still waiting then returns
+  // without touching it.
+  const vt::CancelToken gone = jobs_.token();
   std::optional<int64_t> total = stateFor(entry).total;
   const int64_t size = total.value_or(knownSize);
-  if (total && offset >= static_cast<uint64_t>(size)) co_return Outcome{true, true, total};
+  if (total && offset >= static_cast<uint64_t>(size)) co_return readDone(true, total);
 
   const auto firstChunk = static_cast<int64_t>(offset / kChunk);
   const auto lastChunk = static_cast<int64_t>((offset + count - 1) / kChunk);
   bool shortChunk = false;
   uint64_t end = offset;
   for (int64_t k = firstChunk; k <= lastChunk && !shortChunk; ++k) {
-    const Chunk c = co_await chunk(entry, k);
-    if (!c) co_return Outcome{};
+    const Chunk c = co_await chunk(entry, k, token);
+    if (gone.isCancelled() || token.isCancelled()) co_return readFailed(ReadError::Kind::cancelled, entry.name);
+    if (!c) co_return readFailed(ReadError::Kind::io, "no source of " + entry.name + " answered");
     const int64_t chunkStart = k * kChunk;
     const auto from = static_cast<size_t>(std::max<int64_t>(static_cast<int64_t>(end), chunkStart) - chunkStart);
     shortChunk = c->size() < static_cast<size_t>(kChunk);
@@ -176,7 +188,7 @@ QCoro::Task<SourceReader::Outcome> SourceReader::read(vt::EngineEntry entry, int
   const bool eof = total ? end >= static_cast<uint64_t>(*total) : shortChunk && end < offset + count;
   st.lastChunk = lastChunk;
   readAhead(entry, lastChunk);
-  co_return Outcome{true, eof, total};
+  co_return readDone(eof, total);
 }
 
 void SourceReader::readAhead(const vt::EngineEntry& entry, int64_t index) {
@@ -186,38 +198,52 @@ void SourceReader::readAhead(const vt::EngineEntry& entry, int64_t index) {
     const std::string id = st.key + "-" + std::to_string(j);
     if (inflight_.count(id) || disk_.count(id)) continue;
     if (std::any_of(memory_.begin(), memory_.end(), [&](const auto& m) { return m.first == id; })) continue;
-    vt::Job::start([this, entry, j](vt::CancelToken) -> QCoro::Task<> { co_await chunk(entry, j); });
+    startFetch(entry, j, id);
   }
 }
 
-QCoro::Task<SourceReader::Chunk> SourceReader::chunk(vt::EngineEntry entry, int64_t index) {
+QCoro::Task<SourceReader::Chunk> SourceReader::chunk(vt::EngineEntry entry, int64_t index, vt::CancelToken token) {
   const std::string id = stateFor(entry).key + "-" + std::to_string(index);
   if (Chunk c = memoryGet(id)) co_return c;
-  if (Chunk c = co_await diskGet(id)) {
-    memoryPut(id, c);
-    co_return c;
+  const vt::CancelToken gone = jobs_.token();
+  const Chunk fromDisk = co_await diskGet(id);
+  if (gone.isCancelled() || token.isCancelled()) co_return Chunk();
+  if (fromDisk) {
+    memoryPut(id, fromDisk);
+    co_return fromDisk;
   }
   // A read of the disk cache or a fetch may have brought it meanwhile.
   if (Chunk c = memoryGet(id)) co_return c;
-  if (auto it = inflight_.find(id); it != inflight_.end()) {
-    const auto pending = it->second;
-    co_await pending->done;
-    co_return pending->chunk;
-  }
-  auto pending = std::make_shared<Inflight>();
-  inflight_[id] = pending;
-  Chunk c = co_await fetch(entry, index);
-  pending->chunk = c;
-  inflight_.erase(id);
-  if (c) {
-    memoryPut(id, c);
-    diskPut(id, c);
-  }
-  pending->done.fire();
-  co_return c;
+  const auto pending = startFetch(entry, index, id);
+  const bool fired = co_await pending->done.wait(token);
+  if (!fired || gone.isCancelled()) co_return Chunk();
+  co_return pending->chunk;
 }
 
-QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int64_t index) {
+std::shared_ptr<SourceReader::Inflight> SourceReader::startFetch(const vt::EngineEntry& entry, int64_t index,
+                                                                 const std::string& id) {
+  if (auto it = inflight_.find(id); it != inflight_.end()) return it->second;
+  auto pending = std::make_shared<Inflight>();
+  inflight_[id] = pending;
+  jobs_.start([this, entry, index, id, pending](vt::CancelToken token) -> QCoro::Task<> {
+    Chunk c = co_await fetch(entry, index, token);
+    if (token.isCancelled()) {
+      // The reader is going: wake those who wait, who see that it went.
+      pending->done.fire();
+      co_return;
+    }
+    pending->chunk = c;
+    inflight_.erase(id);
+    if (c) {
+      memoryPut(id, c);
+      diskPut(id, c);
+    }
+    pending->done.fire();
+  });
+  return pending;
+}
+
+QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int64_t index, vt::CancelToken token) {
   const auto sources = candidates(entry);
   SourceState snapshot = stateFor(entry);
   const int64_t first = index * kChunk;
@@ -238,7 +264,8 @@ QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int6
     request.url = QUrl(QString::fromStdString(url));
     request.range = std::make_pair(first, std::optional<int64_t>(last));
     request.timeoutSeconds = kRequestTimeout;
-    const vt::HttpResponse reply = co_await http_.send(std::move(request));
+    const vt::HttpResponse reply = co_await http_.send(std::move(request), token);
+    if (token.isCancelled()) co_return Chunk();
 
     Chunk c;
     std::optional<int64_t> total;
@@ -310,10 +337,10 @@ QCoro::Task<SourceReader::Chunk> SourceReader::diskGet(std::string id) {
   const int64_t expected = it->second->second;
   diskOrder_.splice(diskOrder_.end(), diskOrder_, it->second);
   const std::string path = cacheDirectory_ + "/" + id + ".chunk";
-  auto alive = alive_;
+  const vt::CancelToken gone = jobs_.token();
   auto read = [path] { return vt::readFile(path); };  // named: gcc 12 mishandles temporaries in co_await
   auto text = co_await vt::runInBackground(std::move(read));
-  if (!*alive) co_return Chunk();
+  if (gone.isCancelled()) co_return Chunk();
   if (!text || static_cast<int64_t>(text->size()) != expected) {
     diskDrop(id);  // damaged, or evicted while it was read
     co_return Chunk();
@@ -325,15 +352,14 @@ void SourceReader::diskPut(const std::string& id, const Chunk& chunk) {
   const auto size = static_cast<int64_t>(chunk->size());
   if (disk_.count(id) || writing_.count(id) || size > budgetBytes_ || cacheDirectory_.empty()) return;
   writing_.insert(id);
-  auto alive = alive_;
   const std::string folder = cacheDirectory_, path = cacheDirectory_ + "/" + id + ".chunk";
-  vt::Job::start([this, alive, id, chunk, folder, path, size](vt::CancelToken) -> QCoro::Task<> {
+  jobs_.start([this, id, chunk, folder, path, size](vt::CancelToken token) -> QCoro::Task<> {
     auto write = [folder, path, chunk] {
       QDir().mkpath(QString::fromStdString(folder));
       return vt::writeFileAtomically(path, *chunk);
     };
     const bool written = co_await vt::runInBackground(std::move(write));
-    if (!*alive) co_return;
+    if (token.isCancelled()) co_return;
     writing_.erase(id);
     if (!written || disk_.count(id)) co_return;
     diskOrder_.emplace_back(id, size);

@@ -13,6 +13,7 @@
 #include <qcoro/qcorotask.h>
 
 #include "FileSpan.h"
+#include "ReadResult.h"
 #include "engine/contract/EngineContract.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
@@ -28,6 +29,10 @@ namespace vtnfs {
 // reads fetch the next chunks ahead. Chunks are kept in a small memory cache
 // and in a bounded on-disk cache (the probe cache folder), least recently
 // used first out.
+//
+// Fetches, read-ahead and disk writes are the reader's own jobs: when the
+// reader goes they end with it, their requests closed, and a caller still
+// waiting on one gets a cancelled read.
 class SourceReader {
  public:
   static constexpr int64_t kChunk = 4 << 20;
@@ -49,16 +54,14 @@ class SourceReader {
   int64_t diskBytes() const { return diskBytes_; }
   bool diskWritesPending() const { return !writing_.empty(); }
 
-  struct Outcome {
-    bool ok = false;
-    bool eof = false;
-    std::optional<int64_t> size;  // the real size, when the source told it
-  };
   // Appends up to `count` bytes of the entry at `offset` to `out`.
   // `knownSize` is the size served so far (the manifest's, or one confirmed).
   // With `span`, the bytes of a local file are named there, not appended.
-  QCoro::Task<Outcome> read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset, uint32_t count, std::string& out,
-                            FileSpan* span = nullptr);
+  // A cancelled `token` ends the wait for the source, not the fetch, which
+  // still fills the cache for the next reader.
+  QCoro::Task<ReadResult> read(vt::EngineEntry entry, int64_t knownSize, uint64_t offset, uint32_t count,
+                               std::string& out, FileSpan* span = nullptr,
+                               vt::CancelToken token = vt::CancelToken::none());
 
   // Drops what is remembered of entries that are gone or changed source.
   void forget(const std::string& entryName);
@@ -74,13 +77,17 @@ class SourceReader {
   };
   struct Inflight {
     vt::Completion done;
-    Chunk chunk;
+    Chunk chunk;  // null when every source failed
   };
 
-  Outcome readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count, std::string& out, FileSpan* span);
+  ReadResult readLocal(const vt::EngineEntry& entry, uint64_t offset, uint32_t count, std::string& out, FileSpan* span);
   SourceState& stateFor(const vt::EngineEntry& entry);
-  QCoro::Task<Chunk> chunk(vt::EngineEntry entry, int64_t index);
-  QCoro::Task<Chunk> fetch(vt::EngineEntry entry, int64_t index);
+  // The chunk, from memory, disk or its sources; null when every source
+  // failed or the wait was cancelled (the caller tells which by the tokens).
+  QCoro::Task<Chunk> chunk(vt::EngineEntry entry, int64_t index, vt::CancelToken token);
+  // The fetch of a chunk that is under way, or a new one started as a job.
+  std::shared_ptr<Inflight> startFetch(const vt::EngineEntry& entry, int64_t index, const std::string& id);
+  QCoro::Task<Chunk> fetch(vt::EngineEntry entry, int64_t index, vt::CancelToken token);
   void readAhead(const vt::EngineEntry& entry, int64_t index);
 
   Chunk memoryGet(const std::string& id);
@@ -106,7 +113,8 @@ class SourceReader {
   std::unordered_map<std::string, int> fds_;
   // Chunks being written to the disk cache on a worker thread.
   std::set<std::string> writing_;
-  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  // Last, so that the jobs end while the rest of the reader still stands.
+  vt::JobScope jobs_;
 };
 
 }  // namespace vtnfs

@@ -13,6 +13,7 @@
 #include "core/LibraryFolders.h"
 #include "core/LogFile.h"
 #include "platform/Clock.h"
+#include "plex/PlexAuth.h"
 #include "plex/PlexLibrarySetup.h"
 #include "sources/StreamProviders.h"
 #include "platform/Job.h"
@@ -131,6 +132,10 @@ int main(int argc, char** argv) {
     };
     return std::make_unique<vt::EngineSupervisor>(config, library, std::move(env));
   };
+  // The poller finds a moved server again through the account. Its probes
+  // carry the token, so they go without the shared cache and cookies.
+  vt::HttpClient discoveryHttp(vt::systemClock(), vt::HttpClient::Session::ephemeral);
+  wiring.plexDiscovery = vt::plexDiscovery(discoveryHttp);
   vt::VantoryApp app(std::move(wiring));
   vt::logLine("[Vantory] started; " + std::to_string(app.library().size()) + " titles in the library");
 

@@ -16,6 +16,7 @@ Endpoints Endpoints::fromEnvironment() {
   take("VT_ENDPOINT_PLEX_ACCOUNT", e.plexAccount);
   take("VT_ENDPOINT_PLEX_WEB", e.plexWebApp);
   take("VT_ENDPOINT_PLEX_DISCOVER", e.plexDiscover);
+  take("VT_ENDPOINT_PLEX_LOCAL", e.plexLocalServer);
   take("VT_ENDPOINT_TORRENTIO", e.torrentio);
   take("VT_ENDPOINT_COMET", e.cometHost);
   return e;

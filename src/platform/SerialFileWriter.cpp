@@ -116,7 +116,9 @@ struct SerialFileWriter::State {
 
 SerialFileWriter::SerialFileWriter() : state_(std::make_shared<State>()) {}
 
-SerialFileWriter::~SerialFileWriter() = default;
+// A writer that goes lets its queued saves finish first, so that nothing is
+// written after its owner (or the owner's folder) is gone.
+SerialFileWriter::~SerialFileWriter() { waitUntilIdle(); }
 
 void SerialFileWriter::save(std::string path, Producer produce) {
   uint64_t seq;

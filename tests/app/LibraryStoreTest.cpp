@@ -431,3 +431,14 @@ TEST(LibraryStore, LeftoversOfInterruptedSavesGoAndFilesAreTheUsersAlone) {
   EXPECT_EQ(lines[0], "[Vantory] library.json could not be read; kept it as library.json.unreadable-5000 and started "
                       "with an empty library");
 }
+
+TEST(LibraryStore, AStoreThatGoesHasFinishedItsSaves) {
+  Fixture f;
+  {
+    auto store = f.open();
+    for (int i = 0; i < 300; ++i) store->upsert(film("F" + std::to_string(i) + " (2000) {imdb-tt" + std::to_string(i + 1) + "}.mkv"));
+  }  // no waitForSaves: the store's end waits for them
+  const auto written = json::parse(f.file());
+  ASSERT_TRUE(written && written->is_array());
+  EXPECT_EQ(written->size(), 300u);
+}

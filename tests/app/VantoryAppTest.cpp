@@ -2,6 +2,8 @@
 // subsystems that record what they are asked.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "app/VantoryApp.h"
 #include "core/LibraryFolders.h"
 #include "platform/Clock.h"
@@ -157,6 +159,15 @@ TEST(VantoryApp, StartsUpInOrderAndStartsTheEngineOnlyWhenEverythingIsSet) {
                           "finishStaging paused-staging",
                           "resolveAndPublish 2"};
   EXPECT_EQ(rig.calls, expected);
+
+  // The activity list and the census live in the data folder.
+  ASSERT_EQ(ActivityLog::shared(), &app->activity());
+  app->activity().record(ActivityLog::Kind::added, "Film");
+  EXPECT_TRUE(std::filesystem::exists(rig.home.file("activity.json")));
+  std::vector<std::string> names;
+  for (int i = 0; i < 30; ++i) names.push_back("Film " + std::to_string(i) + " 2019 1080p QUUXWORD x264");
+  app->releaseWords().record(names);
+  EXPECT_TRUE(std::filesystem::exists(rig.home.file("unrecognized-release-words.json")));
 
   // Without a Real-Debrid key, or without Plex, the engine is not started.
   for (auto [configured, key] : {std::pair{true, false}, std::pair{false, true}}) {

@@ -147,12 +147,20 @@ TEST(ReleaseParser, GroupsFromBracketsDashesAndTrailingTokens) {
 }
 
 TEST(ReleaseParser, MemoKeepsTheWholeCellAndCutsTheFirstLine) {
-  const std::string cell = "Film.2019.2160p.WEB-DL\n👤 12 💾 3.1 GB ⚙️ 1080p";
+  const std::string cell = "Memo.Film.2019.2160p.WEB-DL\n👤 12 💾 3.1 GB ⚙️ 1080p";
+  const std::string line = "Memo.Film.2019.2160p.WEB-DL";
+  ASSERT_FALSE(ReleaseParser::memoState(cell).holds);
   const auto a = ReleaseParser::parse(cell);
   EXPECT_EQ(a.resolution, "4K") << "only the first line is read";
+  EXPECT_TRUE(ReleaseParser::memoState(cell).holds) << "kept under the whole cell";
+  EXPECT_FALSE(ReleaseParser::memoState(line).holds) << "not under its first line";
+  const auto hits = ReleaseParser::memoState(cell).hits;
   EXPECT_EQ(ReleaseParser::parse(cell), a);
-  EXPECT_EQ(ReleaseParser::parse("Film.2019.2160p.WEB-DL"), a);
+  EXPECT_EQ(ReleaseParser::memoState(cell).hits, hits + 1) << "the second parse is a hit";
+  EXPECT_EQ(ReleaseParser::parse(line), a);
   for (int i = 0; i < 1200; ++i) (void)ReleaseParser::parse("Name " + std::to_string(i) + " 1080p");
+  EXPECT_EQ(ReleaseParser::memoState(cell).size, 500u) << "at most 500 entries";
+  EXPECT_FALSE(ReleaseParser::memoState(cell).holds) << "the oldest went first";
   EXPECT_EQ(ReleaseParser::parse(cell), a);
 }
 

@@ -482,7 +482,20 @@ class Memo {
     std::lock_guard lock(mutex_);
     auto it = map_.find(std::string(key));
     if (it == map_.end()) return std::nullopt;
+    ++hits_;
     return it->second;
+  }
+  bool holds(std::string_view key) {
+    std::lock_guard lock(mutex_);
+    return map_.count(std::string(key)) > 0;
+  }
+  size_t size() {
+    std::lock_guard lock(mutex_);
+    return map_.size();
+  }
+  uint64_t hits() {
+    std::lock_guard lock(mutex_);
+    return hits_;
   }
   void put(std::string key, const ReleaseInfo& info) {
     std::lock_guard lock(mutex_);
@@ -500,6 +513,7 @@ class Memo {
   std::mutex mutex_;
   std::unordered_map<std::string, ReleaseInfo> map_;
   std::deque<std::string> order_;
+  uint64_t hits_ = 0;
 };
 
 Memo& memo() {
@@ -646,6 +660,10 @@ ReleaseInfo ReleaseParser::parseUncached(std::string_view name, ParseMode mode) 
   info.isComplete = P.complete.matches(upper, mode) || (info.season && !info.episode);
   info.group = extractGroup(base, mode);
   return info;
+}
+
+ReleaseParser::MemoState ReleaseParser::memoState(std::string_view name) {
+  return MemoState{memo().holds(name), memo().size(), memo().hits()};
 }
 
 ReleaseInfo ReleaseParser::parse(std::string_view name) {

@@ -57,6 +57,14 @@ class ReleaseParser {
  public:
   // The memoised entry every caller uses (500 entries, keyed by the whole input).
   static ReleaseInfo parse(std::string_view name);
+  // What the memo holds, for tests: whether `name` is in it, its size, and
+  // the hits so far.
+  struct MemoState {
+    bool holds = false;
+    size_t size = 0;
+    uint64_t hits = 0;
+  };
+  static MemoState memoState(std::string_view name);
   // All passes, without the memo.
   static ReleaseInfo parseUncached(std::string_view name, ParseMode mode = ParseMode::fast);
   // The words of the technical tail that nothing explains.

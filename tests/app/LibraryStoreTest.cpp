@@ -436,7 +436,11 @@ TEST(LibraryStore, AStoreThatGoesHasFinishedItsSaves) {
   Fixture f;
   {
     auto store = f.open();
-    for (int i = 0; i < 300; ++i) store->upsert(film("F" + std::to_string(i) + " (2000) {imdb-tt" + std::to_string(i + 1) + "}.mkv"));
+    for (int i = 0; i < 300; ++i) {
+      std::string name = "F";
+      name.append(std::to_string(i)).append(" (2000) {imdb-tt").append(std::to_string(i + 1)).append("}.mkv");
+      store->upsert(film(name));
+    }
   }  // no waitForSaves: the store's end waits for them
   const auto written = json::parse(f.file());
   ASSERT_TRUE(written && written->is_array());

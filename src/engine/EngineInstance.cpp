@@ -15,17 +15,13 @@
 
 namespace vt {
 
-namespace {
-
-std::optional<int> readPidFile(const std::string& path) {
+std::optional<int> readEnginePidFile(const std::string& path) {
   auto text = readFile(path);
   if (!text) return std::nullopt;
   const auto pid = parseAsciiInt(trimmedView(*text));
   if (!pid || *pid < 2) return std::nullopt;
   return pid;
 }
-
-}  // namespace
 
 EngineInstance::EngineInstance(EngineInstancePaths instancePaths, Context context)
     : ctx_(std::move(context)),
@@ -155,7 +151,7 @@ void EngineInstance::signal(int sig) const {
 }
 
 void EngineInstance::removePidFileIfHolds(int pid) const {
-  if (readPidFile(paths.pidFile) == pid) QFile::remove(QString::fromStdString(paths.pidFile));
+  if (readEnginePidFile(paths.pidFile) == pid) QFile::remove(QString::fromStdString(paths.pidFile));
 }
 
 void EngineInstance::scheduleRestart(double delaySeconds, std::function<QCoro::Task<>()> fn) {

@@ -26,6 +26,10 @@ class LibraryMounter;
 class ProcessExitWatch;
 class SettingsStore;
 
+// The pid an engine's pid file names; none for a missing or unreadable file
+// or a pid below 2.
+std::optional<int> readEnginePidFile(const std::string& path);
+
 // One engine process, `movie` or `tv`: launching it, adopting one that an
 // earlier application process left running, its pid file, its exit, the
 // restart policy's counters and timers, and the tail of its log. The

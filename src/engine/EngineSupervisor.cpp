@@ -38,14 +38,6 @@ int portOf(const std::string& address) {
   return parseAsciiInt(std::string_view(address).substr(colon + 1)).value_or(0);
 }
 
-std::optional<int> readPidFile(const std::string& path) {
-  auto text = readFile(path);
-  if (!text) return std::nullopt;
-  const auto pid = parseAsciiInt(trimmedView(*text));
-  if (!pid || *pid < 2) return std::nullopt;
-  return pid;
-}
-
 bool isEngineProcess(int pid) {
   const auto name = processName(pid);
   return name && lastPathComponent(trimmed(*name)) == "vtnfs";
@@ -228,7 +220,7 @@ QCoro::Task<std::optional<int>> EngineSupervisor::portHolderPid(const EngineInst
 }
 
 QCoro::Task<> EngineSupervisor::cleanOrphanFromPidFile(std::string pidFile) {
-  const auto pid = readPidFile(pidFile);
+  const auto pid = readEnginePidFile(pidFile);
   if (!pid) co_return;
   QFile::remove(QString::fromStdString(pidFile));
   if (isEngineProcess(*pid)) {

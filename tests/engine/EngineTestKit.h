@@ -13,6 +13,16 @@
 
 namespace vt::test {
 
+// A manifest entry of 1234 bytes with the given sources.
+inline EngineEntry entry(const std::string& name, const std::string& url = "", const std::string& local = "") {
+  EngineEntry e;
+  e.name = name;
+  e.url = url;
+  e.local = local;
+  e.size = 1234;
+  return e;
+}
+
 // The real vtnfs executable on free loopback ports, for tests.
 class VtnfsProcess {
  public:

@@ -16,14 +16,7 @@ using namespace vt;
 
 namespace {
 
-EngineEntry entry(const std::string& name, const std::string& url = "", const std::string& local = "") {
-  EngineEntry e;
-  e.name = name;
-  e.url = url;
-  e.local = local;
-  e.size = 1234;
-  return e;
-}
+using vt::test::entry;
 
 // An engine on free loopback ports over a manifest in a test home.
 struct LocalEngine {

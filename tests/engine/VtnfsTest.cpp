@@ -17,14 +17,7 @@ using vt::test::VtnfsProcess;
 
 namespace {
 
-EngineEntry entry(const std::string& name, const std::string& url = "", const std::string& local = "") {
-  EngineEntry e;
-  e.name = name;
-  e.url = url;
-  e.local = local;
-  e.size = 1234;
-  return e;
-}
+using vt::test::entry;
 
 std::vector<std::string> names(const EngineStatusPayload& p) {
   std::vector<std::string> out;

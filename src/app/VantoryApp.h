@@ -38,7 +38,7 @@ class ConnectGate {
 // that reports the subsystem as absent.
 struct AppWiring {
   AppPaths paths = appPaths();
-  Clock* clock = nullptr;       // the system clock when none
+  Clock* clock = nullptr;      // the system clock when none
   HttpClient* http = nullptr;  // the shared client when none
   bool installHttpCache = true;
   AppConfig::RegistrySync registrySync;

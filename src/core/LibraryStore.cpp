@@ -230,8 +230,8 @@ void LibraryStore::keepUnreadableFile() {
     return;
   }
   std::filesystem::permissions(aside, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write, ec);
-  logLine("[Vantory] library.json could not be read; kept it as " +
-          std::filesystem::path(aside).filename().string() + " and started with an empty library");
+  logLine("[Vantory] library.json could not be read; kept it as " + std::filesystem::path(aside).filename().string() +
+          " and started with an empty library");
 }
 
 void LibraryStore::load() {

@@ -10,13 +10,13 @@ namespace vt {
 // the "start failed" line show.
 struct EngineError {
   enum class Kind {
-    engineMissing,  // the bundled vtnfs is missing or could not be installed
-    badControlURL,  // the settings give no control address
-    launchFailed,   // the process did not start; `detail` says why
-    tooSlow,        // it never answered its health check
-    mountFailed,    // the library folder could not be connected
+    engineMissing,        // the bundled vtnfs is missing or could not be installed
+    badControlURL,        // the settings give no control address
+    launchFailed,         // the process did not start; `detail` says why
+    tooSlow,              // it never answered its health check
+    mountFailed,          // the library folder could not be connected
     manifestWriteFailed,  // the manifest could not be written; `detail` says why
-    stopped,        // a stop or the owner's end interrupted the start
+    stopped,              // a stop or the owner's end interrupted the start
   };
   Kind kind = Kind::launchFailed;
   std::string detail;

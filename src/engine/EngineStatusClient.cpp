@@ -10,7 +10,6 @@ namespace vt {
 
 EngineStatusClient::EngineStatusClient(HttpClient& http) : http_(http) {}
 
-
 namespace {
 
 QUrl join(const QUrl& base, const char* path) {
@@ -40,8 +39,8 @@ QCoro::Task<bool> EngineStatusClient::healthz(std::optional<QUrl> controlURL, Ca
   co_return r.failure == HttpFailure::none&& r.status == 200;
 }
 
-QCoro::Task<std::optional<EngineAdoption>> EngineStatusClient::adopt(std::optional<QUrl> controlURL,
-                                                                     int32_t pid, CancelToken token) const {
+QCoro::Task<std::optional<EngineAdoption>> EngineStatusClient::adopt(std::optional<QUrl> controlURL, int32_t pid,
+                                                                     CancelToken token) const {
   if (!controlURL) co_return std::nullopt;
   Json body;
   body["pid"] = pid;
@@ -50,14 +49,16 @@ QCoro::Task<std::optional<EngineAdoption>> EngineStatusClient::adopt(std::option
   co_return decodeEngineAdoption(bodyView(r));
 }
 
-QCoro::Task<std::optional<EngineStatusPayload>> EngineStatusClient::status(std::optional<QUrl> controlURL, CancelToken token) const {
+QCoro::Task<std::optional<EngineStatusPayload>> EngineStatusClient::status(std::optional<QUrl> controlURL,
+                                                                           CancelToken token) const {
   if (!controlURL) co_return std::nullopt;
   auto r = co_await http_.get(join(*controlURL, "status"), kStatusTimeout, token);
   if (r.failure != HttpFailure::none) co_return std::nullopt;
   co_return decodeEngineStatus(bodyView(r));
 }
 
-QCoro::Task<EngineStatusClient::ReloadReply> EngineStatusClient::reload(std::optional<QUrl> controlURL, CancelToken token) const {
+QCoro::Task<EngineStatusClient::ReloadReply> EngineStatusClient::reload(std::optional<QUrl> controlURL,
+                                                                        CancelToken token) const {
   ReloadReply reply;
   if (!controlURL) co_return reply;
   HttpRequest request;
@@ -82,15 +83,18 @@ QCoro::Task<> EngineStatusClient::postNames(std::optional<QUrl> controlURL, cons
   co_await http_.postJson(join(*controlURL, path), body, kHintTimeout, token);
 }
 
-QCoro::Task<> EngineStatusClient::warmPending(std::optional<QUrl> controlURL, std::vector<std::string> names, CancelToken token) const {
+QCoro::Task<> EngineStatusClient::warmPending(std::optional<QUrl> controlURL, std::vector<std::string> names,
+                                              CancelToken token) const {
   co_await postNames(std::move(controlURL), "control/warm-pending", std::move(names), token);
 }
 
-QCoro::Task<> EngineStatusClient::boost(std::optional<QUrl> controlURL, std::vector<std::string> names, CancelToken token) const {
+QCoro::Task<> EngineStatusClient::boost(std::optional<QUrl> controlURL, std::vector<std::string> names,
+                                        CancelToken token) const {
   co_await postNames(std::move(controlURL), "control/boost", std::move(names), token);
 }
 
-QCoro::Task<> EngineStatusClient::touch(std::optional<QUrl> controlURL, std::vector<std::string> names, CancelToken token) const {
+QCoro::Task<> EngineStatusClient::touch(std::optional<QUrl> controlURL, std::vector<std::string> names,
+                                        CancelToken token) const {
   co_await postNames(std::move(controlURL), "control/touch", std::move(names), token);
 }
 
@@ -105,8 +109,8 @@ QCoro::Task<> EngineStatusClient::prewarm(std::optional<QUrl> controlURL, std::v
   co_await http_.postJson(join(*controlURL, "control/prewarm"), body, kHintTimeout, token);
 }
 
-QCoro::Task<> EngineStatusClient::expect(std::optional<QUrl> controlURL, std::vector<std::string> names,
-                                         int ttl, CancelToken token) const {
+QCoro::Task<> EngineStatusClient::expect(std::optional<QUrl> controlURL, std::vector<std::string> names, int ttl,
+                                         CancelToken token) const {
   if (!controlURL || names.empty()) co_return;
   std::sort(names.begin(), names.end());
   QUrl url = join(*controlURL, "control/expect");

@@ -31,8 +31,10 @@ class EngineStatusClient {
   explicit EngineStatusClient(HttpClient& http);
 
   QCoro::Task<bool> healthz(std::optional<QUrl> controlURL, CancelToken token = CancelToken::none()) const;
-  QCoro::Task<std::optional<EngineAdoption>> adopt(std::optional<QUrl> controlURL, int32_t pid, CancelToken token = CancelToken::none()) const;
-  QCoro::Task<std::optional<EngineStatusPayload>> status(std::optional<QUrl> controlURL, CancelToken token = CancelToken::none()) const;
+  QCoro::Task<std::optional<EngineAdoption>> adopt(std::optional<QUrl> controlURL, int32_t pid,
+                                                   CancelToken token = CancelToken::none()) const;
+  QCoro::Task<std::optional<EngineStatusPayload>> status(std::optional<QUrl> controlURL,
+                                                         CancelToken token = CancelToken::none()) const;
   // The reload's reply: none when the request failed; otherwise the number of
   // deferred entries when the reply says so.
   struct ReloadReply {
@@ -41,20 +43,25 @@ class EngineStatusClient {
   };
   QCoro::Task<ReloadReply> reload(std::optional<QUrl> controlURL, CancelToken token = CancelToken::none()) const;
 
-  QCoro::Task<> warmPending(std::optional<QUrl> controlURL, std::vector<std::string> names, CancelToken token = CancelToken::none()) const;
+  QCoro::Task<> warmPending(std::optional<QUrl> controlURL, std::vector<std::string> names,
+                            CancelToken token = CancelToken::none()) const;
   QCoro::Task<> prewarm(std::optional<QUrl> controlURL, std::vector<std::string> names,
                         std::map<std::string, double> resume, CancelToken token = CancelToken::none()) const;
-  QCoro::Task<> boost(std::optional<QUrl> controlURL, std::vector<std::string> names, CancelToken token = CancelToken::none()) const;
-  QCoro::Task<> touch(std::optional<QUrl> controlURL, std::vector<std::string> names, CancelToken token = CancelToken::none()) const;
-  QCoro::Task<> expect(std::optional<QUrl> controlURL, std::vector<std::string> names, int ttl, CancelToken token = CancelToken::none()) const;
-  QCoro::Task<> setBudget(std::optional<QUrl> controlURL, double gigabytes, CancelToken token = CancelToken::none()) const;
+  QCoro::Task<> boost(std::optional<QUrl> controlURL, std::vector<std::string> names,
+                      CancelToken token = CancelToken::none()) const;
+  QCoro::Task<> touch(std::optional<QUrl> controlURL, std::vector<std::string> names,
+                      CancelToken token = CancelToken::none()) const;
+  QCoro::Task<> expect(std::optional<QUrl> controlURL, std::vector<std::string> names, int ttl,
+                       CancelToken token = CancelToken::none()) const;
+  QCoro::Task<> setBudget(std::optional<QUrl> controlURL, double gigabytes,
+                          CancelToken token = CancelToken::none()) const;
   QCoro::Task<> setPlayback(std::optional<QUrl> controlURL, bool active, CancelToken token = CancelToken::none()) const;
 
   static std::string keyHash(std::string_view rdKey) { return engineKeyHash(rdKey); }
 
  private:
   QCoro::Task<> postNames(std::optional<QUrl> controlURL, const char* path, std::vector<std::string> names,
-                         CancelToken token) const;
+                          CancelToken token) const;
   HttpClient& http_;
 };
 

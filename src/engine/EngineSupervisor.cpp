@@ -93,7 +93,9 @@ QCoro::Task<> EngineSupervisor::startInstance(EngineInstanceState& instance, std
   return startInstance(instanceFor(instance), std::move(entries));
 }
 
-QCoro::Task<> EngineSupervisor::stopInstance(EngineInstanceState& instance) { return stopInstance(instanceFor(instance)); }
+QCoro::Task<> EngineSupervisor::stopInstance(EngineInstanceState& instance) {
+  return stopInstance(instanceFor(instance));
+}
 
 void EngineSupervisor::log(const std::string& line) const { env_.log(line); }
 
@@ -180,8 +182,8 @@ QCoro::Task<bool> EngineSupervisor::adoptIfRunning(EngineInstance& instance) {
   instance.entryCount = entries.size();
 
   setState(instance, EngineState::running);
-  log(instance.label() + " adopted the running engine (pid " + std::to_string(*pid) + ", vtnfs " +
-      adoption->version + ")");
+  log(instance.label() + " adopted the running engine (pid " + std::to_string(*pid) + ", vtnfs " + adoption->version +
+      ")");
   didBecomeReady(instance);
 
   if (predates) {
@@ -343,8 +345,8 @@ void EngineSupervisor::didBecomeReady(EngineInstance& instance) {
     if (env_.setWarmupUntil) env_.setWarmupUntil(env_.clock->now() + 120);
   }
   EngineInstance* target = &instance;
-  instance.mount().startWatchdog({[target] { return target->state == EngineState::running; },
-                                  [target] { return target->runningPid(); }});
+  instance.mount().startWatchdog(
+      {[target] { return target->state == EngineState::running; }, [target] { return target->runningPid(); }});
   if (isMovie) kickPlexSync();
   instance.markReady();
 }

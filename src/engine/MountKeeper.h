@@ -33,14 +33,13 @@ class MountKeeper {
   static constexpr int kWatchdogMisses = 3;
 
   struct Watched {
-    std::function<bool()> running;          // only a running engine is probed
+    std::function<bool()> running;            // only a running engine is probed
     std::function<std::optional<int>()> pid;  // the engine to end when the folder hangs
   };
 
   using Log = std::function<void(const std::string&)>;
 
-  MountKeeper(LibraryMounter& mounter, Clock& clock, FolderProbe probe, Log log, std::string label,
-              std::string folder);
+  MountKeeper(LibraryMounter& mounter, Clock& clock, FolderProbe probe, Log log, std::string label, std::string folder);
 
   const std::string& folder() const { return folder_; }
 

@@ -17,7 +17,7 @@ struct Endpoints {
   std::string plexDiscover = "https://discover.provider.plex.tv";  // VT_ENDPOINT_PLEX_DISCOVER
   // A Plex Media Server on this machine, asked for its identity at discovery.
   std::string plexLocalServer = "http://127.0.0.1:32400";  // VT_ENDPOINT_PLEX_LOCAL
-  std::string torrentio = "https://torrentio.strem.fun";           // VT_ENDPOINT_TORRENTIO
+  std::string torrentio = "https://torrentio.strem.fun";   // VT_ENDPOINT_TORRENTIO
   // A host name (the add-on is reached over https) or an origin with a scheme.
   std::string cometHost = "comet.elfhosted.com";  // VT_ENDPOINT_COMET
 

@@ -93,7 +93,6 @@ class Job {
   static void reportUncaught(const std::string& what);
 };
 
-
 // The jobs of one long-lived owner. The owner holds a scope as its last
 // member, so that the scope goes first: every job it started is cancelled
 // while the rest of the owner still stands. A job notices at its next

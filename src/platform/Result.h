@@ -33,9 +33,7 @@ class [[nodiscard]] Result {
   using error_type = E;
 
   // Like std::expected: a default result holds a default value.
-  Result()
-    requires std::is_default_constructible_v<T>
-      : state_(std::in_place_index<0>) {}
+  Result() requires std::is_default_constructible_v<T> : state_(std::in_place_index<0>) {}
   template <class U = T, class = std::enable_if_t<std::is_constructible_v<T, U&&>>>
   Result(U&& value) : state_(std::in_place_index<0>, std::forward<U>(value)) {}
   template <class G>

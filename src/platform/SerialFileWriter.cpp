@@ -62,8 +62,7 @@ int removeInterruptedWrites(const std::string& path) {
   for (const auto& entry : fs::directory_iterator(dir, ec)) {
     const std::string name = entry.path().filename().string();
     // Exactly the names writeFileAtomically makes: the prefix and six characters.
-    if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0 &&
-        entry.is_regular_file(ec)) {
+    if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0 && entry.is_regular_file(ec)) {
       removed += fs::remove(entry.path(), ec) ? 1 : 0;
     }
   }

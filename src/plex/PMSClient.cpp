@@ -117,53 +117,53 @@ std::vector<PlexMedia> decodeMedia(const Json& row) {
 
 std::optional<std::vector<PlexItem>> decodeSectionItems(const QByteArray& body) {
   return decoded([&]() -> std::optional<std::vector<PlexItem>> {
-  auto mc = container(body);
-  if (!mc) return std::nullopt;
-  std::vector<PlexItem> items;
-  for (const auto& row : array(*mc, "Metadata")) {
-    PlexItem it;
-    it.ratingKey = text(row, "ratingKey");
-    it.title = text(row, "title");
-    it.year = integer(row, "year");
-    it.thumb = text(row, "thumb");
-    it.grandparentRatingKey = text(row, "grandparentRatingKey");
-    it.viewOffset = integer(row, "viewOffset");
-    it.duration = integer(row, "duration");
-    it.addedAt = integer(row, "addedAt");
-    it.media = decodeMedia(row);
-    items.push_back(std::move(it));
-  }
-  return items;
+    auto mc = container(body);
+    if (!mc) return std::nullopt;
+    std::vector<PlexItem> items;
+    for (const auto& row : array(*mc, "Metadata")) {
+      PlexItem it;
+      it.ratingKey = text(row, "ratingKey");
+      it.title = text(row, "title");
+      it.year = integer(row, "year");
+      it.thumb = text(row, "thumb");
+      it.grandparentRatingKey = text(row, "grandparentRatingKey");
+      it.viewOffset = integer(row, "viewOffset");
+      it.duration = integer(row, "duration");
+      it.addedAt = integer(row, "addedAt");
+      it.media = decodeMedia(row);
+      items.push_back(std::move(it));
+    }
+    return items;
   });
 }
 
 std::optional<std::vector<PlaySession>> decodeSessions(const QByteArray& body) {
   return decoded([&]() -> std::optional<std::vector<PlaySession>> {
-  auto mc = container(body);
-  if (!mc) return std::nullopt;
-  std::vector<PlaySession> out;
-  for (const auto& row : array(*mc, "Metadata")) {
-    PlaySession s;
-    s.sessionKey = text(row, "sessionKey");
-    s.title = text(row, "title");
-    for (const auto& m : decodeMedia(row)) {
-      for (const auto& p : m.parts)
-        if (!s.file && p.file) s.file = p.file;
+    auto mc = container(body);
+    if (!mc) return std::nullopt;
+    std::vector<PlaySession> out;
+    for (const auto& row : array(*mc, "Metadata")) {
+      PlaySession s;
+      s.sessionKey = text(row, "sessionKey");
+      s.title = text(row, "title");
+      for (const auto& m : decodeMedia(row)) {
+        for (const auto& p : m.parts)
+          if (!s.file && p.file) s.file = p.file;
+      }
+      s.viewOffsetMs = integer(row, "viewOffset");
+      s.durationMs = integer(row, "duration");
+      const auto& player = object(row, "Player");
+      s.playerState = text(player, "state");
+      s.playerProduct = text(player, "product");
+      s.playerTitle = text(player, "title");
+      const auto& tc = object(row, "TranscodeSession");
+      s.transcodeSpeed = number(tc, "speed");
+      s.transcodeThrottled = boolean(tc, "throttled");
+      s.transcodeProtocol = text(tc, "protocol");
+      s.transcodeVideoDecision = text(tc, "videoDecision");
+      out.push_back(std::move(s));
     }
-    s.viewOffsetMs = integer(row, "viewOffset");
-    s.durationMs = integer(row, "duration");
-    const auto& player = object(row, "Player");
-    s.playerState = text(player, "state");
-    s.playerProduct = text(player, "product");
-    s.playerTitle = text(player, "title");
-    const auto& tc = object(row, "TranscodeSession");
-    s.transcodeSpeed = number(tc, "speed");
-    s.transcodeThrottled = boolean(tc, "throttled");
-    s.transcodeProtocol = text(tc, "protocol");
-    s.transcodeVideoDecision = text(tc, "videoDecision");
-    out.push_back(std::move(s));
-  }
-  return out;
+    return out;
   });
 }
 
@@ -195,7 +195,9 @@ std::optional<std::vector<PlexCollectionRow>> decodeCollections(const QByteArray
 
 PMSClient::PMSClient(HttpClient& http, QUrl baseURL, std::string token, std::string clientIdentifier)
     : http_(&http),
-      baseURL_(std::move(baseURL)), token_(std::move(token)), clientIdentifier_(std::move(clientIdentifier)) {
+      baseURL_(std::move(baseURL)),
+      token_(std::move(token)),
+      clientIdentifier_(std::move(clientIdentifier)) {
   // A server address typed with a trailing slash means the same server.
   QString path = baseURL_.path();
   while (path.endsWith('/')) path.chop(1);
@@ -245,7 +247,7 @@ QCoro::Task<Result<QByteArray, PMSError>> PMSClient::send(QByteArray method, QUr
 }
 
 QCoro::Task<Result<QByteArray, PMSError>> PMSClient::httpRequest(QByteArray method, std::string path, Query query,
-                                                          double timeout) const {
+                                                                 double timeout) const {
   if (token_.empty()) co_return Failure(PMSError{PMSError::Kind::noToken});
   QUrl url = urlFor(path);
   if (!query.empty()) url.setQuery(QString::fromStdString(queryString(query)), QUrl::StrictMode);
@@ -297,7 +299,8 @@ QCoro::Task<Result<std::optional<PlexSection>, PMSError>> PMSClient::sectionForL
   co_return Result<R, PMSError>(R{found});
 }
 
-QCoro::Task<Result<void, PMSError>> PMSClient::createSection(std::string name, bool isShow, std::string location) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::createSection(std::string name, bool isShow,
+                                                             std::string location) const {
   auto existing = co_await sectionForLocation(location);
   if (!existing) co_return Failure(existing.error());
   if (*existing) co_return Result<void, PMSError>();
@@ -333,8 +336,7 @@ QCoro::Task<Result<void, PMSError>> PMSClient::refreshSection(std::string locati
   auto section = co_await sectionForLocation(location);
   if (!section) co_return Failure(section.error());
   if (!*section) co_return Result<void, PMSError>();
-  auto r =
-      co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/refresh", Query(), kReadTimeout);
+  auto r = co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/refresh", Query(), kReadTimeout);
   if (!r) co_return Failure(r.error());
   co_return Result<void, PMSError>();
 }
@@ -346,8 +348,7 @@ QCoro::Task<Result<std::vector<PlexItem>, PMSError>> PMSClient::sectionItems(std
   if (!*section) co_return Result<R, PMSError>(R{});
   Query q;
   if ((*section)->type == "show") q.emplace_back("type", "4");
-  auto r =
-      co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
+  auto r = co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
   if (!r) co_return Failure(r.error());
   co_return Result<R, PMSError>(decodeSectionItems(*r).value_or(R{}));
 }
@@ -431,7 +432,7 @@ QCoro::Task<Result<void, PMSError>> PMSClient::emptyTrash(std::string sectionKey
 }
 
 QCoro::Task<Result<void, PMSError>> PMSClient::addLabel(std::string sectionKey, std::vector<std::string> ratingKeys,
-                                                 std::string label) const {
+                                                        std::string label) const {
   if (token_.empty()) co_return Failure(PMSError{PMSError::Kind::noToken});
   constexpr size_t kChunk = 50;
   for (size_t start = 0; start < ratingKeys.size(); start += kChunk) {
@@ -447,7 +448,8 @@ QCoro::Task<Result<void, PMSError>> PMSClient::addLabel(std::string sectionKey, 
   co_return Result<void, PMSError>();
 }
 
-QCoro::Task<Result<void, PMSError>> PMSClient::removeLabel(std::vector<std::string> ratingKeys, std::string label) const {
+QCoro::Task<Result<void, PMSError>> PMSClient::removeLabel(std::vector<std::string> ratingKeys,
+                                                           std::string label) const {
   if (token_.empty()) co_return Failure(PMSError{PMSError::Kind::noToken});
   for (const auto& key : ratingKeys) {
     Query q = {{"type", "1"}, {"label[0].tag.tag-", label}, {"label.locked", "1"}};
@@ -457,7 +459,8 @@ QCoro::Task<Result<void, PMSError>> PMSClient::removeLabel(std::vector<std::stri
   co_return Result<void, PMSError>();
 }
 
-QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> PMSClient::sectionLabels(std::string sectionKey) const {
+QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> PMSClient::sectionLabels(
+    std::string sectionKey) const {
   using R = std::map<std::string, std::string>;
   auto r = co_await httpRequest("GET", "/library/sections/" + sectionKey + "/label", Query(), kReadTimeout);
   if (!r) co_return Failure(r.error());
@@ -478,7 +481,7 @@ QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> PMSClient::sec
 }
 
 QCoro::Task<Result<std::set<std::string>, PMSError>> PMSClient::labelledKeys(std::string sectionKey,
-                                                                      std::string labelId) const {
+                                                                             std::string labelId) const {
   using R = std::set<std::string>;
   Query q = {{"type", "1"}, {"label", labelId}};
   auto r = co_await httpRequest("GET", "/library/sections/" + sectionKey + "/all", std::move(q), kReadTimeout);
@@ -489,7 +492,8 @@ QCoro::Task<Result<std::set<std::string>, PMSError>> PMSClient::labelledKeys(std
   co_return Result<R, PMSError>(std::move(keys));
 }
 
-QCoro::Task<Result<std::vector<PlexCollectionRow>, PMSError>> PMSClient::sectionCollections(std::string sectionKey) const {
+QCoro::Task<Result<std::vector<PlexCollectionRow>, PMSError>> PMSClient::sectionCollections(
+    std::string sectionKey) const {
   using R = std::vector<PlexCollectionRow>;
   auto r = co_await httpRequest("GET", "/library/sections/" + sectionKey + "/collections", Query(), kReadTimeout);
   if (!r) co_return Failure(r.error());
@@ -540,7 +544,7 @@ QCoro::Task<Result<void, PMSError>> PMSClient::deleteCollectionNamed(std::string
 }
 
 QCoro::Task<Result<std::vector<std::string>, PMSError>> PMSClient::itemsWithoutDuration(std::string location,
-                                                                                 Date before) const {
+                                                                                        Date before) const {
   using R = std::vector<std::string>;
   auto items = co_await sectionItems(std::move(location));
   if (!items) co_return Failure(items.error());
@@ -561,8 +565,7 @@ QCoro::Task<Result<std::set<std::string>, PMSError>> PMSClient::showKeys(std::st
   if (!section) co_return Failure(section.error());
   if (!*section || (*section)->type != "show") co_return Result<R, PMSError>(R{});
   Query q = {{"type", "2"}};
-  auto r =
-      co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
+  auto r = co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
   if (!r) co_return Failure(r.error());
   R keys;
   for (const auto& item : decodeSectionItems(*r).value_or(std::vector<PlexItem>{}))
@@ -570,14 +573,14 @@ QCoro::Task<Result<std::set<std::string>, PMSError>> PMSClient::showKeys(std::st
   co_return Result<R, PMSError>(std::move(keys));
 }
 
-QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> PMSClient::episodeShowMap(std::string location) const {
+QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> PMSClient::episodeShowMap(
+    std::string location) const {
   using R = std::map<std::string, std::string>;
   auto section = co_await sectionForLocation(std::move(location));
   if (!section) co_return Failure(section.error());
   if (!*section || (*section)->type != "show") co_return Result<R, PMSError>(R{});
   Query q = {{"type", "4"}};
-  auto r =
-      co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
+  auto r = co_await httpRequest("GET", "/library/sections/" + (*section)->key + "/all", std::move(q), kReadTimeout);
   if (!r) co_return Failure(r.error());
   R map;
   for (const auto& item : decodeSectionItems(*r).value_or(std::vector<PlexItem>{}))

@@ -110,7 +110,7 @@ class PMSClient {
   // The request primitive: path appended to the base, query items only when
   // there are any, the four Plex headers. Returns the body.
   QCoro::Task<Result<QByteArray, PMSError>> httpRequest(QByteArray method, std::string path, Query query,
-                                                 double timeout) const;
+                                                        double timeout) const;
   QCoro::Task<Result<QByteArray, PMSError>> putQuery(std::string path, Query query) const;
   QCoro::Task<Result<QByteArray, PMSError>> postQuery(std::string path, Query query) const;
 
@@ -128,14 +128,15 @@ class PMSClient {
   QCoro::Task<Result<std::vector<PlaySession>, PMSError>> sessions() const;
   QCoro::Task<Result<void, PMSError>> emptyTrash(std::string sectionKey) const;
   QCoro::Task<Result<void, PMSError>> addLabel(std::string sectionKey, std::vector<std::string> ratingKeys,
-                                        std::string label) const;
+                                               std::string label) const;
   QCoro::Task<Result<void, PMSError>> removeLabel(std::vector<std::string> ratingKeys, std::string label) const;
   QCoro::Task<Result<std::map<std::string, std::string>, PMSError>> sectionLabels(std::string sectionKey) const;
   QCoro::Task<Result<std::set<std::string>, PMSError>> labelledKeys(std::string sectionKey, std::string labelId) const;
   QCoro::Task<Result<std::vector<PlexCollectionRow>, PMSError>> sectionCollections(std::string sectionKey) const;
-  QCoro::Task<Result<std::optional<std::string>, PMSError>> createSmartCollection(std::string title, std::string labelId,
-                                                                           std::string sectionKey,
-                                                                           std::string machineIdentifier) const;
+  QCoro::Task<Result<std::optional<std::string>, PMSError>> createSmartCollection(std::string title,
+                                                                                  std::string labelId,
+                                                                                  std::string sectionKey,
+                                                                                  std::string machineIdentifier) const;
   QCoro::Task<Result<void, PMSError>> deleteCollection(std::string ratingKey) const;
   QCoro::Task<Result<void, PMSError>> deleteCollectionNamed(std::string title, std::string location) const;
   QCoro::Task<Result<std::vector<std::string>, PMSError>> itemsWithoutDuration(std::string location, Date before) const;

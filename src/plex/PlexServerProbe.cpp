@@ -1,6 +1,5 @@
 #include "plex/PlexServerProbe.h"
 
-
 namespace vt {
 
 namespace {

@@ -105,9 +105,8 @@ bool has(const std::string& text, const std::string& part) { return text.find(pa
 TEST(Headless, TellsWhatItWaitsForAndShowsTheSupervisorsLinesOnStandardOutput) {
   test::TestHome home;
   // Nothing configured: it says what it waits for, once each.
-  auto first = runHeadless(home.path(), {"--headless"}, [](const std::string& out) {
-    return has(out, "waiting for a Real-Debrid key");
-  });
+  auto first = runHeadless(home.path(), {"--headless"},
+                           [](const std::string& out) { return has(out, "waiting for a Real-Debrid key"); });
   EXPECT_TRUE(has(first, "[Vantory] waiting for the Plex server")) << first;
   EXPECT_TRUE(has(first, "vantory-cli config set rdKey -")) << first;
 
@@ -133,13 +132,16 @@ TEST(Headless, TellsWhatItWaitsForAndShowsTheSupervisorsLinesOnStandardOutput) {
 TEST(Headless, HelpAndVersionAnswerAndUnknownFlagsAreRefused) {
   test::TestHome home;
   int code = -1;
-  auto help = runHeadless(home.path(), {"--help"}, [](const std::string&) { return false; }, &code);
+  auto help = runHeadless(
+      home.path(), {"--help"}, [](const std::string&) { return false; }, &code);
   EXPECT_EQ(code, 0);
   EXPECT_TRUE(has(help, "Usage: vantory")) << help;
-  auto version = runHeadless(home.path(), {"--version"}, [](const std::string&) { return false; }, &code);
+  auto version = runHeadless(
+      home.path(), {"--version"}, [](const std::string&) { return false; }, &code);
   EXPECT_EQ(code, 0);
   EXPECT_TRUE(has(version, "vantory ")) << version;
-  auto bogus = runHeadless(home.path(), {"--bogus"}, [](const std::string&) { return false; }, &code);
+  auto bogus = runHeadless(
+      home.path(), {"--bogus"}, [](const std::string&) { return false; }, &code);
   EXPECT_NE(code, 0);
   EXPECT_TRUE(has(bogus, "unknown option '--bogus'; see 'vantory --help'")) << bogus;
   EXPECT_FALSE(std::filesystem::exists(home.file("settings.ini"))) << "nothing started";

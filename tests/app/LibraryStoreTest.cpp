@@ -397,8 +397,7 @@ TEST(LibraryStore, IndexesStayEqualToAFullRebuild) {
 TEST(LibraryStore, RemoveTakesANameThatPointsIntoTheLibrary) {
   Fixture f;
   auto store = f.open();
-  for (const char* id : {"tt1", "tt2", "tt3"})
-    store->upsert(film(std::string("F (2000) {imdb-") + id + "}.mkv"));
+  for (const char* id : {"tt1", "tt2", "tt3"}) store->upsert(film(std::string("F (2000) {imdb-") + id + "}.mkv"));
   // The argument is the record's own name: it must outlive the removal.
   store->remove(store->titles()[0].name);
   ASSERT_EQ(store->size(), 2u);
@@ -428,8 +427,9 @@ TEST(LibraryStore, LeftoversOfInterruptedSavesGoAndFilesAreTheUsersAlone) {
   writeText(bad.path, "{broken");
   auto badStore = bad.open();
   ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0], "[Vantory] library.json could not be read; kept it as library.json.unreadable-5000 and started "
-                      "with an empty library");
+  EXPECT_EQ(lines[0],
+            "[Vantory] library.json could not be read; kept it as library.json.unreadable-5000 and started "
+            "with an empty library");
 }
 
 TEST(LibraryStore, AStoreThatGoesHasFinishedItsSaves) {

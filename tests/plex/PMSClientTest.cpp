@@ -182,7 +182,8 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   EXPECT_EQ(both, (std::map<std::string, std::string>{{"A", "123"}, {"B", "123"}}));
   // A wrongly typed field: the reply does not decode, and reads as empty.
   rig.plex.on("GET", "/library/sections/1/label", [](auto&, auto& reply) {
-    reply.json(Json::parse(R"({"MediaContainer":{"Directory":[{"key":"123","title":"B"},{"key":5,"title":"typed"}]}})"));
+    reply.json(
+        Json::parse(R"({"MediaContainer":{"Directory":[{"key":"123","title":"B"},{"key":5,"title":"typed"}]}})"));
   });
   EXPECT_TRUE(run(rig.client.sectionLabels("1"))->empty());
 

@@ -3,6 +3,7 @@
 #include "platform/Clock.h"
 #include "platform/Endpoints.h"
 #include "platform/Http.h"
+#include "platform/PercentEncoding.h"
 #include "platform/Json.h"
 
 namespace vt {
@@ -122,9 +123,9 @@ QByteArray encodeForm(const RDClient::Form& form) {
   QByteArray out;
   for (const auto& [k, v] : form) {
     if (!out.isEmpty()) out += '&';
-    out += QByteArray::fromStdString(k).toPercentEncoding();
+    out += QByteArray::fromStdString(percentEncode(k, PlainSet::ascii));
     out += '=';
-    out += QByteArray::fromStdString(v).toPercentEncoding();
+    out += QByteArray::fromStdString(percentEncode(v, PlainSet::ascii));
   }
   return out;
 }
@@ -190,7 +191,7 @@ QCoro::Task<Result<QByteArray, RDError>> RDClient::post(std::string path, Form f
 namespace {
 // A torrent id from a reply goes into a path: it is one path segment, however
 // it is spelled.
-std::string segment(const std::string& id) { return QByteArray::fromStdString(id).toPercentEncoding().toStdString(); }
+std::string segment(const std::string& id) { return percentEncode(id, PlainSet::ascii); }
 }  // namespace
 
 QCoro::Task<Result<std::string, RDError>> RDClient::addMagnet(std::string hash, CancelToken token) const {

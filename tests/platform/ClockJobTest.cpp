@@ -13,98 +13,74 @@ using namespace vt;
 TEST(ManualClock, FiresTimersInDeadlineOrderWithTheirOwnNow) {
   ManualClock clock(1000);
   std::vector<std::pair<int, Date>> fired;
-  clock.schedule(5, [&] { fired.push_back({5, clock.now()}); });
+  const auto record = [&](int id) { return [&, id] { fired.push_back({id, clock.now()}); }; };
+  clock.schedule(5, record(5));
   clock.schedule(1, [&] {
     fired.push_back({1, clock.now()});
-    // A timer scheduled from a callback fires in the same advance when due.
-    clock.schedule(2, [&] { fired.push_back({3, clock.now()}); });
+    clock.schedule(2, record(3));  // scheduled from a callback, fires in the same advance when due
   });
-  const auto cancelled = clock.schedule(4, [&] { fired.push_back({4, clock.now()}); });
-  clock.schedule(1, [&] { fired.push_back({2, clock.now()}); });
-  clock.cancelTimer(cancelled);
+  clock.cancelTimer(clock.schedule(4, record(4)));
+  clock.schedule(1, record(2));
 
   clock.advance(2.5);
-  ASSERT_EQ(fired.size(), 2u);
+  EXPECT_EQ(fired.size(), 2u);
   clock.advance(10);
-  ASSERT_EQ(fired.size(), 4u);
-  EXPECT_EQ(fired[0], (std::pair<int, Date>{1, 1001}));
-  EXPECT_EQ(fired[1], (std::pair<int, Date>{2, 1001}));
-  EXPECT_EQ(fired[2], (std::pair<int, Date>{3, 1003}));
-  EXPECT_EQ(fired[3], (std::pair<int, Date>{5, 1005}));
+  EXPECT_EQ(fired, (std::vector<std::pair<int, Date>>{{1, 1001}, {2, 1001}, {3, 1003}, {5, 1005}}));
   EXPECT_EQ(clock.now(), 1012.5);
   EXPECT_EQ(clock.pendingTimers(), 0u);
 }
 
-TEST(ManualClock, RunsAHeartbeatOfNineHundredSecondsInstantly) {
+TEST(ManualClock, RunsAHeartbeatInstantlyAndACancelledSleepDisarmsItsTimer) {
   ManualClock clock;
-  int beats = 0;
   std::vector<Date> times;
   const Date start = clock.now();
   auto job = Job::start([&](CancelToken token) -> QCoro::Task<> {
     if (!co_await clock.sleep(180, token)) co_return;
-    while (true) {
-      ++beats;
+    do {
       times.push_back(clock.now() - start);
-      if (!co_await clock.sleep(900, token)) co_return;
-    }
+    } while (co_await clock.sleep(900, token));
   });
-  QElapsedTimer real;
-  real.start();
   clock.advance(179.9);
-  EXPECT_EQ(beats, 0);
-  clock.advance(0.1);
-  EXPECT_EQ(beats, 1);
-  clock.advance(4 * 900);
-  EXPECT_EQ(beats, 5);
-  EXPECT_EQ(times, (std::vector<Date>{180, 1080, 1980, 2880, 3780}));
-  EXPECT_LT(real.elapsed(), 1000);
-  EXPECT_TRUE(job.isRunning());
+  EXPECT_TRUE(times.empty());
+  clock.advance(0.1 + 2 * 900);
+  EXPECT_EQ(times, (std::vector<Date>{180, 1080, 1980}));
   job.cancel();
   EXPECT_FALSE(job.isRunning());
-  EXPECT_EQ(clock.pendingTimers(), 0u) << "a cancelled sleep must disarm its timer";
+  EXPECT_EQ(clock.pendingTimers(), 0u);
 }
 
 TEST(Job, CancellationWakesASleepingJobAtOnce) {
   // On the real clock: an hour-long sleep must end as soon as the job is cancelled.
-  bool sleptFully = true;
-  bool after = false;
-  auto job = Job::start([&](CancelToken token) -> QCoro::Task<> {
-    sleptFully = co_await systemClock().sleep(3600, token);
-    after = true;
-  });
-  EXPECT_TRUE(job.isRunning());
+  std::optional<bool> slept;
+  auto job = Job::start([&](CancelToken token) -> QCoro::Task<> { slept = co_await systemClock().sleep(3600, token); });
   test::settle(20);
-  EXPECT_FALSE(after);
+  EXPECT_FALSE(slept);
   QElapsedTimer t;
   t.start();
   job.cancel();
   EXPECT_TRUE(test::spinUntil([&] { return !job.isRunning(); }, 2000));
   EXPECT_LT(t.elapsed(), 500);
-  EXPECT_FALSE(sleptFully);
-  EXPECT_TRUE(after);
+  EXPECT_EQ(slept, false);
 
   // A sleep that starts after cancellation returns at once.
-  bool second = true;
   auto late = Job::start([&](CancelToken token) -> QCoro::Task<> {
     token.cancel();
-    second = co_await systemClock().sleep(3600, token);
+    slept = co_await systemClock().sleep(3600, token);
   });
   EXPECT_FALSE(late.isRunning());
-  EXPECT_FALSE(second);
 }
 
 TEST(Job, ChildTokensFollowTheParentAndJobsCanBeAwaited) {
   ManualClock clock;
   CancelToken parent;
   int finishedSleeps = 0;
-  auto a = Job::start(
-      [&](CancelToken t) -> QCoro::Task<> {
-        if (co_await clock.sleep(10, t)) ++finishedSleeps;
-      },
-      parent);
-  auto b = Job::start([&](CancelToken t) -> QCoro::Task<> {
-    if (co_await clock.sleep(5, t)) ++finishedSleeps;
-  });
+  const auto sleeper = [&](double s) {
+    return [&, s](CancelToken t) -> QCoro::Task<> {
+      if (co_await clock.sleep(s, t)) ++finishedSleeps;
+    };
+  };
+  auto a = Job::start(sleeper(10), parent);
+  auto b = Job::start(sleeper(5));
   bool waited = false;
   auto watcher = Job::start([&](CancelToken) -> QCoro::Task<> {
     co_await b.finished();
@@ -112,27 +88,23 @@ TEST(Job, ChildTokensFollowTheParentAndJobsCanBeAwaited) {
   });
   clock.advance(5);
   EXPECT_TRUE(waited);
-  EXPECT_EQ(finishedSleeps, 1);
   parent.cancel();
-  EXPECT_FALSE(a.isRunning());
   EXPECT_TRUE(a.isCancelled());
+  EXPECT_FALSE(a.isRunning());
   EXPECT_EQ(finishedSleeps, 1);
-  EXPECT_FALSE(watcher.isRunning());
 }
 
 TEST(Completion, WaitEndsOnFireOrCancel) {
   Completion done;
-  CancelToken token;
+  CancelToken token, other;
   std::vector<int> results;
   auto j1 = Job::start([&](CancelToken) -> QCoro::Task<> { results.push_back(co_await done.wait(token) ? 1 : 0); });
-  CancelToken other;
   auto j2 = Job::start([&](CancelToken) -> QCoro::Task<> { results.push_back(co_await done.wait(other) ? 1 : 0); });
   token.cancel();
   EXPECT_EQ(results, std::vector<int>{0});
   done.fire();
-  EXPECT_EQ(results, (std::vector<int>{0, 1}));
   other.cancel();  // after the wait ended: no effect, no crash
-  EXPECT_EQ(results.size(), 2u);
+  EXPECT_EQ(results, (std::vector<int>{0, 1}));
 }
 
 TEST(Background, HandsTheValueBackToTheMainThread) {

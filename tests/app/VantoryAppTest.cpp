@@ -1,5 +1,3 @@
-// The application object's start-up and quit, with stand-ins for the
-// subsystems that record what they are asked.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -145,20 +143,10 @@ TEST(VantoryApp, StartsUpInOrderAndStartsTheEngineOnlyWhenEverythingIsSet) {
   auto app = rig.make(true, true, true);
   test::runTask(app->bootstrap());
   test::settle(20);
-  const Calls expected = {"attach",
-                          "deferRefresh 1120",
-                          "materialiseExisting",
-                          "takeRetired",
-                          "deleteCollection Old list",
-                          "probe",
-                          "prepare test",
-                          "pruneOrphans 1",
-                          "start",
-                          "kickPlexSync",
-                          "measureLink 30",
-                          "finishStaging paused-staging",
-                          "resolveAndPublish 2"};
-  EXPECT_EQ(rig.calls, expected);
+  EXPECT_EQ(rig.calls,
+            (Calls{"attach", "deferRefresh 1120", "materialiseExisting", "takeRetired", "deleteCollection Old list",
+                   "probe", "prepare test", "pruneOrphans 1", "start", "kickPlexSync", "measureLink 30",
+                   "finishStaging paused-staging", "resolveAndPublish 2"}));
 
   // The activity list and the census live in the data folder.
   ASSERT_EQ(ActivityLog::shared(), &app->activity());
@@ -180,22 +168,14 @@ TEST(VantoryApp, StartsUpInOrderAndStartsTheEngineOnlyWhenEverythingIsSet) {
 }
 
 TEST(VantoryApp, QuitKeepsEnginesForTheNextLaunchAndTearsThemDownUnderATestHome) {
-  {
+  for (bool testHome : {false, true}) {
     Rig rig;
-    auto app = rig.make(false, true, true);
+    auto app = rig.make(testHome, true, true);
     test::runTask(app->bootstrap());
     rig.calls.clear();
     app->willTerminate();
     app->willTerminate();  // once only, however many ways out there are
-    EXPECT_EQ(rig.calls, (Calls{"stopPlayIntentHook", "stopLogTails"}));
+    EXPECT_EQ(rig.calls, (Calls{"stopPlayIntentHook", testHome ? "shutdownForTestHome" : "stopLogTails"}));
     EXPECT_FALSE(app->viewModel().isPolling());
-  }
-  {
-    Rig rig;
-    auto app = rig.make(true, true, true);
-    test::runTask(app->bootstrap());
-    rig.calls.clear();
-    app->willTerminate();
-    EXPECT_EQ(rig.calls, (Calls{"stopPlayIntentHook", "shutdownForTestHome"}));
   }
 }

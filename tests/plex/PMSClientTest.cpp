@@ -42,22 +42,17 @@ TEST(PMSClient, NoTokenSendsNothingAndStatusesSurfaceAsText) {
   ASSERT_FALSE(r.has_value());
   EXPECT_EQ(message(r.error()), "No Plex token configured");
   EXPECT_FALSE(run(noToken.addLabel("1", {"1"}, "x")).has_value());
-  EXPECT_FALSE(run(noToken.removeLabel({"1"}, "x")).has_value());
-  EXPECT_FALSE(run(noToken.createSmartCollection("t", "1", "1", "m")).has_value());
   EXPECT_FALSE(run(noToken.sessions()).has_value());
   EXPECT_TRUE(rig.plex.requests().empty()) << "no request left the machine";
 
   auto missing = run(rig.client.itemDetails("999999"));
   ASSERT_FALSE(missing.has_value());
   EXPECT_EQ(message(missing.error()), "PMS returned HTTP 404");
-
   PMSClient wrongToken(rig.http, rig.plex.baseUrl(), "nope", "c");
   auto denied = run(wrongToken.machineInfo());
   ASSERT_FALSE(denied.has_value());
-  EXPECT_EQ(denied.error().kind, PMSError::Kind::badStatus);
   EXPECT_EQ(denied.error().status, 401);
 
-  // Every request carries the four headers.
   const auto& req = rig.plex.requests().front();
   EXPECT_EQ(req.header("Accept"), "application/json");
   EXPECT_EQ(req.header("X-Plex-Token"), QByteArray::fromStdString(rig.plex.token));
@@ -71,22 +66,14 @@ TEST(PMSClient, MachineInfoAndSections) {
   ASSERT_TRUE(info.has_value());
   EXPECT_EQ(info->first, "fake-machine-0001");
   EXPECT_EQ(info->second, "tester");
-  rig.plex.machineIdentifier.clear();
   rig.plex.on("GET", "/", [&](auto&, auto& reply) { reply.json(Json{{"MediaContainer", Json::object()}}); });
   EXPECT_EQ(run(rig.client.machineInfo())->first, "—");
-  rig.plex.on("GET", "/", [&](auto&, auto& reply) { reply.send(200, "<xml/>"); });
-  EXPECT_EQ(run(rig.client.machineInfo()).error().kind, PMSError::Kind::undecodable);
   rig.plex.on("GET", "/", [&](auto&, auto& reply) {
     reply.json(Json{{"MediaContainer", Json{{"machineIdentifier", 42}}}});
   });
   EXPECT_EQ(run(rig.client.machineInfo()).error().kind, PMSError::Kind::undecodable) << "a wrongly typed field";
 
-  for (const char* loc : {"/data/Library", "/old/Library"}) {
-    auto s = run(rig.client.sectionForLocation(loc));
-    ASSERT_TRUE(s.has_value() && *s) << loc;
-    EXPECT_EQ((*s)->key, "1");
-    EXPECT_EQ((*s)->type, "movie");
-  }
+  EXPECT_EQ(run(rig.client.sectionForLocation("/old/Library")).value()->key, "1");
   EXPECT_FALSE(run(rig.client.sectionForLocation("/data/Library/")).value()) << "exact paths only";
 
   // createSection is a no-op for a known location and sends the query in order otherwise.
@@ -94,58 +81,35 @@ TEST(PMSClient, MachineInfoAndSections) {
   EXPECT_TRUE(run(rig.client.createSection("Vantory", false, "/data/Library")).has_value());
   EXPECT_EQ(rig.plex.requests().size(), 1u);
   EXPECT_TRUE(run(rig.client.createSection("Vantory TV", true, "/new/Library TV")).has_value());
-  const auto post = rig.plex.requests().back();
-  EXPECT_EQ(post.method, "POST");
-  EXPECT_EQ(post.rawQuery,
+  EXPECT_EQ(rig.plex.requests().back().rawQuery,
             "name=Vantory%20TV&type=show&agent=tv.plex.agents.series&scanner=Plex%20TV%20Series&language=en-US"
             "&location=%2Fnew%2FLibrary%20TV&X-Plex-Token=" +
                 QString::fromStdString(rig.plex.token));
-  EXPECT_TRUE(run(rig.client.sectionForLocation("/new/Library TV")).value());
 
   EXPECT_TRUE(run(rig.client.refreshSection("/data/Library")).has_value());
   EXPECT_EQ(rig.plex.sections["1"].refreshes, 1);
   EXPECT_TRUE(run(rig.client.disableAnalysisJobs("/data/Library")).has_value());
   EXPECT_EQ(rig.plex.sections["1"].prefs["enableBIFGeneration"], "0");
   EXPECT_EQ(rig.plex.serverPrefs["ButlerTaskDeepMediaAnalysis"], "0");
-  // Unknown locations are silent no-ops.
   rig.plex.clearRequests();
   EXPECT_TRUE(run(rig.client.refreshSection("/nowhere")).has_value());
-  EXPECT_EQ(rig.plex.requests().size(), 1u);
+  EXPECT_EQ(rig.plex.requests().size(), 1u) << "unknown locations are silent no-ops";
 }
 
 TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
   Rig rig;
   rig.plex.addItem({"", "1", "movie", "Film", 1999, "/thumb/1", {}, {"/data/Library/Film (1999) {imdb-tt1}.mkv"}});
   rig.plex.addItem({"s1", "2", "show", "Show", 2010});
-  rig.plex.addItem({"",
-                    "2",
-                    "episode",
-                    "Pilot",
-                    {},
-                    {},
-                    std::string("s1"),
-                    {"/data/Library TV/Show (2010) {imdb-tt9}/Season 01/Show (2010) - s01e01.mkv"}});
+  rig.plex.addItem({"", "2", "episode", "Pilot", {}, {}, std::string("s1"), {"/data/Library TV/Show/s01e01.mkv"}});
 
   rig.plex.clearRequests();
-  auto films = run(rig.client.sectionItems("/data/Library"));
-  ASSERT_EQ(films->size(), 1u);
+  ASSERT_EQ(run(rig.client.sectionItems("/data/Library"))->size(), 1u);
   EXPECT_EQ(rig.plex.requests().back().rawQuery, "");
   auto episodes = run(rig.client.sectionItems("/data/Library TV"));
   ASSERT_EQ(episodes->size(), 1u);
   EXPECT_EQ((*episodes)[0].title, "Pilot");
   EXPECT_EQ(rig.plex.requests().back().rawQuery, "type=4");
-
-  auto files = run(rig.client.fileIndex("/data/Library"));
-  EXPECT_EQ(files->count("Film (1999) {imdb-tt1}.mkv"), 1u);
-  auto imdb = run(rig.client.imdbIndex("/data/Library"));
-  ASSERT_EQ(imdb->count("tt1"), 1u);
-  EXPECT_EQ(imdb->at("tt1").year, "1999");
-  EXPECT_EQ(imdb->at("tt1").thumb, "/thumb/1");
-  EXPECT_EQ(run(rig.client.showKeys("/data/Library TV")).value(), std::set<std::string>{"s1"});
-  EXPECT_TRUE(run(rig.client.showKeys("/data/Library"))->empty());
-  auto shows = run(rig.client.episodeShowMap("/data/Library TV"));
-  ASSERT_EQ(shows->size(), 1u);
-  EXPECT_EQ(shows->begin()->second, "s1");
+  EXPECT_EQ(run(rig.client.imdbIndex("/data/Library"))->at("tt1").year, "1999");
 }
 
 TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
@@ -155,7 +119,6 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
     keys.push_back(rig.plex.addItem({"", "1", "movie", std::string("F").append(std::to_string(i))}).ratingKey);
   rig.plex.clearRequests();
   ASSERT_TRUE(run(rig.client.addLabel("1", keys, "My List")).has_value());
-  ASSERT_EQ(rig.plex.requests().size(), 3u);
   std::vector<int> sizes;
   for (const auto& r : rig.plex.requests()) {
     EXPECT_EQ(r.method, "PUT");
@@ -166,13 +129,7 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   }
   EXPECT_EQ(sizes, (std::vector<int>{50, 50, 20}));
   EXPECT_EQ(rig.plex.itemsWithLabel("1", "My List").size(), 120u);
-  rig.plex.clearRequests();
-  EXPECT_TRUE(run(rig.client.addLabel("1", {}, "x")).has_value());
-  EXPECT_TRUE(rig.plex.requests().empty());
 
-  auto labels = run(rig.client.sectionLabels("1"));
-  ASSERT_EQ(labels->count("My List"), 1u);
-  EXPECT_EQ(labels->at("My List"), rig.plex.labelId("My List"));
   rig.plex.on("GET", "/library/sections/1/label", [](auto&, auto& reply) {
     reply.json(Json::parse(R"({"MediaContainer":{"Directory":[
       {"key":"/library/sections/1/all?label=123","title":"A"},{"key":"123","title":"B"},
@@ -180,15 +137,8 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   });
   auto both = run(rig.client.sectionLabels("1")).value();
   EXPECT_EQ(both, (std::map<std::string, std::string>{{"A", "123"}, {"B", "123"}}));
-  // A wrongly typed field: the reply does not decode, and reads as empty.
-  rig.plex.on("GET", "/library/sections/1/label", [](auto&, auto& reply) {
-    reply.json(
-        Json::parse(R"({"MediaContainer":{"Directory":[{"key":"123","title":"B"},{"key":5,"title":"typed"}]}})"));
-  });
-  EXPECT_TRUE(run(rig.client.sectionLabels("1"))->empty());
 
-  const auto id = rig.plex.labelId("My List");
-  EXPECT_EQ(run(rig.client.labelledKeys("1", id))->size(), 120u);
+  EXPECT_EQ(run(rig.client.labelledKeys("1", rig.plex.labelId("My List")))->size(), 120u);
   ASSERT_TRUE(run(rig.client.removeLabel({keys[0], keys[1]}, "My List")).has_value());
   EXPECT_EQ(rig.plex.requests().back().rawQuery.left(39), "type=1&label[0].tag.tag-=My%20List&labe");
   EXPECT_EQ(rig.plex.itemsWithLabel("1", "My List").size(), 118u);
@@ -197,8 +147,7 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
 TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
   Rig rig;
   auto key = run(rig.client.createSmartCollection("Films & Friends", "500", "1", "fake-machine-0001"));
-  ASSERT_TRUE(key.has_value());
-  ASSERT_TRUE(*key);
+  ASSERT_TRUE(key.has_value() && *key);
   const auto& req = rig.plex.requests().back();
   EXPECT_EQ(req.method, "POST");
   EXPECT_EQ(req.path, "/library/collections");
@@ -207,43 +156,31 @@ TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
             "com.plexapp.plugins.library%2Flibrary%2Fsections%2F1%2Fall%3Ftype%3D1%26label%3D500%26sort%3D"
             "addedAt%253Adesc&X-Plex-Token=" +
                 rig.plex.token);
-  auto rows = run(rig.client.sectionCollections("1")).value();
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].title, "Films & Friends");
-  EXPECT_TRUE(rows[0].smart);
-
   EXPECT_TRUE(run(rig.client.deleteCollectionNamed("Films & Friends", "/data/Library")).has_value());
   EXPECT_TRUE(rig.plex.collections.empty());
-  EXPECT_TRUE(run(rig.client.deleteCollectionNamed("Nothing", "/data/Library")).has_value());
 
   // A reply that is not a rating-key list is an absent key, not a failure.
   rig.plex.on("POST", "/library/collections", [](auto&, auto& reply) { reply.send(200, "nope"); });
   auto absent = run(rig.client.createSmartCollection("X", "1", "1", "m"));
-  EXPECT_TRUE(absent.has_value());
+  ASSERT_TRUE(absent.has_value());
   EXPECT_FALSE(*absent);
 }
 
 TEST(PMSClient, StrictRepliesExceptTheCollectionRowsLenientFields) {
   auto rows = decodeCollections(R"({"MediaContainer":{"Metadata":[
     {"title":"a","ratingKey":"1","smart":"1"},{"title":"b","ratingKey":"2","smart":1},
-    {"title":"c","ratingKey":"3","smart":true},{"title":"d","ratingKey":"4","smart":"0"},
-    {"title":"e","ratingKey":"5","smart":0},{"title":"f","ratingKey":"6"},
+    {"title":"d","ratingKey":"4","smart":"0"},{"title":"f","ratingKey":"6"},
     {"title":"g","ratingKey":"7","smart":"true"},{"title":"h","ratingKey":"8","smart":[1]},
     {"title":7,"ratingKey":"9"},{"ratingKey":"10"},{"title":"k","ratingKey":11}]}})");
   ASSERT_TRUE(rows);
   std::vector<std::pair<std::string, bool>> got;
   for (const auto& r : *rows) got.emplace_back(r.title, r.smart);
-  EXPECT_EQ(
-      got,
-      (std::vector<std::pair<std::string, bool>>{
-          {"a", true}, {"b", true}, {"c", true}, {"d", false}, {"e", false}, {"f", false}, {"g", true}, {"h", false}}));
-  EXPECT_FALSE(decodeCollections("not json"));
+  EXPECT_EQ(got, (std::vector<std::pair<std::string, bool>>{
+                     {"a", true}, {"b", true}, {"d", false}, {"f", false}, {"g", true}, {"h", false}}));
 
   // A wrongly typed field anywhere else fails the whole reply.
   EXPECT_FALSE(decodeSessions(R"({"MediaContainer":{"Metadata":[{"sessionKey":"12","duration":"bad"}]}})"));
   EXPECT_FALSE(decodeSectionItems(R"({"MediaContainer":{"Metadata":[{"ratingKey":1}]}})"));
-  EXPECT_FALSE(decodeSectionItems(R"({"MediaContainer":{"Metadata":{"ratingKey":"1"}}})"));
-  EXPECT_FALSE(decodeCollections(R"({"MediaContainer":{"Metadata":"rows"}})"));
   EXPECT_TRUE(decodeSectionItems(R"({"MediaContainer":{"Metadata":[{"ratingKey":"1","year":null}]}})"))
       << "null is absent";
 
@@ -254,12 +191,8 @@ TEST(PMSClient, StrictRepliesExceptTheCollectionRowsLenientFields) {
   ASSERT_TRUE(sessions && sessions->size() == 1);
   const auto& s = (*sessions)[0];
   EXPECT_EQ(s.file, "/data/Library/F.mkv");
-  EXPECT_EQ(s.viewOffsetMs, 5000);
   EXPECT_EQ(s.durationMs, std::nullopt);
-  EXPECT_EQ(s.playerProduct, "Plex Web");
   EXPECT_EQ(s.transcodeSpeed, 1.5);
-  EXPECT_EQ(s.transcodeThrottled, false);
-  EXPECT_EQ(s.transcodeVideoDecision, "copy");
 }
 
 TEST(PMSClient, DecodersSurviveRandomAndTruncatedReplies) {
@@ -267,10 +200,9 @@ TEST(PMSClient, DecodersSurviveRandomAndTruncatedReplies) {
       R"({"MediaContainer":{"Metadata":[{"ratingKey":"1","Media":[{"Part":[{"file":"/x"}]}]}]}})",
       R"({"MediaContainer":{"Metadata":[{"title":"a","ratingKey":"1","smart":"1"}]}})",
       R"({"MediaContainer":{"Metadata":[{"sessionKey":"1","Player":{"state":"x"},"TranscodeSession":{"speed":2}}]}})",
-      R"({"MediaContainer":{"Directory":[{"key":"1","Location":[{"path":"/p"}]}]}})",
   };
   std::mt19937 rng(5);
-  for (int i = 0; i < 3000; ++i) {
+  for (int i = 0; i < 400; ++i) {
     std::string s = samples[rng() % std::size(samples)];
     s = s.substr(0, rng() % (s.size() + 1));
     for (int k = 0; k < 3; ++k)
@@ -280,12 +212,8 @@ TEST(PMSClient, DecodersSurviveRandomAndTruncatedReplies) {
     (void)decodeSessions(body);
     (void)decodeCollections(body);
   }
-  for (const char* odd :
-       {"null", "[]", "{\"MediaContainer\":null}", "{\"MediaContainer\":[1,2]}",
-        "{\"MediaContainer\":{\"Metadata\":{}}}", "{\"MediaContainer\":{\"Metadata\":[null,1,\"x\"]}}"}) {
-    auto items = decodeSectionItems(odd);
-    EXPECT_TRUE(!items || items->size() <= 3) << odd;
-  }
+  for (const char* odd : {"null", "{\"MediaContainer\":[1,2]}", "{\"MediaContainer\":{\"Metadata\":[null,1,\"x\"]}}"})
+    EXPECT_TRUE(!decodeSectionItems(odd) || decodeSectionItems(odd)->size() <= 3) << odd;
 }
 
 TEST(PlexServerProbe, DrivesTheConnectionPollAgainstTheLocalServer) {
@@ -302,7 +230,6 @@ TEST(PlexServerProbe, DrivesTheConnectionPollAgainstTheLocalServer) {
   BridgeViewModel vm(config, clock, PlexServerProbe::factory(clients, "/data/Library"), {}, [](const std::string&) {});
 
   test::runTask(vm.pollOnce());
-  EXPECT_FALSE(vm.reachable());
   EXPECT_TRUE(vm.needsReauth());
   EXPECT_EQ(vm.lastError(), "PMS returned HTTP 401");
   EXPECT_EQ(vm.consecutiveFailures(), 0);
@@ -318,24 +245,15 @@ TEST(PlexServerProbe, DrivesTheConnectionPollAgainstTheLocalServer) {
   EXPECT_EQ(plex.sections.begin()->second.refreshes, 1);
   EXPECT_EQ(config.pendingPlexSyncPath(), std::nullopt);
 
-  plex.forcedStatus = 500;
-  test::runTask(vm.pollOnce());
-  EXPECT_FALSE(vm.reachable());
-  EXPECT_EQ(vm.lastError(), "PMS returned HTTP 500");
-  EXPECT_EQ(vm.consecutiveFailures(), 1);
-
   // A server that is gone: a transport failure with the network's own text.
-  const QUrl gone = plex.baseUrl();
-  plex.forcedStatus.reset();
   {
     FakePlexServer other;
     config.setPmsURLString(other.baseUrl().toString().toStdString());
   }
   test::runTask(vm.pollOnce());
   EXPECT_FALSE(vm.reachable());
-  EXPECT_EQ(vm.consecutiveFailures(), 2);
+  EXPECT_EQ(vm.consecutiveFailures(), 1);
   EXPECT_TRUE(vm.lastError() && !vm.lastError()->empty());
-  (void)gone;
 }
 
 TEST(PlexLibrarySetup, CreatesTheSectionAndGivesUpOnAStalledServerAfterEightSeconds) {

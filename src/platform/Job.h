@@ -13,6 +13,14 @@
 
 namespace vt {
 
+// Two traps of the toolchain that every coroutine here must avoid:
+// - gcc 12 miscompiles aggregate temporaries, braced lists and lambda
+//   temporaries written inside a `co_await` expression: name the value first.
+// - QCoro 0.8's Task<T> *moves* from an lvalue handed to `co_return` when its
+//   type is not exactly T (`co_return member;` into an optional, a
+//   shared_ptr copy of a member, ...): the member is left empty. Return a
+//   local copy when the value must stay where it is.
+
 // A one-shot event a job can await. Copies share the state. Main thread only.
 class Completion {
  public:

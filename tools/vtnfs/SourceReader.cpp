@@ -217,7 +217,10 @@ QCoro::Task<SourceReader::Chunk> SourceReader::chunk(vt::EngineEntry entry, int6
   const auto pending = startFetch(entry, index, id);
   const bool fired = co_await pending->done.wait(token);
   if (!fired || gone.isCancelled()) co_return Chunk();
-  co_return pending->chunk;
+  // A copy: several reads may wait on one fetch, and QCoro moves from an
+  // lvalue handed to co_return.
+  Chunk shared = pending->chunk;
+  co_return shared;
 }
 
 std::shared_ptr<SourceReader::Inflight> SourceReader::startFetch(const vt::EngineEntry& entry, int64_t index,

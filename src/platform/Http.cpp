@@ -135,6 +135,18 @@ QCoro::Task<HttpResponse> HttpClient::send(HttpRequest request, CancelToken toke
       guard->abort();
     }
   });
+  if (request.maxBodyBytes) {
+    const int64_t limit = *request.maxBodyBytes;
+    QObject::connect(raw, &QNetworkReply::downloadProgress, raw, [flight, guard, limit](qint64 received, qint64) {
+      if (received <= limit || !guard || !guard->isRunning() || flight->truncated) return;
+      // An aborted reply can no longer be read: keep what came first.
+      flight->truncated = true;
+      flight->status = guard->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+      for (const auto& pair : guard->rawHeaderPairs()) flight->headers.emplace_back(pair.first, pair.second);
+      flight->body = guard->read(limit);
+      guard->abort();
+    });
+  }
   inFlight_[raw] = flight;
 
   if (raw->isRunning()) co_await qCoro(raw).waitForFinished(std::chrono::milliseconds(-1));
@@ -167,7 +179,18 @@ QCoro::Task<HttpResponse> HttpClient::send(HttpRequest request, CancelToken toke
     response.errorText = "cancelled";
     co_return response;
   }
-  if (!statusAttr.isValid()) {
+  if (outcome->truncated) {
+    response.status = outcome->status;
+    response.headers = std::move(outcome->headers);
+    response.body = std::move(outcome->body);
+    response.truncated = true;
+    co_return response;
+  }
+  // A redirect that could not be followed (a loop, or https to http) leaves
+  // the 3xx behind: that is no answer, not an answer of 3xx.
+  const auto error = raw->error();
+  if (!statusAttr.isValid() || error == QNetworkReply::TooManyRedirectsError ||
+      error == QNetworkReply::InsecureRedirectError) {
     response.failure = HttpFailure::network;
     response.errorText = raw->errorString().toStdString();
     co_return response;

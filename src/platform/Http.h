@@ -32,6 +32,10 @@ struct HttpRequest {
   // Inclusive byte range; `last` absent reads to the end.
   std::optional<std::pair<int64_t, std::optional<int64_t>>> range;
   bool followRedirects = true;
+  // Stop reading after this many body bytes: the request is aborted and the
+  // response keeps its status, headers and the first bytes. For probes of
+  // servers that may answer a small range with a whole film.
+  std::optional<int64_t> maxBodyBytes;
 };
 
 enum class HttpFailure {
@@ -49,6 +53,7 @@ struct HttpResponse {
   HttpFailure failure = HttpFailure::none;
   std::string errorText;  // for failure != none
   bool fromCache = false;
+  bool truncated = false;  // the body was cut at maxBodyBytes
 
   bool ok() const { return failure == HttpFailure::none && status >= 200 && status < 300; }
   // Case-insensitive header lookup.
@@ -92,6 +97,10 @@ class HttpClient {
     bool timedOut = false;
     bool cancelled = false;
     bool abandoned = false;  // the client went first
+    bool truncated = false;  // aborted at the body limit; what had come is below
+    int status = 0;
+    std::vector<std::pair<QByteArray, QByteArray>> headers;
+    QByteArray body;
   };
   std::map<const void*, std::shared_ptr<InFlight>> inFlight_;
 };

@@ -68,9 +68,16 @@ TEST(PickHistory, BadStoredMapsReadAsEmptyAndHealOnTheNextPick) {
   history.recordPick("Film.2020.1080p.BluRay.x264-SPARKS.mkv");
   EXPECT_EQ(history.chosenGroups(), (ChosenGroups{{"SPARKS", 1}}));
 
-  // A cell map with malformed keys: those are passed over.
-  store->setString(PickHistory::kCellsKey, R"({"nobar":9,"4K|x":8,"720p|3":2,"1080p|1":2})");
+  // The largest count decides even when its key is malformed: then there is
+  // no usual cell, not the runner-up. Counts below 1 were never ours.
+  store->setString(PickHistory::kCellsKey, R"({"720p|3":2,"1080p|1":2,"4K|x|1":1})");
   EXPECT_EQ(history.usualCell(), (PickHistory::Cell{"1080p", 1})) << "a tie goes to the first key";
+  store->setString(PickHistory::kCellsKey, R"({"720p|3":2,"4K|x":8})");
+  EXPECT_EQ(history.usualCell(), std::nullopt);
+  store->setString(PickHistory::kCellsKey, R"({"720p|3":2,"4K|2|1":8})");
+  EXPECT_EQ(history.usualCell(), std::nullopt);
+  store->setString(PickHistory::kGroupsKey, R"({"SPARKS":-4,"GRP":0,"NTB":2})");
+  EXPECT_EQ(history.chosenGroups(), (ChosenGroups{{"NTB", 2}}));
 }
 
 TEST(QualitySettings, LegacyRecordsMapToLevels) {

@@ -19,10 +19,10 @@ ChosenGroups PickHistory::readMap(const SettingsStore& store, const char* key) {
   const auto j = json::parse(*text);
   if (!j || !j->is_object()) return out;
   for (const auto& [name, value] : j->items()) {
-    if (value.is_number_unsigned())
+    if (value.is_number_unsigned() && value.get<uint64_t>() > 0)
       out[name] = static_cast<int64_t>(std::min<uint64_t>(value.get<uint64_t>(), std::numeric_limits<int64_t>::max()));
-    else if (value.is_number_integer())
-      out[name] = value.get<int64_t>();
+    else if (value.is_number_integer() && value.get<int64_t>() > 0)
+      out[name] = value.get<int64_t>();  // a count below 1 was never written by us: not a pick
   }
   return out;
 }
@@ -48,18 +48,22 @@ void PickHistory::recordCell(std::string_view resolution, int band) {
 }
 
 std::optional<PickHistory::Cell> PickHistory::usualCell() const {
-  std::optional<Cell> best;
+  // The entry with the largest count decides; one that doesn't read as
+  // "<resolution>|<band>" gives none rather than the runner-up.
+  const std::string* bestKey = nullptr;
   int64_t bestCount = 1;
-  for (const auto& [key, count] : cells()) {
+  const auto all = cells();
+  for (const auto& [key, count] : all) {
     if (count <= bestCount) continue;
-    const auto bar = key.rfind('|');
-    if (bar == std::string::npos) continue;
-    const auto band = parseAsciiInt(std::string_view(key).substr(bar + 1));
-    if (!band) continue;
-    best = Cell{key.substr(0, bar), *band};
+    bestKey = &key;
     bestCount = count;
   }
-  return best;
+  if (!bestKey) return std::nullopt;
+  const auto bar = bestKey->find('|');
+  if (bar == std::string::npos || bestKey->find('|', bar + 1) != std::string::npos) return std::nullopt;
+  const auto band = parseAsciiInt(std::string_view(*bestKey).substr(bar + 1));
+  if (!band) return std::nullopt;
+  return Cell{bestKey->substr(0, bar), *band};
 }
 
 ChosenGroups PickHistory::chosenGroups() const {

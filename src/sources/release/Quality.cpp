@@ -28,17 +28,26 @@ bool companionVersions(QualityLevel level) {
   return !order.empty() && order.front() == "4K";
 }
 
-QualityLevel qualityLevelFromLegacy(std::string_view legacyRecord) {
-  const auto j = json::parse(legacyRecord);
-  if (!j) return kDefaultQualityLevel;
+std::optional<QualityLevelLegacy> QualityLevelLegacy::decode(std::string_view record) {
+  const auto j = json::parse(record);
+  if (!j) return std::nullopt;
   try {
-    const auto maxSizeGB = json::optional<double>(*j, "maxSizeGB");
-    const auto order = json::required<std::vector<std::string>>(*j, "resolutionOrder");
-    if (!order.empty() && order.front() == "4K") return maxSizeGB ? QualityLevel::high : QualityLevel::best;
-    return (!maxSizeGB || *maxSizeGB > 5.0) ? QualityLevel::balanced : QualityLevel::fast;
+    return QualityLevelLegacy{json::optional<double>(*j, "maxSizeGB"),
+                              json::required<std::vector<std::string>>(*j, "resolutionOrder")};
   } catch (const DecodeError&) {
-    return kDefaultQualityLevel;
+    return std::nullopt;
   }
+}
+
+QualityLevel QualityLevelLegacy::level() const {
+  if (!resolutionOrder.empty() && resolutionOrder.front() == "4K")
+    return maxSizeGB ? QualityLevel::high : QualityLevel::best;
+  return (!maxSizeGB || *maxSizeGB > 5.0) ? QualityLevel::balanced : QualityLevel::fast;
+}
+
+QualityLevel qualityLevelFromLegacy(std::string_view legacyRecord) {
+  const auto legacy = QualityLevelLegacy::decode(legacyRecord);
+  return legacy ? legacy->level() : kDefaultQualityLevel;
 }
 
 }  // namespace vt

@@ -29,9 +29,20 @@ StreamPreference streamPreference(QualityLevel level);
 // Levels whose order starts with "4K" also publish a 1080p companion.
 bool companionVersions(QualityLevel level);
 
-// Maps the JSON record that profiles from before quality levels kept under
-// "streamPreference" ({maxSizeGB?, resolutionOrder}) to a level. A record
-// that does not decode gives the default level.
+// The record that profiles from before quality levels kept under
+// "streamPreference".
+struct QualityLevelLegacy {
+  std::optional<double> maxSizeGB;
+  std::vector<std::string> resolutionOrder;
+
+  // None when the JSON is not the record.
+  static std::optional<QualityLevelLegacy> decode(std::string_view record);
+  // The level that stands for it.
+  QualityLevel level() const;
+};
+
+// The level of a legacy record; a record that does not decode gives the
+// default level.
 QualityLevel qualityLevelFromLegacy(std::string_view legacyRecord);
 
 }  // namespace vt

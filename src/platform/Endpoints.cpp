@@ -19,6 +19,8 @@ Endpoints Endpoints::fromEnvironment() {
   take("VT_ENDPOINT_PLEX_LOCAL", e.plexLocalServer);
   take("VT_ENDPOINT_TORRENTIO", e.torrentio);
   take("VT_ENDPOINT_COMET", e.cometHost);
+  take("VT_ENDPOINT_COMET_PLACEHOLDER", e.cometPlaceholderHost);
+  take("VT_ENDPOINT_SLATE", e.slateHost);
   return e;
 }
 

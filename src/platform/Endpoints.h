@@ -20,6 +20,11 @@ struct Endpoints {
   std::string torrentio = "https://torrentio.strem.fun";   // VT_ENDPOINT_TORRENTIO
   // A host name (the add-on is reached over https) or an origin with a scheme.
   std::string cometHost = "comet.elfhosted.com";  // VT_ENDPOINT_COMET
+  // Hosts that serve a stand-in instead of a film: the one Comet links when it
+  // has nothing cached, and the slate video a dead debrid link lands on.
+  // Rows and probes that reach them are not playable.
+  std::string cometPlaceholderHost = "comet.elfhosted.com/placeholder";  // VT_ENDPOINT_COMET_PLACEHOLDER
+  std::string slateHost = "static.real-debrid.com";                      // VT_ENDPOINT_SLATE
 
   static Endpoints fromEnvironment();
 };

@@ -1,6 +1,7 @@
 #include "platform/Text.h"
 
 #include <charconv>
+#include <cmath>
 
 namespace vt {
 
@@ -36,6 +37,22 @@ std::vector<std::string> splitAny(std::string_view text, std::string_view separa
     }
   }
   return out;
+}
+
+std::string formatFixed(double value, int decimals) {
+  if (!std::isfinite(value)) value = 0;
+  char buf[64];
+  const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, decimals);
+  if (ec != std::errc()) return "0";
+  return std::string(buf, end);
+}
+
+std::string cutUtf8(std::string_view text, size_t maxBytes) {
+  if (text.size() <= maxBytes) return std::string(text);
+  size_t end = maxBytes;
+  // Back off over continuation bytes to the start of the character that was cut.
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+  return std::string(text.substr(0, end));
 }
 
 }  // namespace vt

@@ -26,4 +26,10 @@ bool containsAny(std::string_view text, const std::vector<std::string>& needles)
 // are dropped.
 std::vector<std::string> splitAny(std::string_view text, std::string_view separators);
 
+// "%.Nf" in the C locale whatever the process's locale ("1.50", not "1,50").
+std::string formatFixed(double value, int decimals);
+
+// At most `maxBytes` of UTF-8 text, cut before a character that would not fit.
+std::string cutUtf8(std::string_view text, size_t maxBytes);
+
 }  // namespace vt

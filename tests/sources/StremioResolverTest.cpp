@@ -1,0 +1,589 @@
+#include <gtest/gtest.h>
+
+#include <QTcpServer>
+#include <QTcpSocket>
+
+#include "fakes/FakeCinemeta.h"
+#include "fakes/FakeFileHost.h"
+#include "fakes/FakeRealDebrid.h"
+#include "fakes/FakeStreamAddon.h"
+#include "platform/Http.h"
+#include "platform/Log.h"
+#include "platform/SerialFileWriter.h"
+#include "sources/providers/ProviderRegistry.h"
+#include "sources/resolve/StremioResolver.h"
+#include "support/PauseClock.h"
+#include "support/TestKit.h"
+
+using namespace vt;
+using test::FakeCinemeta;
+using test::FakeRealDebrid;
+using test::FakeStreamAddon;
+using Family = FakeStreamAddon::Family;
+using Kind = ResolveError::Kind;
+
+namespace {
+
+const std::string kHashA = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
+const std::string kHashB = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb";
+constexpr int64_t kFilm = 4'200'000'000;
+
+// Three local services, a CDN the add-on links lead to, and the resolver's
+// stores. The add-on address carries the Real-Debrid key, as Torrentio's does.
+struct World {
+  FakeRealDebrid rd;
+  FakeStreamAddon torrentio{Family::torrentio};
+  FakeStreamAddon comet{Family::comet};
+  FakeCinemeta cinemeta;
+  test::FakeHttpServer cdn;
+  test::TestHome home;
+  test::PauseClock clock;
+  ManualClock cacheClock;
+  HttpClient http{clock, HttpClient::Session::ephemeral};
+  ResolveCache cache{home.file("resolve-cache.json"), cacheClock};
+  ProviderHealth health{clock};
+  StreamProviderRegistry registry;
+  ResolverServices services{http,
+                            cache,
+                            health,
+                            registry,
+                            nullptr,
+                            cinemeta.base(),
+                            rd.restBase(),
+                            comet.baseUrl().toString().toStdString(),
+                            "placeholder.invalid",
+                            "slate.invalid"};
+  std::vector<std::string> lines;
+  ScopedLogSink sink{[this](std::string_view l) { lines.emplace_back(l); }};
+
+  World() { torrentio.config = "realdebrid=" + rd.key; }
+
+  StremioResolver resolver(bool allowTS = false) { return StremioResolver(services, torrentio.base(), allowTS); }
+  void useComet() { registry.update({*StreamProvider::comet(rd.key, services.cometHost, true)}, rd.key); }
+
+  template <class T>
+  T run(QCoro::Task<T> task) {
+    return test::drive(clock, std::move(task));
+  }
+
+  // A film file on the CDN and an add-on link that redirects to it.
+  std::string cdnFilm(const std::string& name, int64_t size = kFilm) {
+    const QString path = QString::fromStdString("/films/" + name);
+    test::serveGenerated(cdn, path, size);
+    const QString link = QString::fromStdString("/links/" + name);
+    test::redirect(cdn, link, cdn.url(path).toString());
+    return cdn.url(link).toString().toStdString();
+  }
+
+  bool logged(std::string_view needle) const {
+    return std::any_of(lines.begin(), lines.end(), [&](const auto& l) { return l.find(needle) != std::string::npos; });
+  }
+};
+
+CachedStream row(std::string name, std::string filename, std::string provider = "torrentio",
+                 std::optional<int64_t> bytes = std::nullopt, std::string title = {}) {
+  CachedStream s;
+  s.name = std::move(name);
+  s.filename = std::move(filename);
+  s.url = "https://addon.invalid/x";
+  s.bytes = bytes;
+  s.provider = std::move(provider);
+  if (!title.empty()) s.title = std::move(title);
+  return s;
+}
+
+// A host that writes fixed bare replies, so that a reply can lack every
+// length header (the body then ends when the connection closes).
+class BareHost {
+ public:
+  BareHost(QByteArray headReply, QByteArray getReply) : head_(std::move(headReply)), get_(std::move(getReply)) {
+    server_.listen(QHostAddress::LocalHost, 0);
+    QObject::connect(&server_, &QTcpServer::newConnection, [this] {
+      while (QTcpSocket* s = server_.nextPendingConnection()) {
+        QObject::connect(s, &QTcpSocket::readyRead, s, [this, s] {
+          QByteArray seen = s->property("seen").toByteArray() + s->readAll();
+          s->setProperty("seen", seen);
+          if (!seen.contains("\r\n\r\n")) return;
+          requests.push_back(seen.left(seen.indexOf(' ')));
+          s->write(seen.startsWith("HEAD") ? head_ : get_);
+          s->disconnectFromHost();
+        });
+      }
+    });
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(server_.serverPort()) + "/film.mkv"; }
+  std::vector<QByteArray> requests;
+
+ private:
+  QTcpServer server_;
+  QByteArray head_, get_;
+};
+
+template <class T>
+std::string why(const Result<T, ResolveError>& r) {
+  return r ? std::string("ok") : message(r.error());
+}
+
+}  // namespace
+
+TEST(StremioResolver, ReadsLinksIdsAndEpisodeKeys) {
+  using P = std::pair<std::string, std::string>;
+  EXPECT_EQ(StremioResolver::parseLink("stremio:///detail/movie/tt1375666"), P("movie", "tt1375666"));
+  EXPECT_EQ(StremioResolver::parseLink("https://web.stremio.com/#/detail%2Fseries%2Ftt0903747%3A1%3A2"),
+            P("series", "tt0903747:1:2"));
+  EXPECT_EQ(StremioResolver::parseLink("watch tt0903747:5:14 now"), P("series", "tt0903747:5:14"));
+  EXPECT_EQ(StremioResolver::parseLink("https://www.imdb.com/title/tt0110912/"), P("movie", "tt0110912"));
+  EXPECT_EQ(StremioResolver::parseLink("tt12345"), std::nullopt) << "fewer than six digits";
+  EXPECT_EQ(StremioResolver::parseLink("tt１２３４５６７"), std::nullopt) << "ASCII digits only";
+
+  EXPECT_EQ(StremioResolver::runtimeMinutes("142 min"), 142);
+  EXPECT_EQ(StremioResolver::runtimeMinutes("1h 30min"), 90);
+  EXPECT_EQ(StremioResolver::runtimeMinutes("0 min"), std::nullopt);
+  EXPECT_EQ(StremioResolver::originalLanguage(" South Korea "), "KOR");
+  EXPECT_EQ(StremioResolver::originalLanguage("France, Italy"), std::nullopt) << "one country only";
+}
+
+TEST(StremioResolver, CinemetaVerdictsAndOutages) {
+  World w;
+  auto r = w.resolver();
+  auto meta = w.run(r.metaInfo("movie", "tt6751668"));
+  ASSERT_TRUE(meta) << why(meta);
+  EXPECT_EQ(meta->title, "Parasite");
+  EXPECT_EQ(meta->runtimeMinutes, 132);
+
+  auto missing = w.run(r.metaInfo("movie", "tt0000001"));
+  EXPECT_EQ(missing.error().kind, Kind::noMeta);
+  EXPECT_EQ(w.cinemeta.requests().size(), 2u) << "a 404 is a verdict, not retried";
+
+  w.cinemeta.forcedStatus = 502;
+  w.clock.pauses.clear();
+  auto down = w.run(r.metaInfo("movie", "tt6751668"));
+  EXPECT_EQ(message(down.error()), "Couldn't reach Cinemeta — check your internet connection and try again");
+  EXPECT_EQ(w.cinemeta.requests().size(), 4u) << "one retry";
+  EXPECT_EQ(w.clock.pauses, std::vector<double>{1.5});
+
+  auto noLink = w.run(r.resolve("https://example.com/nothing"));
+  EXPECT_EQ(message(noLink.error()), "Couldn't find a Stremio title id in that link");
+  auto show = w.run(r.resolve("stremio:///detail/series/tt0903747"));
+  EXPECT_EQ(message(show.error()), "Pick an episode — that link points at the whole show");
+
+  w.cinemeta.forcedStatus.reset();
+  w.cinemeta.addMovie("tt9999999", "Later", "2031", "100 min", "2031-05-01T00:00:00.000Z");
+  auto later = w.run(r.resolve("tt9999999"));
+  ASSERT_FALSE(later);
+  EXPECT_EQ(later.error().kind, Kind::notReleasedYet);
+  EXPECT_EQ(later.error().released, "2031-05-01T00:00:00.000Z");
+  EXPECT_TRUE(w.logged("[resolve] movie/tt9999999 Later not released yet (2031-05-01T00:00:00.000Z)"));
+  EXPECT_TRUE(w.torrentio.streamRequests().empty());
+}
+
+TEST(StremioResolver, PoolStopsAtTheFirstPlayableAnswerAndRemembersIt) {
+  World w;
+  w.useComet();
+  w.torrentio.setReleases("movie", "tt1375666", {{"Inception.2010.1080p.BluRay.x264-GRP", kFilm, kHashA}});
+  auto r = w.resolver();
+  auto pool = w.run(r.streamPool("movie", "tt1375666"));
+  ASSERT_TRUE(pool) << why(pool);
+  EXPECT_EQ(pool->size(), 1u);
+  EXPECT_TRUE(w.comet.streamRequests().empty()) << "a cached Torrentio answer ends the search";
+  EXPECT_EQ(w.health.failures(StreamProviderKind::torrentio), 0);
+
+  auto again = w.run(r.streamPool("movie", "tt1375666"));
+  EXPECT_EQ(*again, *pool);
+  EXPECT_EQ(w.torrentio.streamRequests().size(), 1u);
+  EXPECT_TRUE(w.logged("[resolve] movie/tt1375666 cache-fresh 1 streams"));
+
+  // Six hours on, a provider that fails and one that answers with nothing
+  // playable: the remembered rows are served, no verdict.
+  w.cacheClock.advance(ResolveCache::kFreshSeconds);
+  w.torrentio.setFault(FakeStreamAddon::Fault::serverError);
+  w.comet.setRows("movie", "tt1375666", Json::array({w.comet.placeholderRow("placeholder.invalid")}));
+  auto remembered = w.run(r.streamPool("movie", "tt1375666"));
+  EXPECT_EQ(*remembered, *pool);
+
+  EXPECT_TRUE(w.logged("[resolve] Torrentio tt1375666: http 503 after 0.0s"));
+  EXPECT_TRUE(w.logged("barren, but an addon never answered — not a no-source verdict"));
+
+  // Everyone answers, nothing playable: the stale entry goes, the pool is empty.
+  w.torrentio.setFault(FakeStreamAddon::Fault::none);
+  w.torrentio.setRows("movie", "tt1375666", Json::array());
+  auto barren = w.run(r.streamPool("movie", "tt1375666"));
+  ASSERT_TRUE(barren);
+  EXPECT_TRUE(barren->empty());
+  EXPECT_FALSE(w.run(w.cache.entry("movie/tt1375666")));
+}
+
+TEST(StremioResolver, NoAnswerServesMemoryOrReportsTheCatalogBusy) {
+  World w;
+  w.torrentio.setFault(FakeStreamAddon::Fault::badJson);
+  auto r = w.resolver();
+  auto none = w.run(r.streamPool("movie", "tt1375666"));
+  EXPECT_EQ(message(none.error()), "The stream catalog is busy — trying again shortly");
+  EXPECT_TRUE(w.logged("[resolve] movie/tt1375666 no addon answered and never cached"));
+  EXPECT_EQ(w.health.failures(StreamProviderKind::torrentio), 1);
+
+  // An old-schema entry is never fresh but still serves when nobody answers.
+  ResolveCache::Entries old;
+  old["movie/tt1375666"] = {{row("[RD+] Torrentio", "Old.2010.1080p.mkv")}, w.cacheClock.now(), 1};
+  ASSERT_TRUE(writeFileAtomically(w.home.file("resolve-cache.json"), ResolveCache::encode(old)));
+  ResolveCache cache(w.home.file("resolve-cache.json"), w.cacheClock);
+  const ResolverServices& s = w.services;
+  ResolverServices withOld{
+      s.http,     cache, s.health, s.registry, nullptr, s.cinemeta, s.rdBase, s.cometHost, s.cometPlaceholderHost,
+      s.slateHost};
+  StremioResolver r2(withOld, w.torrentio.base(), false);
+  EXPECT_FALSE(w.run(cache.fresh("movie/tt1375666")));
+  auto served = w.run(r2.streamPool("movie", "tt1375666"));
+  ASSERT_TRUE(served) << why(served);
+  EXPECT_EQ(served->front().filename, "Old.2010.1080p.mkv");
+  EXPECT_TRUE(w.logged("no addon answered — serving 1 remembered streams"));
+}
+
+TEST(StremioResolver, UncachedRowsFromCometAreTheLastResort) {
+  World w;
+  w.torrentio.setReleases("movie", "tt1375666", {{"Inception.2010.1080p.WEB-DL-GRP", kFilm, kHashA, false}});
+  w.comet.setReleases("movie", "tt1375666", {{"Inception.2010.2160p.WEB-DL-GRP", kFilm, kHashB, false}});
+  auto r = w.resolver();
+  auto pool = w.run(r.streamPool("movie", "tt1375666"));
+  ASSERT_TRUE(pool) << why(pool);
+  // "[RD download]" makes an uncached Torrentio row playable: Comet isn't asked.
+  EXPECT_EQ(pool->front().provider, "torrentio");
+  EXPECT_TRUE(w.comet.streamRequests().empty());
+
+  w.torrentio.setRows("movie", "tt0110357", Json::array({Json{{"name", "Torrentio\n1080p"}, {"url", "https://x"}}}));
+  w.comet.setReleases("movie", "tt0110357", {{"The.Lion.King.1994.1080p.BluRay-GRP", kFilm, kHashB, false}});
+  auto last = w.run(r.streamPool("movie", "tt0110357"));
+  ASSERT_TRUE(last) << why(last);
+  ASSERT_EQ(last->size(), 1u);
+  EXPECT_EQ(last->front().infoHash, kHashB);
+  EXPECT_TRUE(w.logged("[resolve] movie/tt0110357 nothing cached — 1 uncached row(s) from Comet"));
+  ASSERT_FALSE(w.comet.streamRequests().empty());
+  EXPECT_NE(w.comet.requests().back().path.indexOf("/stream/movie/tt0110357.json"), -1);
+}
+
+TEST(StremioResolver, CandidatesDropJunkRecordingsAndOtherYears) {
+  World w;
+  auto r = w.resolver();
+  std::vector<CachedStream> rows = {
+      row("[RD+] T", "Film.2001.1080p.BluRay.x265-AAA.mkv", "torrentio", 1'500'000'000),
+      row("[RD+] T", "Film.2001.1080p.WEB.H264-BBB.mkv", "torrentio", 0, "x\n👤 42 💾 1.4 GB"),
+      row("[RD+] T", "Film.2001.1080p.setup.exe"),
+      row("[RD+] T", "Film.2001.CAM.x264-CCC.mkv"),
+      row("[RD download] T", "Film.2001.HDTS.x264-DDD.mkv"),
+      row("[RD+] T", "Film 2001 1999 1080p BluRay-EEE.mkv"),
+      row("[RD+] T", "Film 2001 2002 1080p BluRay-FFF.mkv"),
+      row("T", "Film.2001.1080p.BluRay-GGG.mkv"),  // not playable: no [RD+]
+  };
+  auto c = r.candidates(rows, "2001", "Film 2001");
+  EXPECT_EQ(c.fakes, 1);
+  EXPECT_EQ(c.recordings, 2);
+  EXPECT_EQ(c.recordingGroups, (std::set<std::string>{"CCC", "DDD"}));
+  ASSERT_EQ(c.droppedRecordings.size(), 1u) << "only the cached recording is remembered";
+  ASSERT_EQ(c.streams.size(), 3u);
+  EXPECT_EQ(c.streams[0].filename, "Film.2001.1080p.WEB.H264-BBB.mkv") << "H.264 first";
+  EXPECT_EQ(c.streams[0].size, "1.4 GB");
+  EXPECT_EQ(c.streams[0].seeders, 42);
+  EXPECT_EQ(c.streams[1].size, "1.50 GB");
+  EXPECT_EQ(c.streams[2].filename, "Film 2001 2002 1080p BluRay-FFF.mkv") << "1999 is two years off; 2002 is one";
+  EXPECT_FALSE(c.earlyRelease);
+
+  auto all = r.candidates({row("[RD+] T", "Other.1950.1080p.mkv")}, "2001", "Film");
+  EXPECT_EQ(all.streams.size(), 1u) << "a filter that drops everything drops nothing";
+
+  auto withTS = w.resolver(true).candidates(rows, "2001", "Film 2001");
+  EXPECT_EQ(withTS.streams.size(), 5u);
+  EXPECT_TRUE(withTS.droppedRecordings.empty());
+
+  std::vector<CachedStream> early = {row("[RD+] T", "New.CAM-AAA.mkv"), row("[RD+] T", "New.HDTS-AAA.mkv"),
+                                     row("[RD+] T", "New.TC-BBB.mkv"), row("[RD+] T", "New.1080p.WEB-DL-CCC.mkv")};
+  StremioResolver::Resolution res;
+  auto e = w.resolver(true).candidates(early, std::nullopt, std::nullopt);
+  EXPECT_FALSE(e.earlyRelease) << "one real source among three recordings is not early (1 x 4 > 3)";
+  early.pop_back();
+  early.push_back(row("[RD+] T", "New.HDCAM-DDD.mkv"));
+  e = w.resolver(true).candidates(early, std::nullopt, std::nullopt);
+  EXPECT_TRUE(e.earlyRelease);
+  res.streams = e.streams;
+  res.earlyRelease = true;
+  res.recordingGroups = {"AAA", "BBB"};
+  ASSERT_EQ(res.pickable().size(), 1u);
+  EXPECT_EQ(res.pickable()[0].filename, "New.HDCAM-DDD.mkv");
+}
+
+TEST(StremioResolver, PickableFollowsTheDominantLanguage) {
+  World w;
+  StremioResolver::Resolution res;
+  res.originalLanguage = "KOR";
+  auto c = w.resolver().candidates(
+      {row("[RD+] T", "Parasite.2019.1080p.BluRay.ITA.x264-A.mkv"), row("[RD+] T", "Parasite.2019.1080p.ITA-B.mkv"),
+       row("[RD+] T", "Parasite.2019.KOREAN.1080p.BluRay-C.mkv")},
+      std::nullopt, std::nullopt);
+  res.streams = c.streams;
+  const auto kept = res.pickable();
+  ASSERT_EQ(kept.size(), 2u);
+  for (const auto& k : kept) EXPECT_NE(k.filename.find("ITA"), std::string::npos);
+}
+
+TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {
+  World w;
+  auto r = w.resolver();
+  const std::string good = w.cdnFilm("Good.mkv");
+  auto ok = w.run(r.probe(good));
+  ASSERT_TRUE(ok) << why(ok);
+  EXPECT_EQ(ok->bytes, kFilm);
+  EXPECT_EQ(ok->finalURL.path(), "/films/Good.mkv") << "redirects followed";
+
+  // HEAD not allowed: a one-byte ranged GET reads the total from Content-Range.
+  w.cdn.on("GET", "/nohead.mkv", [&](const auto& req, auto& reply) {
+    if (req.method == "HEAD") return reply.send(405);
+    reply.send(206, "x", {{"Content-Range", "bytes 0-0/" + QByteArray::number(qlonglong(kFilm))}});
+  });
+  auto ranged = w.run(r.probe(w.cdn.url("/nohead.mkv").toString().toStdString()));
+  ASSERT_TRUE(ranged) << why(ranged);
+  EXPECT_EQ(ranged->bytes, kFilm);
+
+  // No length anywhere: a success with the size unknown.
+  BareHost bare("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nxyz");
+  auto unknown = w.run(r.probe(bare.url()));
+  ASSERT_TRUE(unknown) << why(unknown);
+  EXPECT_EQ(unknown->bytes, std::nullopt);
+  EXPECT_EQ(bare.requests, (std::vector<QByteArray>{"HEAD", "GET"}));
+
+  // A Range request answered with 200 and a whole film: read no further than needed.
+  w.cdn.on("GET", "/whole.mkv", [](const auto& req, auto& reply) {
+    if (req.method == "HEAD") return reply.send(405);
+    reply.stream(200, new test::GeneratedBytesDevice(0, 2'000'000'000), {"Content-Length", "2000000000"});
+  });
+  auto whole = w.run(r.probe(w.cdn.url("/whole.mkv").toString().toStdString()));
+  ASSERT_TRUE(whole) << why(whole);
+  EXPECT_EQ(whole->bytes, 2'000'000'000);
+
+  const std::string small = w.cdnFilm("Sample.mkv", 100'000'000);
+  EXPECT_EQ(w.run(r.probe(small)).error().kind, Kind::noPlayableStream);
+  EXPECT_TRUE(w.logged("[resolve] probe returned 100000000 bytes — too small to be the film"));
+  w.cdn.on("GET", "/videos/x.mp4", [](const auto&, auto& reply) { reply.send(200, "v"); });
+  EXPECT_EQ(w.run(r.probe(w.cdn.url("/videos/x.mp4").toString().toStdString())).error().kind, Kind::noPlayableStream);
+  EXPECT_TRUE(w.logged("[resolve] probe landed on a placeholder: 127.0.0.1 x.mp4"));
+  w.cdn.on("GET", "/busy", [](const auto&, auto& reply) { reply.send(503); });
+  w.cdn.on("GET", "/gone", [](const auto&, auto& reply) { reply.send(404); });
+  EXPECT_EQ(w.run(r.probe(w.cdn.url("/busy").toString().toStdString())).error().kind, Kind::cdnUnavailable);
+  EXPECT_EQ(w.run(r.probe(w.cdn.url("/gone").toString().toStdString())).error().kind, Kind::cdnUnavailable);
+  EXPECT_TRUE(w.logged("[resolve] probe got 404 from 127.0.0.1"));
+  EXPECT_EQ(w.run(r.probe("not a url")).error().kind, Kind::noPlayableStream);
+  test::redirect(w.cdn, "/loop", w.cdn.url("/loop").toString());
+  EXPECT_EQ(w.run(r.probe(w.cdn.url("/loop").toString().toStdString())).error().kind, Kind::cdnUnavailable);
+}
+
+TEST(StremioResolver, ResolvesAFilmFromItsIdToAProvedTitle) {
+  World w;
+  const std::string name = "Inception.2010.1080p.BluRay.x264-GRP.mkv";
+  w.torrentio.setReleases("movie", "tt1375666", {{name, kFilm, kHashA}});
+  const std::string link = w.cdnFilm(name);
+  w.rd.downloadRows.push_back(
+      Json{{"filename", name}, {"link", "https://real-debrid.com/d/STABLE1"}, {"download", "elsewhere"}});
+  auto r = w.resolver();
+  auto res = w.run(r.resolve("stremio:///detail/movie/tt1375666"));
+  ASSERT_TRUE(res) << why(res);
+  EXPECT_EQ(res->title, "Inception");
+  EXPECT_EQ(res->runtimeMinutes, 148);
+  ASSERT_EQ(res->streams.size(), 1u);
+  // The add-on row's link goes through the CDN's redirect.
+  auto candidate = res->streams[0];
+  candidate.url = link;
+  auto title = w.run(r.materialise(candidate, *res));
+  ASSERT_TRUE(title) << why(title);
+  EXPECT_EQ(title->name, "Inception (2010) {imdb-tt1375666}.mkv");
+  EXPECT_EQ(title->size, kFilm);
+  EXPECT_EQ(title->sizeVerified, true);
+  EXPECT_EQ(title->url, w.cdn.url("/films/" + QString::fromStdString(name)).toString().toStdString());
+  EXPECT_EQ(title->rdLink, "https://real-debrid.com/d/STABLE1") << "found by file name in the downloads list";
+  EXPECT_EQ(title->resolveURL, link);
+  EXPECT_EQ(title->source, "stremio");
+  EXPECT_EQ(title->rdFilename, name);
+  EXPECT_EQ(title->resolvedAt, w.clock.now());
+  for (const auto& l : w.lines) EXPECT_EQ(l.find(w.rd.key), std::string::npos) << l;
+}
+
+TEST(StremioResolver, DebridDirectForCometAndUncachedCandidates) {
+  World w;
+  auto r = w.resolver();
+  StremioResolver::Resolution res;
+  res.title = "Inception";
+  res.year = "2010";
+  res.id = "tt1375666";
+
+  // Comet, cached: straight from Real-Debrid within 2 seconds.
+  w.rd.releases[kHashA] = {
+      "Inception.2010.2160p", {{1, "/Inception.2010.2160p.mkv", kFilm}}, FakeRealDebrid::cachedStages()};
+  StreamCandidate comet{
+      "1", "Inception.2010.2160p.mkv", "https://comet.invalid/p", "4.2 GB", true, kHashA, StreamProviderKind::comet, 3};
+  auto direct = w.run(r.materialise(comet, res));
+  ASSERT_TRUE(direct) << why(direct);
+  EXPECT_EQ(direct->size, kFilm);
+  EXPECT_TRUE(direct->rdLink && direct->rdLink->rfind("https://real-debrid.com/", 0) == 0);
+  EXPECT_EQ(direct->resolveURL, "https://comet.invalid/p");
+  EXPECT_TRUE(w.logged("[resolve] debrid-direct resolved Inception.2010.2160p.mkv (4200000000 bytes)"));
+
+  // Uncached and still downloading after 45 seconds: try again later.
+  w.rd.releases[kHashB] = {"Slow",
+                           {{1, "/Slow.mkv", kFilm}},
+                           {{"magnet_conversion", 1}, {"waiting_files_selection", 0}, {"downloading", 0}}};
+  StreamCandidate slow{"2",   "Slow.mkv",   "https://x.invalid/" + kHashB, std::nullopt,
+                       false, std::nullopt, StreamProviderKind::torrentio, 1};
+  auto later = w.run(r.materialise(slow, res));
+  EXPECT_EQ(message(later.error()), "Real-Debrid is downloading this release. Try it again in a few minutes.");
+  EXPECT_TRUE(w.logged("[resolve] RD still fetching Slow.mkv after 45s"));
+  EXPECT_NEAR(w.clock.now() - 700000000.0, 45, 4) << "the budget ran on the clock";
+
+  // Uncached and refused: this candidate is bad.
+  const std::string virus(40, 'c');
+  w.rd.releases[virus] = {"Bad", {{1, "/Bad.mkv", kFilm}}, FakeRealDebrid::failingStages("virus")};
+  StreamCandidate bad{"3",   "Bad.mkv", "https://x.invalid/y",         std::nullopt,
+                      false, virus,     StreamProviderKind::torrentio, 1};
+  EXPECT_EQ(w.run(r.materialise(bad, res)).error().kind, Kind::noPlayableStream);
+  EXPECT_TRUE(w.logged("[resolve] RD refused Bad.mkv: "));
+
+  // A cached Torrentio row whose add-on link is a placeholder: taken from
+  // Real-Debrid by its hash instead.
+  w.cdn.on("GET", "/videos/placeholder.mp4", [](const auto&, auto& reply) { reply.send(200, "v"); });
+  const std::string d(40, 'd');
+  w.rd.releases[d] = {"Placeholder", {{1, "/Good.mkv", kFilm}}, FakeRealDebrid::cachedStages()};
+  StreamCandidate ph{"4",
+                     "Good.mkv",
+                     w.cdn.url("/videos/placeholder.mp4").toString().toStdString(),
+                     std::nullopt,
+                     true,
+                     d,
+                     StreamProviderKind::torrentio,
+                     1};
+  auto rescued = w.run(r.materialise(ph, res));
+  ASSERT_TRUE(rescued) << why(rescued);
+  EXPECT_TRUE(w.logged("[resolve] addon link was a placeholder — took Good.mkv straight from RD"));
+  for (const auto& l : w.lines) EXPECT_EQ(l.find(w.rd.key), std::string::npos) << l;
+}
+
+TEST(StremioResolver, EpisodesResolveFromTheSkeleton) {
+  World w;
+  w.torrentio.setReleases("series", "tt0903747:1:2",
+                          {{"Breaking.Bad.S01E02.1080p.BluRay.x264-GRP.mkv", kFilm, kHashA}});
+  auto r = w.resolver();
+  SeriesSkeleton show{"Breaking Bad",
+                      "2008",
+                      "United States",
+                      {{1, 2, "2008-01-27T05:00:00.000Z"}, {1, 3, "2099-01-01T05:00:00.000Z"}}};
+  auto res = w.run(r.resolveEpisode("tt0903747", 1, 2, show));
+  ASSERT_TRUE(res) << why(res);
+  EXPECT_EQ(res->title, "Breaking Bad - S01E02");
+  EXPECT_EQ(res->streams.size(), 1u);
+  auto future = w.run(r.resolveEpisode("tt0903747", 1, 3, show));
+  EXPECT_EQ(future.error().kind, Kind::notReleasedYet);
+
+  // By link, the series record gives the title.
+  auto byLink = w.run(r.resolve("stremio:///detail/series/tt0903747%3A1%3A2"));
+  ASSERT_TRUE(byLink) << why(byLink);
+  EXPECT_EQ(byLink->title, "Breaking Bad - S01E02");
+}
+
+TEST(StremioResolver, BadRowsAreReadLenientlyAndCut) {
+  World w;
+  auto wrong = StremioResolver::decodeStreams(
+      R"({"streams":[{"name":5,"title":["x"],"url":{"h":1},"behaviorHints":{"filename":3,"videoSize":"big"}},7,"r",
+          {"name":"[RD+] T","url":"https://x","behaviorHints":"none"}]})",
+      "torrentio");
+  ASSERT_TRUE(wrong);
+  ASSERT_EQ(wrong->size(), 2u);
+  EXPECT_EQ((*wrong)[0], (CachedStream{std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                                       std::nullopt, "torrentio"}));
+  EXPECT_FALSE(StremioResolver::decodeStreams(R"({"streams":[{"name":"x")", "comet"));
+
+  Json rows = Json::array();
+  const std::string huge(3'000'000, 'A');
+  for (int i = 0; i < 3000; ++i)
+    rows.push_back(Json{{"name", "[RD+] T"},
+                        {"title", huge.substr(0, i == 0 ? huge.size() : 10)},
+                        {"url", "https://x/" + std::to_string(i)}});
+  auto many = StremioResolver::decodeStreams(json::encode(Json{{"streams", rows}}), "torrentio");
+  ASSERT_EQ(many->size(), 3000u);
+  EXPECT_EQ(many->front().title->size(), StremioResolver::kMaxTextBytes);
+  auto c = w.resolver().candidates(*many, "2010", "Film");
+  EXPECT_EQ(c.streams.size(), 3000u);
+}
+
+TEST(StremioResolver, CancellingAResolveClosesItsRequest) {
+  World w;
+  w.torrentio.setFault(FakeStreamAddon::Fault::silent);
+  auto r = w.resolver();
+  std::optional<Result<std::vector<CachedStream>, ResolveError>> out;
+  auto job = Job::start([&](CancelToken token) -> QCoro::Task<> {
+    auto pool = co_await r.streamPool("movie", "tt1375666", token);
+    out.emplace(std::move(pool));
+  });
+  ASSERT_TRUE(test::spinUntil([&] { return !w.torrentio.streamRequests().empty(); }));
+  job.cancel();
+  ASSERT_TRUE(test::spinUntil([&] { return out.has_value(); }));
+  EXPECT_EQ(out->error().kind, Kind::cancelled);
+  EXPECT_TRUE(test::spinUntil([&] { return w.torrentio.abandonedRequests() == 1; }));
+  EXPECT_EQ(w.health.failures(StreamProviderKind::torrentio), 0) << "a cancel says nothing about the add-on";
+}
+
+TEST(StremioResolver, AlternatesAreOtherCachedCopiesOfTheSameFile) {
+  StreamCandidate win{"1", "F.mkv", "u1", {}, true, {}, StreamProviderKind::torrentio, {}};
+  std::vector<StreamCandidate> pool = {win};
+  EXPECT_EQ(StremioResolver::alternates(win, pool), std::nullopt);
+  auto copy = [&](std::string url, bool cached, StreamProviderKind kind) {
+    return StreamCandidate{"x", "F.mkv", std::move(url), {}, cached, {}, kind, {}};
+  };
+  pool.push_back(copy("u2", true, StreamProviderKind::mediafusion));
+  pool.push_back(copy("u3", false, StreamProviderKind::torrentio));
+  pool.push_back(copy("u4", true, StreamProviderKind::comet));
+  pool.push_back(copy("u2", true, StreamProviderKind::torrentio));
+  for (int i = 5; i < 10; ++i) pool.push_back(copy("u" + std::to_string(i), true, StreamProviderKind::torrentio));
+  EXPECT_EQ(StremioResolver::alternates(win, pool), (std::vector<std::string>{"u1", "u2", "u5", "u6", "u7"}));
+}
+
+TEST(ResolveCache, FileFormatFreshnessAndOneWriteAfterTwoSeconds) {
+  test::TestHome home;
+  ManualClock clock;
+  const std::string path = home.file("resolve-cache.json");
+  ResolveCache cache(path, clock);
+  CachedStream s{"n", std::nullopt, "u", "f.mkv", 5, std::nullopt, "comet"};
+  test::runTask(cache.store("movie/tt1", {s}));
+  test::runTask(cache.store("movie/tt2", {s}));
+  clock.advance(1.9);
+  cache.waitForWrites();
+  EXPECT_FALSE(readFile(path));
+  clock.advance(0.1);
+  cache.waitForWrites();
+  const auto text = readFile(path);
+  ASSERT_TRUE(text);
+  EXPECT_EQ(*text,
+            R"({"movie/tt1":{"streams":[{"name":"n","url":"u","filename":"f.mkv","bytes":5,"provider":"comet"}],)"
+            R"("storedAt":700000000.0,"schema":2},"movie/tt2":{"streams":[{"name":"n","url":"u","filename":"f.mkv",)"
+            R"("bytes":5,"provider":"comet"}],"storedAt":700000000.0,"schema":2}})");
+
+  clock.advance(ResolveCache::kFreshSeconds - 2 - 1);
+  EXPECT_TRUE(test::runTask(cache.fresh("movie/tt1")));
+  clock.advance(1);
+  EXPECT_FALSE(test::runTask(cache.fresh("movie/tt1")));
+  EXPECT_TRUE(test::runTask(cache.entry("movie/tt1")));
+
+  ResolveCache reread(path, clock);
+  EXPECT_EQ(test::runTask(reread.entry("movie/tt2"))->streams, std::vector<CachedStream>{s});
+  ASSERT_TRUE(writeFileAtomically(path, "{not json"));
+  ResolveCache broken(path, clock);
+  EXPECT_FALSE(test::runTask(broken.entry("movie/tt2")));
+}
+
+TEST(ResolveCache, KeepsTheNewest2000) {
+  ManualClock clock;
+  test::TestHome home;
+  ResolveCache cache(home.file("c.json"), clock);
+  CachedStream s{"n", {}, "u", {}, {}, {}, {}};
+  for (int i = 0; i < 2001; ++i) {
+    test::runTask(cache.store("movie/tt" + std::to_string(i), {s}));
+    clock.advance(0.001);
+  }
+  EXPECT_FALSE(test::runTask(cache.entry("movie/tt0")));
+  EXPECT_TRUE(test::runTask(cache.entry("movie/tt1")));
+  EXPECT_TRUE(test::runTask(cache.entry("movie/tt2000")));
+}

@@ -179,14 +179,6 @@ TEST(RDClient, TheLargestFileIsChosenAndATieGoesToTheLaterOne) {
   EXPECT_EQ(fileSelection(Files({{1, 5}, {7, 9}}), false), "all");
   EXPECT_EQ(fileSelection(Files(std::vector<TorrentFile>{}), true), "all");
   EXPECT_EQ(fileSelection(std::nullopt, true), "all");
-
-  Rig rig;
-  rig.rd.releases[kHash] = {"Twins",
-                            {{4, "/a.mkv", 3'000'000'000}, {9, "/b.mkv", 3'000'000'000}, {2, "/c.mkv", 10}},
-                            FakeRealDebrid::cachedStages()};
-  auto id = *rig.drive(rig.client.addMagnet(kHash));
-  ASSERT_TRUE(*rig.drive(rig.client.pollUntilLink(id, true, 2)));
-  EXPECT_EQ(rig.rd.torrents.at(id).selection, "9");
 }
 
 TEST(RDClient, AWorkingTorrentGivesUpAtTheDeadlineWithNothing) {

@@ -82,15 +82,12 @@ TEST(QualitySettings, LegacyRecordsMapToLevels) {
        std::vector<Case>{{R"({"resolutionOrder":["4K","1080p"]})", QualityLevel::best},
                          {R"({"maxSizeGB":30,"resolutionOrder":["4K"]})", QualityLevel::high},
                          {R"({"maxSizeGB":5,"resolutionOrder":["1080p"]})", QualityLevel::fast},
-                         {R"({"maxSizeGB":-2,"resolutionOrder":["1080p"]})", QualityLevel::fast},
                          {R"({"maxSizeGB":5.000001,"resolutionOrder":["1080p"]})", QualityLevel::balanced},
                          {R"({"resolutionOrder":["1080p","4K"]})", QualityLevel::balanced},
-                         {R"({"maxSizeGB":1,"resolutionOrder":[]})", QualityLevel::fast},
                          {R"({"maxSizeGB":1,"resolutionOrder":["4k"]})", QualityLevel::fast},
                          // Records that don't decode.
                          {R"({"maxSizeGB":"5","resolutionOrder":["4K"]})", QualityLevel::balanced},
                          {R"({"maxSizeGB":1,"resolutionOrder":[4]})", QualityLevel::balanced},
-                         {R"({"maxSizeGB":1})", QualityLevel::balanced},
                          {"\xff\xfe{", QualityLevel::balanced}}) {
     EXPECT_EQ(qualityLevelFromLegacy(k.record), k.level) << k.record;
   }

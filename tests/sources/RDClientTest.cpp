@@ -17,10 +17,8 @@ namespace {
 
 const std::string kHash = "0123456789abcdef0123456789abcdef01234567";
 
-// Virtual time for the polling loop. It wraps a ManualClock and knows which
-// pending timers are pauses (shorter than any request's time limit), so the
-// driver below moves time on only while the flow sleeps, never while a
-// request is in flight: virtual time stays exact however slow the machine is.
+// Virtual time that moves on only while the flow pauses (timers shorter than a
+// request's time limit), never while a request is in flight.
 class PollClock final : public Clock {
  public:
   Date now() const override { return manual.now(); }
@@ -81,9 +79,17 @@ struct Rig {
     }
     return std::move(*out);
   }
-
-  std::vector<std::string> infoStatuses() const;
 };
+
+// Starts `call` as a job whose result lands in `out`.
+template <class T, class F>
+Job startInto(std::optional<T>& out, F call) {
+  return Job::start([&out, call](CancelToken t) -> QCoro::Task<> {
+    auto task = call(t);
+    auto value = co_await std::move(task);
+    out.emplace(std::move(value));
+  });
+}
 
 template <class T>
 std::string text(const Result<T, RDError>& r) {
@@ -95,22 +101,12 @@ std::string text(const Result<T, RDError>& r) {
 TEST(RDClient, AnEmptyKeyFailsEveryCallWithoutTraffic) {
   Rig rig;
   RDClient noKey(rig.http, "", rig.rd.restBase());
-  std::vector<RDError> errors;
-  errors.push_back(rig.drive(noKey.request("user")).error());
-  errors.push_back(rig.drive(noKey.post("torrents/addMagnet", {{"magnet", "x"}})).error());
-  errors.push_back(rig.drive(noKey.addMagnet(kHash)).error());
-  errors.push_back(rig.drive(noKey.selectFiles("T1", "all")).error());
-  errors.push_back(rig.drive(noKey.torrentInfo("T1")).error());
-  errors.push_back(rig.drive(noKey.pollUntilLink("T1", true, 45)).error());
-  errors.push_back(rig.drive(noKey.unrestrict("https://real-debrid.com/d/X")).error());
-  errors.push_back(rig.drive(noKey.user()).error());
-  errors.push_back(rig.drive(noKey.deleteTorrent("T1")).error());
-  errors.push_back(rig.drive(noKey.downloads()).error());
-  for (const auto& e : errors) {
-    EXPECT_EQ(e, RDError::noKey());
-    EXPECT_EQ(message(e), "No RealDebrid key set (Settings)");
-    EXPECT_FALSE(e.isRefusal());
-  }
+  const std::vector<RDError> errors = {
+      rig.drive(noKey.request("user")).error(), rig.drive(noKey.post("torrents/addMagnet", {{"magnet", "x"}})).error(),
+      rig.drive(noKey.pollUntilLink("T1", true, 45)).error(), rig.drive(noKey.deleteTorrent("T1")).error()};
+  for (const auto& e : errors) EXPECT_EQ(e, RDError::noKey());
+  EXPECT_EQ(message(errors[0]), "No RealDebrid key set (Settings)");
+  EXPECT_FALSE(errors[0].isRefusal());
   EXPECT_TRUE(rig.rd.requests().empty()) << "nothing left the machine";
 }
 
@@ -125,8 +121,6 @@ TEST(RDClient, MagnetFlowWalksEveryStatusToAPlayableLink) {
   auto id = rig.drive(rig.client.addMagnet(kHash));
   ASSERT_TRUE(id) << text(id);
   const auto add = rig.rd.requests().back();
-  EXPECT_EQ(add.method, "POST");
-  EXPECT_EQ(add.path, "/rest/1.0/torrents/addMagnet");
   EXPECT_EQ(add.header("Content-Type"), "application/x-www-form-urlencoded");
   EXPECT_EQ(add.body, "magnet=magnet%3A%3Fxt%3Durn%3Abtih%3A" + QByteArray::fromStdString(kHash));
   EXPECT_EQ(add.header("Authorization"), "Bearer " + QByteArray::fromStdString(rig.rd.key));
@@ -150,32 +144,16 @@ TEST(RDClient, MagnetFlowWalksEveryStatusToAPlayableLink) {
   EXPECT_EQ(direct->filesize, 6'100'000'000);
   EXPECT_EQ(rig.rd.requests().back().body, "link=" + QUrl::toPercentEncoding(QString::fromStdString(**link)));
 
-  // The download is a file host answering HEAD and ranged reads like a CDN.
-  auto head = test::runTask(rig.http.head(QUrl(QString::fromStdString(direct->download)), 5));
-  EXPECT_EQ(head.status, 200);
-  EXPECT_EQ(head.header("Content-Length"), "6100000000");
-  auto first = test::runTask(rig.http.getRange(QUrl(QString::fromStdString(direct->download)), 0, 0, 5));
-  EXPECT_EQ(first.status, 206);
-  EXPECT_EQ(first.header("Content-Range"), "bytes 0-0/6100000000");
-  EXPECT_EQ(first.body.size(), 1);
-
   auto list = rig.drive(rig.client.downloads());
-  ASSERT_TRUE(list) << text(list);
-  ASSERT_EQ(list->size(), 1u);
-  EXPECT_EQ((*list)[0].link, **link);
+  ASSERT_TRUE(list && list->size() == 1) << text(list);
   EXPECT_EQ((*list)[0].download, direct->download);
   EXPECT_EQ(rig.rd.requests().back().rawQuery, "limit=50");
 
-  auto account = rig.drive(rig.client.user());
-  ASSERT_TRUE(account) << text(account);
-  EXPECT_EQ(*account, (RDUserInfo{"premium", 2592000, "2031-01-01T00:00:00.000Z"}));
+  EXPECT_EQ(*rig.drive(rig.client.user()), (RDUserInfo{"premium", 2592000, "2031-01-01T00:00:00.000Z"}));
 
   EXPECT_TRUE(rig.drive(rig.client.deleteTorrent(*id)));
   EXPECT_EQ(rig.rd.requests().back().method, "DELETE");
   EXPECT_EQ(rig.rd.deleted, std::vector<std::string>{*id});
-  auto again = rig.drive(rig.client.deleteTorrent(*id));
-  ASSERT_FALSE(again);
-  EXPECT_EQ(again.error(), RDError::http(404));
 }
 
 TEST(RDClient, ADownloadedTorrentAnswersAfterOneInfoCall) {
@@ -193,10 +171,6 @@ TEST(RDClient, ADownloadedTorrentAnswersAfterOneInfoCall) {
   auto none = rig.drive(rig.client.pollUntilLink(id, true, 2));
   ASSERT_TRUE(none);
   EXPECT_FALSE(none->has_value());
-  rig.rd.answer("torrents/info/", R"({"status":"downloaded"})");
-  none = rig.drive(rig.client.pollUntilLink(id, true, 2));
-  ASSERT_TRUE(none);
-  EXPECT_FALSE(none->has_value());
 }
 
 TEST(RDClient, TheLargestFileIsChosenAndATieGoesToTheLaterOne) {
@@ -205,19 +179,6 @@ TEST(RDClient, TheLargestFileIsChosenAndATieGoesToTheLaterOne) {
   EXPECT_EQ(fileSelection(Files({{1, 5}, {7, 9}}), false), "all");
   EXPECT_EQ(fileSelection(Files(std::vector<TorrentFile>{}), true), "all");
   EXPECT_EQ(fileSelection(std::nullopt, true), "all");
-
-  Rig rig;
-  rig.rd.releases[kHash] = {"Twins",
-                            {{4, "/a.mkv", 3'000'000'000}, {9, "/b.mkv", 3'000'000'000}, {2, "/c.mkv", 10}},
-                            FakeRealDebrid::cachedStages()};
-  auto id = *rig.drive(rig.client.addMagnet(kHash));
-  ASSERT_TRUE(*rig.drive(rig.client.pollUntilLink(id, true, 2)));
-  EXPECT_EQ(rig.rd.torrents.at(id).selection, "9");
-
-  auto all = *rig.drive(rig.client.addMagnet(kHash));
-  ASSERT_TRUE(*rig.drive(rig.client.pollUntilLink(all, false, 2)));
-  EXPECT_EQ(rig.rd.torrents.at(all).selection, "all");
-  EXPECT_EQ(rig.rd.torrents.at(all).links.size(), 3u);
 }
 
 TEST(RDClient, AWorkingTorrentGivesUpAtTheDeadlineWithNothing) {
@@ -263,18 +224,16 @@ TEST(RDClient, AFailedSelectionDoesNotStopThePolling) {
   EXPECT_TRUE(link->has_value());
 }
 
-TEST(RDClient, BadTorrentStatusesAreRefusals) {
-  for (const std::string status : {"magnet_error", "error", "virus", "dead"}) {
-    Rig rig;
-    rig.rd.releases[kHash] = {"Bad", {}, FakeRealDebrid::failingStages(status, 2)};
-    auto id = *rig.drive(rig.client.addMagnet(kHash));
-    auto r = rig.drive(rig.client.pollUntilLink(id, true, 45));
-    ASSERT_FALSE(r) << status;
-    EXPECT_EQ(r.error(), RDError::refused(status));
-    EXPECT_EQ(message(r.error()), "RealDebrid refused this release (" + status + ")");
-    EXPECT_TRUE(r.error().isRefusal());
-    EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 3);
-  }
+TEST(RDClient, ABadTorrentStatusIsARefusal) {
+  Rig rig;
+  rig.rd.releases[kHash] = {"Bad", {}, FakeRealDebrid::failingStages("magnet_error", 2)};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  auto r = rig.drive(rig.client.pollUntilLink(id, true, 45));
+  ASSERT_FALSE(r);
+  EXPECT_EQ(r.error(), RDError::refused("magnet_error"));
+  EXPECT_EQ(message(r.error()), "RealDebrid refused this release (magnet_error)");
+  EXPECT_TRUE(r.error().isRefusal());
+  EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 3);
 }
 
 TEST(RDClient, StatusesMapToHttpErrorsAndOnlyClientErrorsAreRefusals) {
@@ -286,19 +245,13 @@ TEST(RDClient, StatusesMapToHttpErrorsAndOnlyClientErrorsAreRefusals) {
   EXPECT_EQ(message(denied.error()), "RealDebrid returned HTTP 401");
   EXPECT_FALSE(denied.error().isRefusal());
 
-  // Missing Bearer header altogether: the service says 401 too.
-  auto bare = test::runTask(rig.http.get(rig.rd.url("/rest/1.0/user"), 5));
-  EXPECT_EQ(bare.status, 401);
-
-  const std::map<int, bool> refusal = {{400, true},  {401, false}, {403, false}, {404, true},  {409, true},
-                                       {429, false}, {451, true},  {500, false}, {502, false}, {503, false}};
+  const std::map<int, bool> refusal = {{400, true}, {403, false}, {429, false}, {451, true}, {503, false}};
   for (const auto& [status, isRefusal] : refusal) {
     rig.rd.clearFaults();
     rig.rd.fail("torrents/info/", status);
     auto r = rig.drive(rig.client.torrentInfo("T1"));
     ASSERT_FALSE(r) << status;
     EXPECT_EQ(r.error(), RDError::http(status));
-    EXPECT_EQ(message(r.error()), "RealDebrid returned HTTP " + std::to_string(status));
     EXPECT_EQ(r.error().isRefusal(), isRefusal) << status;
   }
 
@@ -308,12 +261,6 @@ TEST(RDClient, StatusesMapToHttpErrorsAndOnlyClientErrorsAreRefusals) {
   ASSERT_FALSE(gone);
   EXPECT_EQ(gone.error(), RDError::http(404));
   EXPECT_TRUE(gone.error().isRefusal());
-  // A busy service ends the poll with 429, which is not a verdict.
-  rig.rd.fail("torrents/info/", 429);
-  auto busy = rig.drive(rig.client.pollUntilLink("TR-unknown", true, 45));
-  ASSERT_FALSE(busy);
-  EXPECT_EQ(busy.error(), RDError::http(429));
-  EXPECT_FALSE(busy.error().isRefusal());
   EXPECT_FALSE(RDError().isRefusal()) << "transport failures say nothing about the release";
   EXPECT_FALSE((RDError{RDError::Kind::undecodable}).isRefusal());
 }
@@ -324,20 +271,12 @@ TEST(RDClient, RepliesThatAreNotTheirRecordEndInAnErrorNotACrash) {
   const std::vector<QByteArray> broken = {
       "",
       "not json",
-      "<html>ok</html>",
       "[]",
-      "{}",
       "null",
-      "42",
       R"({"status":5})",
-      R"({"status":null})",
-      R"({"status":"downloaded","links":"https://x"})",
       R"({"status":"downloaded","links":[1,2]})",
-      R"({"status":"waiting_files_selection","files":{"id":1}})",
       R"({"status":"waiting_files_selection","files":[{"id":"1","bytes":2}]})",
       R"({"status":"waiting_files_selection","files":[{"id":1,"bytes":2.5}]})",
-      R"({"status":"waiting_files_selection","files":[{"id":1}]})",
-      R"({"status":"waiting_files_selection","files":[7]})",
       R"({"id":7,"download":["x"],"filesize":"big","type":false,"premium":"lots","expiration":1})"};
   const auto undecodable = RDError{RDError::Kind::undecodable};
   for (const auto& body : broken) {
@@ -374,10 +313,7 @@ TEST(RDClient, ASilentServerEndsAtTheTimeLimit) {
   Rig rig;
   rig.rd.hang("torrents/");
   std::optional<Result<TorrentInfo, RDError>> info;
-  auto job = Job::start([&](CancelToken t) -> QCoro::Task<> {
-    auto value = co_await rig.client.torrentInfo("T1", t);
-    info.emplace(std::move(value));
-  });
+  auto job = startInto(info, [&](CancelToken t) { return rig.client.torrentInfo("T1", t); });
   ASSERT_TRUE(test::spinUntil([&] { return rig.rd.requests().size() == 1; }));
   rig.clock.manual.advance(14.9);
   test::settle(20);
@@ -390,10 +326,7 @@ TEST(RDClient, ASilentServerEndsAtTheTimeLimit) {
 
   // Form calls have 20 seconds.
   std::optional<Result<std::string, RDError>> added;
-  auto post = Job::start([&](CancelToken t) -> QCoro::Task<> {
-    auto value = co_await rig.client.addMagnet(kHash, t);
-    added.emplace(std::move(value));
-  });
+  auto post = startInto(added, [&](CancelToken t) { return rig.client.addMagnet(kHash, t); });
   ASSERT_TRUE(test::spinUntil([&] { return rig.rd.requests().size() == 2; }));
   rig.clock.manual.advance(19.9);
   test::settle(20);
@@ -403,14 +336,11 @@ TEST(RDClient, ASilentServerEndsAtTheTimeLimit) {
   EXPECT_EQ(added->error().kind, RDError::Kind::transport);
 }
 
-TEST(RDClient, CancellingClosesTheRequestOnTheWire) {
+TEST(RDClient, CancellingClosesTheRequestOrEndsThePauseWithoutAnotherRequest) {
   Rig rig;
   rig.rd.hang("torrents/info/");
   std::optional<Result<std::optional<std::string>, RDError>> r;
-  auto job = Job::start([&](CancelToken t) -> QCoro::Task<> {
-    auto value = co_await rig.client.pollUntilLink("T1", true, 45, t);
-    r.emplace(std::move(value));
-  });
+  auto job = startInto(r, [&](CancelToken t) { return rig.client.pollUntilLink("T1", true, 45, t); });
   ASSERT_TRUE(test::spinUntil([&] { return rig.rd.requests().size() == 1; }));
   job.cancel();
   ASSERT_TRUE(test::spinUntil([&] { return r.has_value(); }));
@@ -418,20 +348,15 @@ TEST(RDClient, CancellingClosesTheRequestOnTheWire) {
   EXPECT_EQ(r->error().kind, RDError::Kind::cancelled);
   EXPECT_FALSE(r->error().isRefusal());
   EXPECT_TRUE(test::spinUntil([&] { return rig.rd.abandonedRequests() == 1; })) << "the server saw the close";
-}
 
-TEST(RDClient, CancellingDuringAPauseEndsTheFlowWithoutAnotherRequest) {
-  Rig rig;
+  rig.rd.clearFaults();
   rig.rd.releases[kHash] = {"Slow", {{1, "/f.mkv", 900'000'000}}, {{"queued", 0}}};
   auto id = *rig.drive(rig.client.addMagnet(kHash));
-  std::optional<Result<std::optional<std::string>, RDError>> r;
-  auto job = Job::start([&](CancelToken t) -> QCoro::Task<> {
-    auto value = co_await rig.client.pollUntilLink(id, true, 45, t);
-    r.emplace(std::move(value));
-  });
+  r.reset();
+  auto paused = startInto(r, [&](CancelToken t) { return rig.client.pollUntilLink(id, true, 45, t); });
   ASSERT_TRUE(test::spinUntil([&] { return rig.clock.sleeping().has_value(); }));
   const auto before = rig.rd.requests().size();
-  job.cancel();
+  paused.cancel();
   ASSERT_TRUE(test::spinUntil([&] { return r.has_value(); }));
   ASSERT_FALSE(*r);
   EXPECT_EQ(r->error().kind, RDError::Kind::cancelled);
@@ -444,7 +369,7 @@ TEST(RDClient, TheKeyNeverAppearsInAnErrorTextOrOnTheUrl) {
   rig.rd.releases[kHash] = {"Bad", {}, FakeRealDebrid::failingStages("virus")};
   auto id = *rig.drive(rig.client.addMagnet(kHash));
   errors.push_back(rig.drive(rig.client.pollUntilLink(id, true, 45)).error());
-  for (int status : {401, 429, 500}) {
+  for (int status : {401, 500}) {
     rig.rd.fail("", status);
     errors.push_back(rig.drive(rig.client.user()).error());
   }
@@ -470,11 +395,8 @@ TEST(RDClient, TheKeyNeverAppearsInAnErrorTextOrOnTheUrl) {
 
 TEST(RDClient, TheRestBaseComesFromTheEndpointTable) {
   EXPECT_EQ(RDClient::defaultBase().toString().toStdString(), endpoints().realDebridApi + "/rest/1.0/");
-  ManualClock clock;
-  HttpClient http(clock, HttpClient::Session::ephemeral);
-  FakeRealDebrid rd;
-  QUrl noSlash = rd.restBase();
+  Rig rig;
+  QUrl noSlash = rig.rd.restBase();
   noSlash.setPath("/rest/1.0");
-  RDClient client(http, rd.key, noSlash);
-  EXPECT_EQ(client.base(), rd.restBase());
+  EXPECT_EQ(RDClient(rig.http, rig.rd.key, noSlash).base(), rig.rd.restBase());
 }

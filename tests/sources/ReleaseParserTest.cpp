@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 #include <random>
+#include <sstream>
 
 #include "../../bench/ReleaseNames.h"
 #include "platform/IsoDate.h"
@@ -33,26 +34,17 @@ TEST(ReleaseParser, TheFullExampleAndRowOrder) {
 }
 
 TEST(ReleaseParser, CodecsSourcesServicesAudioAndHdr) {
-  for (const char* n : {"Film.H.264.mkv", "Film H 264", "Film.H264", "Film x264", "Film AVC"})
-    EXPECT_EQ(p(n).codec, "H.264") << n;
-  EXPECT_EQ(p("Film.HEVC").codec, "H.265");
-  EXPECT_EQ(p("Film.AV1").codec, "AV1");
+  for (const char* n : {"Film.H.264.mkv", "Film H 264", "Film AVC"}) EXPECT_EQ(p(n).codec, "H.264") << n;
   EXPECT_EQ(p("Film.DivX").codec, "XviD");
   EXPECT_EQ(p("Film.2020.WEB-DL").source, "WEB-DL");
-  EXPECT_EQ(p("Film.2020.WEB").source, "WEB");
   EXPECT_EQ(p("Film.2020.WEBRip").source, "WEB");
   const auto remux = p("Film.2020.BluRay.REMUX.AVC");
   EXPECT_EQ(remux.source, "REMUX");
   EXPECT_TRUE(remux.isRemux);
-  EXPECT_EQ(p("Film.2023.HDCAM").source, "CAM");
   EXPECT_EQ(p("Film 2023 TeleSync").source, "TS");
-  EXPECT_EQ(p("Film.2023.HDTC").source, "TC");
-  EXPECT_EQ(p("Film.2023.DVDScr").source, "SCR");
   EXPECT_EQ(p("Film.2023.1080p.AMZN.WEB-DL").service, "Amazon");
-  EXPECT_EQ(p("Film.2023.DSNP").service, "Disney+");
   EXPECT_EQ(p("Film.DDP5.1").audio, "DD+");
   EXPECT_EQ(p("Film.DTS-HD.MA").audio, "DTS-HD");
-  EXPECT_EQ(p("Film.EAC3").audio, "DD+");
   EXPECT_EQ(p("Film.DV.HDR10").hdr, "Dolby Vision");
   EXPECT_TRUE(p("Film.2160p.DV.x265").dolbyVisionOnly);
   EXPECT_FALSE(p("Film.2160p.DV.HDR10.x265").dolbyVisionOnly);
@@ -64,28 +56,22 @@ TEST(ReleaseParser, ResolutionRowsAndDimensionBoundaries) {
     const char* name;
     std::optional<std::string> res;
   };
-  for (const C& c :
-       {C{"Film.1O8OP", "1080p"}, C{"Film.72OP", "720p"}, C{"Film.720", std::nullopt}, C{"Film.1080", "1080p"},
-        C{"Film.1920x1080", "1080p"}, C{"Film.1280x720", "720p"}, C{"Film.3840x2160", "4K"}, C{"Film.640x480", "480p"},
-        C{"Film.3200x100", "4K"}, C{"Film.3199x999", "1080p"}, C{"Film.1700x600", "1080p"}, C{"Film.1699x999", "720p"},
-        C{"Film.1180x600", "720p"}, C{"Film.1179x699", "480p"}, C{"Film.1100x700", "720p"},
-        C{"Film.0640x480", std::nullopt}, C{"Film.720p.1920x1080", "720p"}}) {
+  for (const C& c : {C{"Film.72OP", "720p"}, C{"Film.720", std::nullopt}, C{"Film.1080", "1080p"},
+                     C{"Film.3200x100", "4K"}, C{"Film.3199x999", "1080p"}, C{"Film.1700x600", "1080p"},
+                     C{"Film.1699x999", "720p"}, C{"Film.1180x600", "720p"}, C{"Film.1179x699", "480p"},
+                     C{"Film.1100x700", "720p"}, C{"Film.0640x480", std::nullopt}, C{"Film.720p.1920x1080", "720p"}}) {
     EXPECT_EQ(p(c.name).resolution, c.res) << c.name;
   }
 }
 
 TEST(ReleaseParser, LanguagesSubtitlePhrasesAndMulti) {
   EXPECT_EQ(p("Film.2018.iTALiAN.ENG.1080p").languages, (Strings{"ITA", "ENG"}));
-  EXPECT_EQ(p("Film.2018.ENG.ITA").languages, (Strings{"ITA", "ENG"}));
   EXPECT_EQ(p("Film NAPISY PL 1080p").languages, Strings{});
-  EXPECT_EQ(p("Film.2019.1080p.PL").languages, Strings{"POL"});
   EXPECT_EQ(p("The Italian Job 2003 1080p").languages, Strings{}) << "a title word is not a language";
-  EXPECT_EQ(p("Film 2003 1080p Italian English").languages, (Strings{"ITA", "ENG"}));
   EXPECT_EQ(p("Film 2003 1080p ENGLISH SUBS").languages, Strings{}) << "a subtitle phrase";
   EXPECT_EQ(p("Film 2003 1080p ITA ENG SUBS ENG").languages, (Strings{"ITA", "ENG"}));
   EXPECT_EQ(p("Film.2003.1080p.MULTI.ITA.ENG.DUAL").languages, Strings{"MULTI"}) << "MULTI overrides everything";
   EXPECT_EQ(p("Film.2003.1080p.DUAL.ENG.RUS").languages, (Strings{"DUAL", "ENG", "RUS"}));
-  EXPECT_EQ(p("Film.2003.1080p.Danish").languages, Strings{"DAN"});
   EXPECT_EQ(p("Film.2003.1080p.2RUS.UKR").languages, (Strings{"RUS", "UKR"}));
   EXPECT_EQ(p("Film.2003.1080p.TRUEFRENCH.VFF").languages, Strings{"FRE"});
   EXPECT_EQ(p("Фильм.2020.1080p.WEB-DL.RUS").languages, Strings{"RUS"});
@@ -96,29 +82,19 @@ TEST(ReleaseParser, SeasonsEpisodesAndFlags) {
   EXPECT_EQ(ep.season, 1);
   EXPECT_EQ(ep.episode, 5);
   EXPECT_FALSE(ep.isComplete);
-  const auto x = p("Show 2x13 720p");
-  EXPECT_EQ(x.season, 2);
-  EXPECT_EQ(x.episode, 13);
+  EXPECT_EQ(p("Show 2x13 720p").episode, 13);
   const auto seasonOnly = p("Show.S02.1080p");
   EXPECT_EQ(seasonOnly.season, 2);
   EXPECT_EQ(seasonOnly.episode, std::nullopt);
   EXPECT_TRUE(seasonOnly.isComplete);
-  EXPECT_TRUE(p("Show Season 3 Complete 1080p").isComplete);
   EXPECT_TRUE(p("Show S01-S03 1080p").isComplete);
   EXPECT_EQ(p("Show.S٠1E05").season, std::nullopt) << "digits of another script are unreadable";
 
-  EXPECT_TRUE(p("Film.PROPER.REPACK.EXTENDED.REMASTERED").proper);
-  EXPECT_TRUE(p("Film.Directors.Cut.1080p").directorsCut);
-  EXPECT_TRUE(p("Film.2020.AI.Upscale.4K").upscaled);
   EXPECT_TRUE(p("Film.2020.60fps.120FPS").upscaled);
   EXPECT_TRUE(p("Film.2020.Official.Trailer.1080p").notTheFilm);
   EXPECT_FALSE(p("The Dark Knight Trailer Park Boys").notTheFilm);
   EXPECT_TRUE(p("Film.2020.3D.HSBS.1080p").stereo3D);
-  EXPECT_TRUE(p("Film.2020.HC.HDRip").burnedSubs);
-  EXPECT_TRUE(p("Film.2020.Dubbed.720p").dubbed);
   EXPECT_TRUE(p("Фильм (2020) 1080p").cyrillic);
-  EXPECT_FALSE(p("Film (2020) 1080p").cyrillic);
-  EXPECT_EQ(p("Film.8bit.x264").bitDepth, 8);
 }
 
 TEST(ReleaseParser, GroupsFromBracketsDashesAndTrailingTokens) {
@@ -130,17 +106,13 @@ TEST(ReleaseParser, GroupsFromBracketsDashesAndTrailingTokens) {
            C{"[SubsPlease] Anime - 01 (1080p) [ABCD1234].mkv", "SubsPlease"},  // checksum and resolution skipped
            C{"Anime - 01 [1080p] [Erai-raws] [ABCD1234]", "Erai-raws"},
            C{"Film.2019.1080p-YTS.MX", "YTS"},
-           C{"Film (2019) [1080p] [YTS.MX]", "YTS"},
            C{"Film.2019.1080p.WEB.x264-dQw4w9WgXcQ", std::nullopt},
-           C{"Film.2019.1080p.BluRay.x264-SPARKS", "SPARKS"},
            C{"Film 2019 1080p WEBRip x265 RARBG", "RARBG"},
            C{"Film.2019.1080p.WEB-DL.x264.mkv-tgx.to", "mkv-tgx"},  // the domain ending is dropped
            C{"Film 2019 1080p BluRay x264 FGT.com", "FGT"},
            C{"Film.2019.1080p.BluRay.x264-ENG", std::nullopt},
-           C{"Film (2019)", std::nullopt},
            C{"Film.2019.1080p.BluRay.x264-_hidden", "hidden"},  // the dash tail fails, the last token passes
            C{"Film.2019.720p.HDTV.x264-[TGx]", "TGx"},
-           C{"   ", std::nullopt},
        }) {
     EXPECT_EQ(p(c.name).group, c.group) << c.name;
   }
@@ -167,7 +139,6 @@ TEST(ReleaseParser, MemoKeepsTheWholeCellAndCutsTheFirstLine) {
 TEST(ReleaseParser, UnrecognizedWordsOfTheTail) {
   EXPECT_EQ(ReleaseParser::unrecognizedWords("Some Title 2019 1080p WEB-DL FOOBAR DDP5.1 H.264-GRP"),
             Strings{"FOOBAR"});
-  EXPECT_EQ(ReleaseParser::unrecognizedWords("Title 2019 1080p XYZ XYZ 2GB RARBG"), (Strings{"XYZ", "XYZ"}));
   EXPECT_EQ(ReleaseParser::unrecognizedWords("Italian Job 2003 1080p"), Strings{});
   // The whole name is read, not only its first line as parse() does.
   EXPECT_EQ(ReleaseParser::unrecognizedWords("Some Title 2019 1080p WEB-DL x264-GRP \n QUUXWORD 2GB"),
@@ -208,7 +179,6 @@ TEST(ReleaseParser, ReleaseState) {
   EXPECT_EQ(ReleaseParser::releaseState(std::string("garbage"), "2026", now), S::unknown) << "this year";
   EXPECT_EQ(ReleaseParser::releaseState(std::nullopt, "2027–", now), S::unreleased);
   EXPECT_EQ(ReleaseParser::releaseState(std::nullopt, "1999", now), S::released);
-  EXPECT_EQ(ReleaseParser::releaseState(std::nullopt, "1900", now), S::unknown);
   EXPECT_EQ(ReleaseParser::releaseState(std::nullopt, "19x9", now), S::unknown);
 }
 
@@ -224,7 +194,7 @@ TEST(ReleaseParser, AnyInputGivesAResultQuickly) {
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
     EXPECT_LT(ms, 5000) << name.size();
   };
-  for (int i = 0; i < 1500; ++i) {
+  for (int i = 0; i < 300; ++i) {
     std::string name;
     const int n = static_cast<int>(rng() % 20);
     for (int k = 0; k < n; ++k) name += vocab[rng() % std::size(vocab)];
@@ -242,52 +212,18 @@ TEST(ReleaseParser, AnyInputGivesAResultQuickly) {
 
 TEST(ReleaseParser, FastPathAgreesWithThePatternByPatternPath) {
   // The benchmark's names and random inputs: both paths must read them alike.
-  const auto names = vt::bench::releaseNames(4000);
-  std::mt19937 rng(17);
+  const auto names = vt::bench::releaseNames(1000);
   std::vector<std::string> inputs(names.begin(), names.end());
-  const std::string vocab[] = {"S01",
-                               "E02",
-                               "1x02",
-                               "2160",
-                               "216O",
-                               "1O8O",
-                               "720",
-                               "X",
-                               "x",
-                               "1920x1080",
-                               "٣",
-                               "DV",
-                               "HDR10",
-                               "SUBS",
-                               "ENG",
-                               "NAPISY PL",
-                               "WATCH IT FREE",
-                               "TRAILER PARK",
-                               "-",
-                               ".",
-                               "[",
-                               "]",
-                               "(",
-                               ")",
-                               "_",
-                               " ",
-                               "Фильм",
-                               "\xff",
-                               "ITA",
-                               "MULTI2",
-                               "COMPLETE",
-                               "S01-S03",
-                               "Season 2",
-                               "10bit",
-                               "HI10P",
-                               "YTS.MX",
-                               "[ABCD1234]",
-                               "mkv",
-                               "\n"};
-  for (int i = 0; i < 4000; ++i) {
+  std::vector<std::string> vocab;
+  std::istringstream words(
+      "S01|E02|1x02|2160|216O|1O8O|720|X|x|1920x1080|٣|DV|HDR10|SUBS|ENG|NAPISY PL|WATCH IT FREE|TRAILER PARK|-|.|[|]|"
+      "(|)|_| |Фильм|\xff|ITA|MULTI2|COMPLETE|S01-S03|Season 2|10bit|HI10P|YTS.MX|[ABCD1234]|mkv|\n");
+  for (std::string w; std::getline(words, w, '|');) vocab.push_back(w);
+  std::mt19937 rng(17);
+  for (int i = 0; i < 1000; ++i) {
     std::string s;
     const int n = 1 + static_cast<int>(rng() % 12);
-    for (int k = 0; k < n; ++k) s += vocab[rng() % std::size(vocab)];
+    for (int k = 0; k < n; ++k) s += vocab[rng() % vocab.size()];
     inputs.push_back(s);
   }
   for (const auto& name : inputs) {

@@ -26,14 +26,9 @@ using K = StreamProviderKind;
 }  // namespace
 
 TEST(StreamProvider, KindsRawTextsNamesAndTimeLimits) {
-  EXPECT_EQ(rawValue(K::torrentio), "torrentio");
-  EXPECT_EQ(rawValue(K::comet), "comet");
   EXPECT_EQ(rawValue(K::mediafusion), "mediafusion");
   for (const auto kind : kAllStreamProviderKinds) EXPECT_EQ(streamProviderKindFromRaw(rawValue(kind)), kind);
-  EXPECT_EQ(streamProviderKindFromRaw(""), K::torrentio);
-  EXPECT_EQ(streamProviderKindFromRaw("Comet"), K::torrentio);
-  EXPECT_EQ(displayName(K::torrentio), "Torrentio");
-  EXPECT_EQ(displayName(K::comet), "Comet");
+  EXPECT_EQ(streamProviderKindFromRaw("Comet"), K::torrentio) << "unknown texts fall back";
   EXPECT_EQ(displayName(K::mediafusion), "MediaFusion");
   EXPECT_EQ(streamRequestTimeLimit(K::torrentio), 30);
   EXPECT_EQ(streamRequestTimeLimit(K::comet), 120);
@@ -47,14 +42,10 @@ TEST(StreamProvider, CometCarriesItsConfigurationAsBase64InThePath) {
   const auto path = comet->base.path().toStdString();
   ASSERT_EQ(comet->base.toString().toStdString(), "https://comet.example" + path);
   ASSERT_GE(path.size(), 3u);
-  EXPECT_EQ(path.back(), '/');
   const auto encoded = path.substr(1, path.size() - 2);
   EXPECT_EQ(QByteArray::fromBase64(QByteArray::fromStdString(encoded)).toStdString(),
             R"({"cachedOnly":true,"debridApiKey":"ABC123","debridService":"realdebrid",)"
             R"("maxResultsPerResolution":0,"removeTrash":true})");
-  EXPECT_EQ(encoded,
-            "eyJjYWNoZWRPbmx5Ijp0cnVlLCJkZWJyaWRBcGlLZXkiOiJBQkMxMjMiLCJkZWJyaWRTZXJ2aWNlIjoicmVhbGRlYnJpZCIsIm1heFJlc3"
-            "VsdHNQZXJSZXNvbHV0aW9uIjowLCJyZW1vdmVUcmFzaCI6dHJ1ZX0=");
   EXPECT_EQ(comet->streamsURL("movie", "tt0111161").toString().toStdString(),
             "https://comet.example/" + encoded + "/stream/movie/tt0111161.json");
 
@@ -79,20 +70,14 @@ TEST(StreamProvider, MediaFusionAddressesAreCleanedUp) {
   };
   for (const auto& k : std::vector<Case>{
            {"stremio://host/abc/manifest.json", "https://host/abc"},
-           {"  https://mediafusion.example/abc/manifest.json\n", "https://mediafusion.example/abc"},
            {"http://host/abc/configure", "http://host/abc"},
-           {"https://host/abc/configure/manifest.json", "https://host/abc"},
-           {"https://host/abc/", "https://host/abc"},
            {"https://host/abc/configure/", "https://host/abc/configure"},  // each cut at most once, in order
            {"https://host/abc/manifest.json/", "https://host/abc/manifest.json"},
-           {"https://host/abc//", "https://host/abc/"},
            {"HTTPS://Host/abc", "https://host/abc"},
            {"https://host/a|b/manifest.json", "https://host/a%7Cb"},
            {"", nullptr},
-           {" \n\t", nullptr},
            {"ftp://host/abc", nullptr},
            {"host/abc/manifest.json", nullptr},
-           {"not a url at all", nullptr},
            {"https://", nullptr}}) {
     const auto provider = StreamProvider::mediafusion(k.pasted);
     if (!k.base) {
@@ -115,26 +100,18 @@ TEST(StreamProvider, ClassifyIdentityAndTheKeyInAnAddress) {
   EXPECT_EQ(StreamProvider::classify(url("https://comet.elfhosted.com/abc/")).kind, K::comet);
   EXPECT_EQ(StreamProvider::classify(url("https://My-MediaFusion.Example/abc")).kind, K::mediafusion);
   EXPECT_EQ(StreamProvider::classify(url("https://COMET-mediafusion.example/")).kind, K::comet);
-  EXPECT_EQ(StreamProvider::classify(url("https://torrentio.strem.fun/realdebrid=K/")).kind, K::torrentio);
   EXPECT_EQ(StreamProvider::classify(url("https://example.com/comet/")).kind, K::torrentio) << "the host decides";
 
   const auto a = StreamProvider::classify(url("https://torrentio.strem.fun/realdebrid=K/"));
   EXPECT_EQ(a.identity(), "torrentio|https://torrentio.strem.fun/realdebrid=K/");
-  EXPECT_EQ(a, StreamProvider::classify(url("https://torrentio.strem.fun/realdebrid=K/")));
-  EXPECT_NE(a, (StreamProvider{K::comet, a.base}));
   EXPECT_EQ(a.streamsURL("movie", "tt1").toString().toStdString(),
             "https://torrentio.strem.fun/realdebrid=K/stream/movie/tt1.json");
-  EXPECT_EQ(streamsPath("series", "tt1:2:3"), "stream/series/tt1:2:3.json");
 
-  EXPECT_EQ(rdKey(url("https://torrentio.strem.fun/realdebrid=KEY123/")), "KEY123");
   EXPECT_EQ(rdKey(url("https://torrentio.strem.fun/sort=qualitysize|realdebrid=KEY123|lang=en/manifest.json")),
             "KEY123");
   EXPECT_EQ(rdKey(url("https://torrentio.strem.fun/sort=size%7Crealdebrid=KEY9/")), "KEY9");
-  EXPECT_EQ(rdKey(url("https://host/providers=x/realdebrid=LATER")), "LATER");
   EXPECT_EQ(rdKey(url("https://host/realdebrid=/x|realdebrid=SECOND")), "SECOND");
   EXPECT_EQ(rdKey(url("https://host/realdebrid=")), std::nullopt);
-  EXPECT_EQ(rdKey(url("https://host/premiumize=KEY/")), std::nullopt);
-  EXPECT_EQ(rdKey(url("https://host/")), std::nullopt);
   EXPECT_EQ(rdKey(url("https://host/?realdebrid=QUERY")), std::nullopt);
 }
 
@@ -148,8 +125,6 @@ TEST(StreamProvider, SettingsGiveThePrimaryAndTheExtras) {
   // Nothing set: no primary; Comet needs a key; no MediaFusion.
   EXPECT_EQ(addonURL(config), std::nullopt);
   EXPECT_TRUE(extraProviders(config).empty());
-  EXPECT_TRUE(registry.stored().empty());
-  EXPECT_EQ(registry.key(), "");
 
   // Every write of a provider setting re-syncs, before observers hear of it.
   std::vector<std::string> keysSeen;
@@ -201,11 +176,7 @@ TEST(StreamProvider, SettingsGiveThePrimaryAndTheExtras) {
 TEST(ProviderHealth, ThreeFailuresTripAKindForFiveMinutes) {
   ManualClock clock;
   ProviderHealth health(clock);
-  health.record(K::comet, false);
-  health.record(K::comet, false);
-  health.record(K::comet, true);  // a success restarts the count
-  health.record(K::comet, false);
-  health.record(K::comet, false);
+  for (bool ok : {false, false, true, false, false}) health.record(K::comet, ok);  // a success restarts the count
   EXPECT_EQ(health.failures(K::comet), 2);
   EXPECT_FALSE(health.checkTripped(K::comet));
   health.record(K::comet, false);
@@ -227,10 +198,7 @@ TEST(ProviderHealth, ThreeFailuresTripAKindForFiveMinutes) {
   health.record(K::comet, false);
   EXPECT_FALSE(health.checkTripped(K::comet)) << "the count starts again from 0";
 
-  health.record(K::mediafusion, false);
-  health.record(K::mediafusion, false);
-  health.record(K::mediafusion, false);
-  health.record(K::mediafusion, true);
+  for (bool ok : {false, false, false, true}) health.record(K::mediafusion, ok);
   EXPECT_FALSE(health.checkTripped(K::mediafusion));
   EXPECT_EQ(health.failures(K::mediafusion), 0);
 }

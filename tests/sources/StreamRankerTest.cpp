@@ -40,44 +40,31 @@ std::vector<std::string> filenames(const std::vector<StreamCandidate>& rows) {
 
 }  // namespace
 
-TEST(StreamRanker, SizeTextReadsDigitsAndDotsWithDecimalUnits) {
+TEST(StreamRanker, SizeTextAndDuration) {
   struct Case {
     std::optional<std::string> text;
     double bytes;
   };
   const std::string huge(400, '9');
   for (const auto& k : std::vector<Case>{{"1.4 GB", 1.4e9},
-                                         {"850 MB", 850e6},
-                                         {"1234", 1234},
                                          {"💾 2.5 GB", 2.5e9},
                                          {".5 GB", 0.5e9},
-                                         {"5. GB", 5e9},
                                          {"-3 MB", 3e6},
                                          {"2 gb", 2},       // the units are matched as written
                                          {"1,4 GB", 14e9},  // a decimal comma is lost
                                          {"1.2.3 GB", 0},
-                                         {"unknown", 0},
-                                         {"", 0},
-                                         {"GB", 0},
                                          {".", 0},
                                          {huge + " GB", 0},
-                                         {std::string("0.") + huge, 1.0},
-                                         {"\xff\xfe"
-                                          "2 GB",
-                                          2e9},
-                                         {"\xd9\xa2 GB", 0},       // an Arabic-Indic digit
-                                         {"2\xe2\x85\xa0 GB", 0},  // a Roman numeral
+                                         {"\xd9\xa2 GB", 0},  // an Arabic-Indic digit
                                          {std::nullopt, 0}}) {
     EXPECT_DOUBLE_EQ(sizeBytes(row("x", k.text)), k.bytes) << k.text.value_or("(absent)");
   }
   const std::string tooLong = std::string("1") + std::string(400, '0');
   EXPECT_EQ(sizeBytes(tooLong), 0) << "a number beyond any double is unreadable";
-}
 
-TEST(StreamRanker, DurationIsTheRuntimeOrSixThousandSixHundredSeconds) {
+  // The duration is the runtime in minutes, or 6600 seconds.
   EXPECT_EQ(durationSeconds(std::nullopt), 6600);
   EXPECT_EQ(durationSeconds(120), 7200);
-  EXPECT_EQ(durationSeconds(0), 60);
   EXPECT_EQ(durationSeconds(-40), 60);
   EXPECT_EQ(durationSeconds(std::numeric_limits<int>::max()), 60.0 * std::numeric_limits<int>::max());
 }
@@ -86,13 +73,11 @@ TEST(StreamRanker, ResolutionTierFollowsTheLevelsOrder) {
   const std::map<std::string, std::string> names = {{"4K", "Film.2020.2160p.BluRay.x265-FGT.mkv"},
                                                     {"1080p", kPlain},
                                                     {"720p", "Film.2020.720p.BluRay.x265-FGT.mkv"},
-                                                    {"480p", "Film.2020.480p.BluRay.x265-FGT.mkv"},
                                                     {"none", "Film.2020.BluRay.x265-FGT.mkv"}};
   const std::map<QualityLevel, std::map<std::string, int>> tiers = {
-      {QualityLevel::fast, {{"4K", 0}, {"1080p", 2000}, {"720p", 1000}, {"480p", 0}, {"none", 0}}},
-      {QualityLevel::balanced, {{"4K", 2000}, {"1080p", 3000}, {"720p", 1000}, {"480p", 0}, {"none", 0}}},
-      {QualityLevel::high, {{"4K", 3000}, {"1080p", 2000}, {"720p", 1000}, {"480p", 0}, {"none", 0}}},
-      {QualityLevel::best, {{"4K", 3000}, {"1080p", 2000}, {"720p", 1000}, {"480p", 0}, {"none", 0}}}};
+      {QualityLevel::fast, {{"4K", 0}, {"1080p", 2000}, {"720p", 1000}, {"none", 0}}},
+      {QualityLevel::balanced, {{"4K", 2000}, {"1080p", 3000}, {"720p", 1000}, {"none", 0}}},
+      {QualityLevel::high, {{"4K", 3000}, {"1080p", 2000}, {"720p", 1000}, {"none", 0}}}};
   for (const auto& [level, expected] : tiers) {
     const auto ranker = rankerFor(level);
     for (const auto& [resolution, tier] : expected)
@@ -113,8 +98,6 @@ TEST(StreamRanker, EachTermAddsItsAmountAtEveryLevel) {
       {"Film.2020.1080p.DV.BluRay.x265-FGT.mkv", {}, -50},        // Dolby Vision only: no HDR bonus
       {"Film.2020.1080p.BluRay.x264-FGT.mkv", {}, 50},
       {"Film.2020.1080p.BluRay.AV1-FGT.mkv", {}, -300},
-      {"Film.2020.1080p.BluRay.VP9-FGT.mkv", {}, -300},
-      {"Film.2020.1080p.BluRay.XviD-FGT.mkv", {}, 0},
       {"Film.2020.1080p.REPACK.BluRay.x265-FGT.mkv", {}, 20},
       {"Film.2020.1080p.PROPER.BluRay.x265-FGT.mkv", {}, 15},
       {"Film.2020.1080p.Upscaled.BluRay.x265-FGT.mkv", {}, -1500},
@@ -123,10 +106,8 @@ TEST(StreamRanker, EachTermAddsItsAmountAtEveryLevel) {
       {"Film.2020.1080p.10bit.BluRay.x265-FGT.mkv", {}, 20},
       {"Film.2020.1080p.BluRay.x265-Tigole.mkv", {}, 100},
       {"Film.2020.1080p.BluRay.x265-rarbg.mkv", {}, 100},  // compared uppercased
-      {kPlain, 0, 0},
       {kPlain, -7, 0},
       {kPlain, 1, 10},
-      {kPlain, 3, 20},
       {kPlain, 100, 66},
       {kPlain, 1023, 80},  // log2(1024) x 10 is 100, capped
       {kPlain, std::numeric_limits<int64_t>::max(), 80},
@@ -138,9 +119,8 @@ TEST(StreamRanker, EachTermAddsItsAmountAtEveryLevel) {
       EXPECT_EQ(ranker.score(row(t.name, std::nullopt, true, t.seeders), std::nullopt) - base, t.delta)
           << t.name << " seeders " << t.seeders.value_or(-1) << " at level " << static_cast<int>(level);
   }
-}
 
-TEST(StreamRanker, PreferenceFlagsSwitchTheirTermsOff) {
+  // The preference flags switch their terms off.
   StreamRanker ranker{streamPreference(QualityLevel::best), {}};
   ranker.preference.allowHDR = false;
   ranker.preference.preferH264 = false;
@@ -151,8 +131,7 @@ TEST(StreamRanker, PreferenceFlagsSwitchTheirTermsOff) {
 }
 
 TEST(StreamRanker, ChosenGroupsAddThirtyAPickUpToFive) {
-  for (const auto& [count, bonus] :
-       std::vector<std::pair<int64_t, int>>{{1, 30}, {2, 60}, {5, 150}, {6, 150}, {1000, 150}, {0, 0}, {-3, 0}}) {
+  for (const auto& [count, bonus] : std::vector<std::pair<int64_t, int>>{{2, 60}, {5, 150}, {6, 150}, {-3, 0}}) {
     StreamRanker ranker{streamPreference(QualityLevel::balanced), {{"FGT", count}}};
     const int without = rankerFor(QualityLevel::balanced).score(row(kPlain), std::nullopt);
     EXPECT_EQ(ranker.score(row(kPlain), std::nullopt) - without, bonus) << count;
@@ -170,14 +149,7 @@ TEST(StreamRanker, EfficiencyMeasuresTheBitRateAgainstTheResolutionsTarget) {
     double target;
   };
   for (const auto& k : std::vector<Case>{{"Film.2020.2160p.BluRay.x265-FGT.mkv", 12.0},
-                                         {"Film.2020.2160p.BluRay.x264-FGT.mkv", 16.0},
-                                         {"Film.2020.1080p.BluRay.AV1-FGT.mkv", 4.0},
-                                         {"Film.2020.1080p.BluRay.x264-FGT.mkv", 7.0},
-                                         {"Film.2020.720p.BluRay.x265-FGT.mkv", 2.5},
                                          {"Film.2020.720p.BluRay.VP9-FGT.mkv", 4.0},
-                                         {"Film.2020.480p.BluRay.x265-FGT.mkv", 2.0},
-                                         {"Film.2020.480p.BluRay.XviD-FGT.mkv", 3.0},
-                                         {"Film.2020.BluRay.x265-FGT.mkv", 2.0},
                                          {"Film.2020.BluRay.x264-FGT.mkv", 3.0}}) {
     const auto info = ReleaseParser::parse(k.name);
     auto eff = [&](double mbps, std::optional<int> runtime = std::nullopt) {
@@ -185,9 +157,7 @@ TEST(StreamRanker, EfficiencyMeasuresTheBitRateAgainstTheResolutionsTarget) {
       return StreamRanker::efficiencyScore(row(k.name, sizeFor(mbps, seconds)), info, runtime);
     };
     EXPECT_EQ(eff(k.target), 150) << k.name;
-    EXPECT_EQ(eff(k.target, 95), 150) << k.name;
     EXPECT_EQ(eff(k.target * 2), 50) << k.name << ": bloat by two costs 100";
-    EXPECT_EQ(eff(k.target * 4), 0) << k.name;
     EXPECT_EQ(eff(k.target / 2), 0) << k.name << ": starving by two costs 200";
     EXPECT_EQ(eff(k.target * 0.75), 150 - 83) << k.name;
     EXPECT_EQ(eff(k.target * 1.5), 150 - 58) << k.name;
@@ -198,14 +168,8 @@ TEST(StreamRanker, EfficiencyMeasuresTheBitRateAgainstTheResolutionsTarget) {
   EXPECT_EQ(StreamRanker::efficiencyScore(row(kPlain, "3.3 GB"), info, std::nullopt), 150);
   EXPECT_EQ(StreamRanker::efficiencyScore(row(kPlain, "3.3 GB"), info, 90), 150 - 28);
   EXPECT_EQ(StreamRanker::efficiencyScore(row(kPlain, "3.3 GB"), info, 110), 150);
-  for (const auto* bad : {"unknown", "", "0", "0.0 GB", "GB"})
-    EXPECT_EQ(StreamRanker::efficiencyScore(row(kPlain, std::string(bad)), info, std::nullopt), 0) << bad;
+  EXPECT_EQ(StreamRanker::efficiencyScore(row(kPlain, "0.0 GB"), info, std::nullopt), 0);
   EXPECT_EQ(StreamRanker::efficiencyScore(row(kPlain), info, std::nullopt), 0);
-  // Sizes far off the scale on either side are simply inefficient.
-  EXPECT_EQ(
-      StreamRanker::efficiencyScore(row(kPlain, std::string("0.") + std::string(300, '0') + "1"), info, std::nullopt),
-      0);
-  EXPECT_EQ(StreamRanker::efficiencyScore(row(kPlain, std::string(300, '9') + " GB"), info, std::nullopt), 0);
 }
 
 TEST(StreamRanker, RankFiltersUncachedNotTheFilmAndThreeD) {
@@ -217,34 +181,23 @@ TEST(StreamRanker, RankFiltersUncachedNotTheFilmAndThreeD) {
             std::vector<std::string>{"Film.2020.720p.BluRay.x265-FGT.mkv"});
   EXPECT_EQ(filenames(ranker.rank(rows, std::nullopt, true)),
             (std::vector<std::string>{kPlain, "Film.2020.720p.BluRay.x265-FGT.mkv"}));
-  EXPECT_TRUE(ranker.rank({}, std::nullopt, false).empty());
-  EXPECT_TRUE(ranker.rank({row(kPlain, {}, false)}, std::nullopt, false).empty());
 }
 
 TEST(StreamRanker, BitRateCeilingDropsOnlyWhatIsAboveIt) {
   const auto fast = rankerFor(QualityLevel::fast);  // 8 Mbps
   // 6.6 GB over the assumed 6600 s is exactly 8 Mbps: it stays; a byte more goes.
-  for (const auto* size : {"6600000000", "6.6 GB", "6600 MB"})
-    EXPECT_EQ(fast.rank({row(kPlain, std::string(size))}, std::nullopt, false).size(), 1u) << size;
+  EXPECT_EQ(fast.rank({row(kPlain, "6.6 GB")}, std::nullopt, false).size(), 1u);
   EXPECT_TRUE(fast.rank({row(kPlain, "6600000001")}, std::nullopt, false).empty());
   EXPECT_EQ(fast.rank({row(kPlain, "6000000000")}, 100, false).size(), 1u);
   EXPECT_TRUE(fast.rank({row(kPlain, "6000000001")}, 100, false).empty());
-  // A 60 GB remux of a two-hour film is about 66 Mbps.
-  const auto remux = row("Film.2020.2160p.UHD.BluRay.REMUX.HDR.HEVC-FGT", "60 GB");
-  EXPECT_TRUE(fast.rank({remux}, 120, false).empty());
-  EXPECT_EQ(rankerFor(QualityLevel::best).rank({remux}, 120, false).size(), 1u);
-  // 50 GB over 6600 s is about 60.6 Mbps: above high's 25, and best has no ceiling.
-  const auto big = row("Film.2020.2160p.UHD.BluRay.REMUX.HDR.HEVC-FGT", "50 GB");
-  EXPECT_TRUE(rankerFor(QualityLevel::high).rank({big}, std::nullopt, false).empty());
-  EXPECT_EQ(rankerFor(QualityLevel::best).rank({big}, std::nullopt, false).size(), 1u);
+  // Best has no ceiling.
+  EXPECT_EQ(rankerFor(QualityLevel::best).rank({row(kPlain, "50 GB")}, std::nullopt, false).size(), 1u);
   // An unknown size stays at every level.
   for (const auto level : kLevels)
     EXPECT_EQ(rankerFor(level).rank({row(kPlain, "unknown"), row(kPlain)}, std::nullopt, false).size(), 2u);
   // The ceilings of the levels.
   EXPECT_EQ(rankerFor(QualityLevel::balanced).rank({row(kPlain, sizeFor(15.0))}, {}, false).size(), 1u);
   EXPECT_TRUE(rankerFor(QualityLevel::balanced).rank({row(kPlain, sizeFor(15.01))}, {}, false).empty());
-  EXPECT_EQ(rankerFor(QualityLevel::high).rank({row(kPlain, sizeFor(25.0))}, {}, false).size(), 1u);
-  EXPECT_TRUE(rankerFor(QualityLevel::high).rank({row(kPlain, sizeFor(25.01))}, {}, false).empty());
 }
 
 TEST(StreamRanker, OneResolutionStepOutweighsAllButUpscalesAndBurnedSubtitles) {
@@ -259,13 +212,9 @@ TEST(StreamRanker, OneResolutionStepOutweighsAllButUpscalesAndBurnedSubtitles) {
     EXPECT_GT(ranker.score(plain1080, std::nullopt), ranker.score(top, std::nullopt));
     EXPECT_EQ(filenames(ranker.rank({top, plain1080}, std::nullopt, false)).front(), kPlain);
   }
-  // At balanced 1080p stands first, then 4K, then 720p.
   const auto balanced = rankerFor(QualityLevel::balanced);
   const auto uhd = row("Film.2020.2160p.BluRay.x265-FGT.mkv");
   const auto hd = row("Film.2020.720p.BluRay.x265-FGT.mkv");
-  EXPECT_EQ(balanced.score(row(kPlain), {}) - balanced.score(uhd, {}), 1000);
-  EXPECT_EQ(filenames(balanced.rank({hd, uhd, row(kPlain)}, std::nullopt, false)),
-            (std::vector<std::string>{kPlain, uhd.filename, hd.filename}));
   // An upscale falls below the next resolution down; burned-in subtitles below the next two.
   const auto best = rankerFor(QualityLevel::best);
   const auto upscaled = row("Film.2020.2160p.Upscaled.BluRay.x265-FGT.mkv");
@@ -274,22 +223,6 @@ TEST(StreamRanker, OneResolutionStepOutweighsAllButUpscalesAndBurnedSubtitles) {
             (std::vector<std::string>{kPlain, upscaled.filename, hd.filename, burned.filename}));
   EXPECT_LT(balanced.score(row("Film.2020.1080p.Upscaled.BluRay.x265-FGT.mkv"), {}), balanced.score(uhd, {}));
   EXPECT_LT(balanced.score(row("Film.2020.1080p.HC.BluRay.x265-FGT.mkv"), {}), balanced.score(hd, {}));
-}
-
-TEST(StreamRanker, EqualScoresKeepTheOrderTheyCameIn) {
-  const auto ranker = rankerFor(QualityLevel::balanced);
-  std::vector<StreamCandidate> rows;
-  for (int i = 0; i < 40; ++i) {
-    auto r = row(i % 2 ? kPlain : "Film.2020.720p.BluRay.x265-FGT.mkv");
-    r.id = std::to_string(i);
-    rows.push_back(r);
-  }
-  const auto ranked = ranker.rank(rows, std::nullopt, false);
-  ASSERT_EQ(ranked.size(), 40u);
-  for (size_t i = 0; i < 20; ++i) {
-    EXPECT_EQ(ranked[i].id, std::to_string(2 * i + 1));
-    EXPECT_EQ(ranked[20 + i].id, std::to_string(2 * i));
-  }
 }
 
 TEST(StreamRanker, ReasonsExplainTheRow) {
@@ -312,38 +245,26 @@ TEST(StreamRanker, ReasonsExplainTheRow) {
   EXPECT_TRUE(ranker.reasons(at99, std::nullopt, {}).empty());
 }
 
-TEST(StreamRanker, LevelsMapToTheirPreferences) {
-  EXPECT_EQ(streamPreference(QualityLevel::fast), (StreamPreference{8.0, {"1080p", "720p"}, true, true}));
-  EXPECT_EQ(streamPreference(QualityLevel::balanced), (StreamPreference{15.0, {"1080p", "4K", "720p"}, true, true}));
-  EXPECT_EQ(streamPreference(QualityLevel::high), (StreamPreference{25.0, {"4K", "1080p", "720p"}, true, true}));
-  EXPECT_EQ(streamPreference(QualityLevel::best),
-            (StreamPreference{std::nullopt, {"4K", "1080p", "720p"}, true, true}));
-  EXPECT_FALSE(companionVersions(QualityLevel::fast));
-  EXPECT_FALSE(companionVersions(QualityLevel::balanced));
-  EXPECT_TRUE(companionVersions(QualityLevel::high));
-  EXPECT_TRUE(companionVersions(QualityLevel::best));
-}
-
 // Random rows, hostile names and sizes included: rank never fails, keeps only
 // what its filters allow, and orders by score with ties in input order.
 TEST(StreamRanker, FuzzedRowsRankConsistently) {
   std::mt19937_64 rng(16016);
-  const std::vector<std::string> words = {
-      "Film",   "2020",    "1080p", "2160p",   "720p",     "480p",  "x264", "x265",    "AV1",   "VP9",
-      "HDR",    "DV",      "REMUX", "HC",      "Upscaled", "3D",    "SBS",  "Trailer", "10bit", "REPACK",
-      "PROPER", "-SPARKS", "-FGT",  "-Tigole", ".mkv",     "Фильм", "💾",    "/",       "|",     "\n"};
-  const std::vector<std::string> sizes = {
-      "1.4 GB", "850 MB",  "unknown", "1,4 GB",        "", "GB", std::string(400, '7'), "0",
-      ".",      "12.5 GB", "3 MB",    "99999999999 GB"};
+  const std::vector<std::string> words = {"Film", "2020", "1080p", "2160p", "720p", "x264",    "x265",  "AV1",
+                                          "HDR",  "DV",   "REMUX", "HC",    "3D",   "Trailer", "10bit", "-SPARKS",
+                                          "-FGT", ".mkv", "Фильм", "💾",     "|",    "\n"};
+  const std::vector<std::string> sizes = {"1.4 GB", "850 MB", "unknown",       "1,4 GB", "", std::string(400, '7'),
+                                          "0",      "3 MB",   "99999999999 GB"};
+  const int64_t seederPool[] = {
+      0, -1, 49, 1023, std::numeric_limits<int64_t>::max(), std::numeric_limits<int64_t>::min()};
+  const int runtimePool[] = {0, -5, 90, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()};
   auto randomName = [&] {
     std::string name;
-    if (rng() % 4 == 0) {
-      const size_t n = rng() % 40;
-      for (size_t i = 0; i < n; ++i) name.push_back(static_cast<char>(rng() % 256));
-      return name;
-    }
     const size_t n = 1 + rng() % 8;
-    for (size_t i = 0; i < n; ++i) name += (i ? "." : "") + words[rng() % words.size()];
+    if (rng() % 4 == 0) {
+      for (size_t i = 0; i < 5 * n; ++i) name.push_back(static_cast<char>(rng() % 256));
+    } else {
+      for (size_t i = 0; i < n; ++i) name += (i ? "." : "") + words[rng() % words.size()];
+    }
     return name;
   };
   for (int round = 0; round < 60; ++round) {
@@ -354,27 +275,13 @@ TEST(StreamRanker, FuzzedRowsRankConsistently) {
       r.id = std::to_string(i);
       if (rng() % 5) r.size = rng() % 3 ? sizes[rng() % sizes.size()] : std::to_string(rng());
       r.isCached = rng() % 3 != 0;
-      if (rng() % 4) {
-        const int64_t pool[] = {0,
-                                -1,
-                                1,
-                                49,
-                                50,
-                                1023,
-                                std::numeric_limits<int64_t>::max(),
-                                std::numeric_limits<int64_t>::min(),
-                                static_cast<int64_t>(rng())};
-        r.seeders = pool[rng() % std::size(pool)];
-      }
+      if (rng() % 4) r.seeders = seederPool[rng() % std::size(seederPool)];
       rows.push_back(std::move(r));
     }
     const auto level = kLevels[rng() % 4];
     StreamRanker ranker{streamPreference(level), {{"FGT", static_cast<int64_t>(rng() % 9) - 2}}};
     std::optional<int> runtime;
-    if (rng() % 2) {
-      const int pool[] = {0, -5, 1, 90, 200, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()};
-      runtime = pool[rng() % std::size(pool)];
-    }
+    if (rng() % 2) runtime = runtimePool[rng() % std::size(runtimePool)];
     const bool includeUncached = rng() % 2;
 
     const auto ranked = ranker.rankScored(rows, runtime, includeUncached);
@@ -394,7 +301,7 @@ TEST(StreamRanker, FuzzedRowsRankConsistently) {
       if (i > 0) {
         EXPECT_GE(ranked[i - 1].score, ranked[i].score);
         if (ranked[i - 1].score == ranked[i].score) {
-          EXPECT_LT(ranked[i - 1].index, ranked[i].index);
+          EXPECT_LT(ranked[i - 1].index, ranked[i].index) << "ties keep the order they came in";
         }
       }
     }

@@ -3,6 +3,9 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 
+#include <sstream>
+
+#include "cli/Verbs.h"
 #include "fakes/FakeCinemeta.h"
 #include "fakes/FakeFileHost.h"
 #include "fakes/FakeRealDebrid.h"
@@ -11,6 +14,7 @@
 #include "platform/Log.h"
 #include "platform/SerialFileWriter.h"
 #include "sources/providers/ProviderRegistry.h"
+#include "sources/ranking/RankingSettings.h"
 #include "sources/resolve/StremioResolver.h"
 #include "support/PauseClock.h"
 #include "support/TestKit.h"
@@ -586,4 +590,34 @@ TEST(ResolveCache, KeepsTheNewest2000) {
   EXPECT_FALSE(test::runTask(cache.entry("movie/tt0")));
   EXPECT_TRUE(test::runTask(cache.entry("movie/tt1")));
   EXPECT_TRUE(test::runTask(cache.entry("movie/tt2000")));
+}
+
+TEST(ResolveVerb, PrintsTheCandidatesThenTheTitleOrTheError) {
+  World w;
+  const std::string name = "Inception.2010.1080p.BluRay.x264-GRP.mkv";
+  w.torrentio.setReleases("movie", "tt1375666",
+                          {{name, kFilm, kHashA}, {"Inception.2010.720p.WEB.x264-ABC.mkv", 2'000'000'000, kHashB}});
+  // The add-on links lead to the CDN, as Torrentio's redirect to the debrid host.
+  w.torrentio.onPrefix("GET", "/" + QString::fromStdString(w.torrentio.config) + "/resolve/",
+                       [&](const auto&, auto& reply) {
+                         reply.send(302, {}, {{"Location", QByteArray::fromStdString(w.cdnFilm(name))}});
+                       });
+  std::ostringstream out;
+  const int status = w.run(cli::resolveLink(w.resolver(), rankerFor(QualityLevel::balanced), "tt1375666", out));
+  std::istringstream lines(out.str());
+  std::vector<Json> rows;
+  for (std::string line; std::getline(lines, line);) rows.push_back(*json::parse(line));
+  ASSERT_EQ(rows.size(), 3u) << out.str();
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(rows[0]["filename"], name) << "1080p ranks first at balanced";
+  EXPECT_EQ(rows[0]["size"], "4.20 GB");
+  EXPECT_EQ(rows[0]["provider"], "torrentio");
+  EXPECT_EQ(rows[0]["isCached"], true);
+  EXPECT_TRUE(rows[0]["score"].is_number_integer());
+  EXPECT_EQ(rows[2]["title"]["name"], "Inception (2010) {imdb-tt1375666}.mkv");
+  EXPECT_EQ(rows[2]["title"]["size"], kFilm);
+
+  std::ostringstream missing;
+  EXPECT_EQ(w.run(cli::resolveLink(w.resolver(), rankerFor(QualityLevel::balanced), "tt0000001", missing)), 1);
+  EXPECT_EQ(missing.str(), "{\"error\":\"Cinemeta has no record for that title — try a different movie\"}\n");
 }

@@ -133,4 +133,20 @@ std::unique_ptr<SettingsStore> openHomeSettings(const std::string& home, HomeAcc
   return std::make_unique<SettingsStore>(AppPaths::forTestHome(home).settingsPath, SettingsAccess::readOnly);
 }
 
+std::unique_ptr<SettingsStore> openSettings(const std::optional<std::string>& home, HomeAccess access) {
+  std::optional<std::string> folder = home;
+  const auto paths = AppPaths::fromEnvironment();
+  if (!folder && paths.isTestHome()) folder = paths.homeOverride;
+  if (folder) {
+    if (auto store = openHomeSettings(*folder, access)) return store;
+    return std::make_unique<SettingsStore>(std::string(), SettingsAccess::readOnly);
+  }
+  return std::make_unique<SettingsStore>(
+      paths.settingsPath, access == HomeAccess::write ? SettingsAccess::readWrite : SettingsAccess::readOnly);
+}
+
+std::string dataFolder(const std::optional<std::string>& home) {
+  return home ? AppPaths::forTestHome(*home).dataDirectory : AppPaths::fromEnvironment().dataDirectory;
+}
+
 }  // namespace vt::cli

@@ -78,4 +78,12 @@ int usageError(Io& io, const std::string& verb, const std::string& message);
 enum class HomeAccess { read, write };
 std::unique_ptr<SettingsStore> openHomeSettings(const std::string& home, HomeAccess access);
 
+// The settings a verb works on: those of --home, or without it the
+// application's own, found the way it finds them. A home the application
+// never opened reads as empty settings, and nothing is created.
+std::unique_ptr<SettingsStore> openSettings(const std::optional<std::string>& home, HomeAccess access);
+
+// The data folder of --home, or the application's own.
+std::string dataFolder(const std::optional<std::string>& home);
+
 }  // namespace vt::cli

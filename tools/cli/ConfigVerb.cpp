@@ -18,20 +18,6 @@ constexpr char kVerb[] = "config";
 constexpr char kMask[] = "********";
 constexpr char kOperands[] = "show | get KEY | set KEY VALUE | unset KEY";
 
-std::unique_ptr<SettingsStore> openSettings(const std::optional<std::string>& home, HomeAccess access) {
-  // Without --home: the application's own settings, found the way it finds them.
-  std::optional<std::string> folder = home;
-  const auto paths = AppPaths::fromEnvironment();
-  if (!folder && paths.isTestHome()) folder = paths.homeOverride;
-  if (folder) {
-    if (auto store = openHomeSettings(*folder, access)) return store;
-    // A home the application never opened: empty settings, nothing created.
-    return std::make_unique<SettingsStore>(std::string(), SettingsAccess::readOnly);
-  }
-  return std::make_unique<SettingsStore>(
-      paths.settingsPath, access == HomeAccess::write ? SettingsAccess::readWrite : SettingsAccess::readOnly);
-}
-
 std::string shown(const UserSetting& setting, const AppConfig& config, bool reveal) {
   auto value = setting.read(config);
   if (setting.secret && !reveal && !value.empty()) return kMask;

@@ -8,6 +8,8 @@
 #include "cli/Cli.h"
 #include "platform/Json.h"
 #include "sources/StreamCandidate.h"
+#include "sources/ranking/StreamRanker.h"
+#include "sources/resolve/StremioResolver.h"
 #include "sources/release/Quality.h"
 
 namespace vt::cli {
@@ -40,9 +42,15 @@ std::optional<QualityLevel> qualityLevelFromName(const std::string& name);
 // application's own. Writes go through AppConfig.
 int configCommand(const Arguments& args, Io& io);
 
+// resolve: the candidates of a link in rank order as JSON lines, then the
+// first pick that materialises as {"title": ...} (0), or {"error": ...} (1).
+// Nothing is written to the library.
+QCoro::Task<int> resolveLink(StremioResolver resolver, StreamRanker ranker, std::string link, std::ostream& out);
+
 // The verb table entries.
 Verb releaseVerb();
 Verb rankVerb();
 Verb configVerb();
+Verb resolveVerb();
 
 }  // namespace vt::cli

@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <QElapsedTimer>
-
 #include "fakes/FakeRealDebrid.h"
 #include "platform/Clock.h"
 #include "platform/Endpoints.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
 #include "sources/rd/RDClient.h"
+#include "support/PauseClock.h"
 #include "support/TestKit.h"
 
 using namespace vt;
@@ -17,67 +16,15 @@ namespace {
 
 const std::string kHash = "0123456789abcdef0123456789abcdef01234567";
 
-// Virtual time that moves on only while the flow pauses (timers shorter than a
-// request's time limit), never while a request is in flight.
-class PollClock final : public Clock {
- public:
-  Date now() const override { return manual.now(); }
-  TimerId schedule(double delay, std::function<void()> fn) override {
-    auto slot = std::make_shared<TimerId>(0);
-    const TimerId id = manual.schedule(delay, [this, slot, fn = std::move(fn)] {
-      pending_.erase(*slot);
-      fn();
-    });
-    *slot = id;
-    pending_[id] = delay;
-    if (delay < RDClient::kRequestTimeout) pauses.push_back(delay);
-    return id;
-  }
-  void cancelTimer(TimerId id) override {
-    pending_.erase(id);
-    manual.cancelTimer(id);
-  }
-  std::optional<double> sleeping() const {
-    for (const auto& [id, delay] : pending_)
-      if (delay < RDClient::kRequestTimeout) return delay;
-    return std::nullopt;
-  }
-
-  ManualClock manual;
-  std::vector<double> pauses;  // every pause asked for, in order
-
- private:
-  std::map<TimerId, double> pending_;
-};
-
 struct Rig {
   FakeRealDebrid rd;
-  PollClock clock;
+  test::PauseClock clock{RDClient::kRequestTimeout};
   HttpClient http{clock, HttpClient::Session::ephemeral};
   RDClient client{http, rd.key, rd.restBase()};
 
-  // Runs a task to its end, sleeping through its pauses in virtual time.
   template <class T>
   T drive(QCoro::Task<T> task) {
-    std::optional<T> out;
-    auto job = Job::start([&](CancelToken) -> QCoro::Task<> {
-      auto value = co_await std::move(task);
-      out.emplace(std::move(value));
-    });
-    QElapsedTimer guard;
-    guard.start();
-    while (!out) {
-      QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-      if (out) break;
-      if (auto pause = clock.sleeping()) clock.manual.advance(*pause);
-      if (guard.elapsed() > 10000) {
-        ADD_FAILURE() << "the flow did not end";
-        job.cancel();
-        test::spinUntil([&] { return out.has_value(); }, 2000);
-        break;
-      }
-    }
-    return std::move(*out);
+    return test::drive(clock, std::move(task));
   }
 };
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <QFile>
+#include <QHostAddress>
 #include <QHttpServerRequest>
 #include <QHttpServerResponse>
 #include <QTcpSocket>
@@ -32,6 +33,7 @@ bool splitAddress(const std::string& text, std::string& host, quint16& port) {
   const auto colon = text.rfind(':');
   if (colon == std::string::npos || colon == 0) return false;
   host = text.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);  // [::1]
   bool ok = false;
   const int p = QString::fromStdString(text.substr(colon + 1)).toInt(&ok);
   if (!ok || p <= 0 || p > 65535) return false;
@@ -44,14 +46,35 @@ QHttpServerResponse jsonReply(const vt::Json& j,
   return QHttpServerResponse("application/json", QByteArray::fromStdString(vt::json::encode(j)), status);
 }
 
-std::vector<std::string> namesOf(const QHttpServerRequest& req) {
-  std::vector<std::string> names;
+// Limits of the control port's hints.
+constexpr double kDefaultExpectSeconds = 120;
+constexpr double kMaxExpectSeconds = 86400;
+constexpr double kMaxCacheGigabytes = 1e6;
+constexpr char kNamesExpected[] = "expected {\"names\": [<text>...]}";
+
+// A body that doesn't read or has the wrong types is answered 400 with the
+// reason; the application ignores hint replies, but a person with curl sees it.
+QHttpServerResponse badRequest(const std::string& reason) {
+  return jsonReply(vt::Json{{"error", reason}}, QHttpServerResponse::StatusCode::BadRequest);
+}
+
+std::optional<vt::Json> bodyObject(const QHttpServerRequest& req) {
   auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
-  if (!body || !body->is_object()) return names;
-  auto it = body->find("names");
-  if (it == body->end() || !it->is_array()) return names;
-  for (const auto& n : *it)
-    if (n.is_string()) names.push_back(n.get<std::string>());
+  if (!body || !body->is_object()) return std::nullopt;
+  return body;
+}
+
+// The "names" list of a hint; none when the body isn't {"names": [text...]}.
+std::optional<std::vector<std::string>> namesOf(const QHttpServerRequest& req) {
+  const auto body = bodyObject(req);
+  if (!body) return std::nullopt;
+  const auto it = body->find("names");
+  if (it == body->end() || !it->is_array()) return std::nullopt;
+  std::vector<std::string> names;
+  for (const auto& n : *it) {
+    if (!n.is_string()) return std::nullopt;
+    names.push_back(n.get<std::string>());
+  }
   return names;
 }
 
@@ -128,6 +151,15 @@ std::optional<Options> parseArguments(const std::vector<std::string>& args, std:
     error = "bad -control address " + values["-control"];
     return std::nullopt;
   }
+  // Neither port has any authentication: they must not be reachable from
+  // another machine.
+  for (auto* host : {&o.nfsHost, &o.controlHost}) {
+    if (*host == "localhost") *host = "127.0.0.1";
+    if (!QHostAddress(QString::fromStdString(*host)).isLoopback()) {
+      error = "refusing to listen on " + *host + ": not a loopback address";
+      return std::nullopt;
+    }
+  }
   return o;
 }
 
@@ -189,7 +221,17 @@ std::vector<vt::EngineEntry> Engine::validated(std::vector<vt::EngineEntry> mani
       folders.insert(e.name.substr(0, slash));
   std::vector<vt::EngineEntry> kept;
   kept.reserve(manifest.size());
+  std::set<std::string> seen;  // copies: the entries move on below
   for (auto& e : manifest) {
+    if (std::any_of(e.name.begin(), e.name.end(),
+                    [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; })) {
+      log("refused entry \"" + e.name + "\": a control character in its name");
+      continue;
+    }
+    if (!seen.insert(e.name).second) {
+      log("refused entry \"" + e.name + "\": named twice in the manifest; the first one stands");
+      continue;
+    }
     if (folders.count(e.name)) {
       log("refused entry \"" + e.name + "\": a folder of that name holds other entries");
       continue;
@@ -411,43 +453,51 @@ void Engine::routes() {
   });
 
   control_.route("/control/warm-pending", Method::Post, [this](const QHttpServerRequest& req) {
-    queueWarm(namesOf(req));
+    const auto names = namesOf(req);
+    if (!names) return badRequest(kNamesExpected);
+    queueWarm(*names);
     return jsonReply(vt::Json::object());
   });
   control_.route("/control/prewarm", Method::Post, [this](const QHttpServerRequest& req) {
-    queueWarm(namesOf(req));
+    const auto names = namesOf(req);
+    if (!names) return badRequest(kNamesExpected);
+    queueWarm(*names);
     return jsonReply(vt::Json::object());
   });
-  control_.route("/control/boost", Method::Post, [this](const QHttpServerRequest& req) {
-    for (auto& n : namesOf(req)) boosted_.insert(n);
-    return jsonReply(vt::Json::object());
-  });
-  control_.route("/control/touch", Method::Post, [this](const QHttpServerRequest& req) {
-    for (auto& n : namesOf(req)) boosted_.insert(n);
-    return jsonReply(vt::Json::object());
-  });
+  for (const char* path : {"/control/boost", "/control/touch"}) {
+    control_.route(path, Method::Post, [this](const QHttpServerRequest& req) {
+      const auto names = namesOf(req);
+      if (!names) return badRequest(kNamesExpected);
+      boosted_.insert(names->begin(), names->end());
+      return jsonReply(vt::Json::object());
+    });
+  }
   control_.route("/control/expect", Method::Post, [this](const QHttpServerRequest& req) {
     const QUrlQuery query(req.url());
     bool ok = false;
-    const double ttl = query.queryItemValue("ttl").toDouble(&ok);
+    const double ttl = std::clamp(query.queryItemValue("ttl").toDouble(&ok), 0.0, kMaxExpectSeconds);
+    const double now = vt::wallClockNow();
+    // Announcements whose time ran out go, so that the map can't grow for ever.
+    std::erase_if(expected_, [now](const auto& e) { return e.second <= now; });
     for (const auto& n : query.allQueryItemValues("name", QUrl::FullyDecoded))
-      expected_[n.toStdString()] = vt::wallClockNow() + (ok ? ttl : 120);
+      expected_[n.toStdString()] = now + (ok ? ttl : kDefaultExpectSeconds);
     return jsonReply(vt::Json::object());
   });
   control_.route("/control/budget", Method::Post, [this](const QHttpServerRequest& req) {
-    auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
-    if (body && body->is_object() && body->contains("cache_gb") && (*body)["cache_gb"].is_number()) {
-      const double gigabytes = (*body)["cache_gb"].get<double>();
-      reader_.setBudgetBytes(static_cast<int64_t>(std::max(0.0, gigabytes) * 1e9));
-    }
+    const auto body = bodyObject(req);
+    const auto it = body ? body->find("cache_gb") : vt::Json::const_iterator();
+    if (!body || it == body->end() || !it->is_number()) return badRequest("expected {\"cache_gb\": <number>}");
+    // Clamped before the conversion: 1e10 GB would overflow the byte count.
+    const double gigabytes = std::clamp(it->get<double>(), 0.0, kMaxCacheGigabytes);
+    reader_.setBudgetBytes(static_cast<int64_t>(gigabytes * 1e9));
     return jsonReply(vt::Json::object());
   });
   control_.route("/control/playback", Method::Post, [this](const QHttpServerRequest& req) {
-    auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
-    if (body && body->is_object() && body->contains("active") && (*body)["active"].is_boolean()) {
-      playback_ = (*body)["active"].get<bool>();
-      if (!playback_) boosted_.clear();
-    }
+    const auto body = bodyObject(req);
+    const auto it = body ? body->find("active") : vt::Json::const_iterator();
+    if (!body || it == body->end() || !it->is_boolean()) return badRequest("expected {\"active\": <boolean>}");
+    playback_ = it->get<bool>();
+    if (!playback_) boosted_.clear();
     return jsonReply(vt::Json::object());
   });
 }

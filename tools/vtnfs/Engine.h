@@ -70,6 +70,7 @@ class Engine : public NfsBackend {
     bool warming = false;
   };
   const std::map<std::string, EntryState>& entries() const { return entries_; }
+  const SourceReader& reader() const { return reader_; }
 
   // Reads the manifest again; gives how many changed entries were put off
   // because they are in use. A manifest that doesn't read changes nothing.

@@ -112,6 +112,13 @@ ReadResult SourceReader::readLocal(const vt::EngineEntry& entry, uint64_t offset
   }
   struct stat st {};
   if (::fstat(it->second, &st) != 0) return readFailed(ReadError::Kind::io, entry.local + ": " + std::strerror(errno));
+  // A folder or a device opens fine and then fails half-way through a
+  // reply; only regular files are served.
+  if (!S_ISREG(st.st_mode)) {
+    ::close(it->second);
+    fds_.erase(it);
+    return readFailed(ReadError::Kind::io, entry.local + ": not a regular file");
+  }
   const auto size = static_cast<int64_t>(st.st_size);
   if (offset >= static_cast<uint64_t>(size)) return readDone(true, size);
   const auto n = static_cast<size_t>(std::min<uint64_t>(count, static_cast<uint64_t>(size) - offset));

@@ -51,6 +51,7 @@ class SourceReader {
   ~SourceReader();
 
   void setBudgetBytes(int64_t bytes);
+  int64_t budgetBytes() const { return budgetBytes_; }
   int64_t diskBytes() const { return diskBytes_; }
   bool diskWritesPending() const { return !writing_.empty(); }
 

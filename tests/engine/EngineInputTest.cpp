@@ -1,0 +1,161 @@
+// The engine against clients and sources that push it: reads pipelined on a
+// cold source, hostile control bodies and manifests, sources that aren't files.
+#include <gtest/gtest.h>
+
+#include <QDir>
+
+#include "Engine.h"
+#include "SourceReader.h"
+#include "engine/EngineTestKit.h"
+#include "fakes/FakeFileHost.h"
+#include "platform/Clock.h"
+#include "platform/Http.h"
+#include "platform/Job.h"
+#include "platform/SerialFileWriter.h"
+
+using namespace vt;
+
+namespace {
+
+// An engine in this process on free loopback ports over a manifest.
+struct Engine {
+  Engine(const test::TestHome& home, const std::vector<EngineEntry>& entries)
+      : manifest(home.file("entries.json")), logFile(home.file("engine.log")) {
+    EXPECT_TRUE(writeFileAtomically(manifest, encodeEngineConfig(entries)));
+    vtnfs::Options o;
+    o.config = manifest;
+    o.nfsHost = o.controlHost = "127.0.0.1";
+    o.nfsPort = test::freePort();
+    o.controlPort = test::freePort();
+    o.mount = "/tmp/unused-mount";
+    o.log = logFile;
+    control = QUrl(QStringLiteral("http://127.0.0.1:%1").arg(o.controlPort));
+    engine = std::make_unique<vtnfs::Engine>(o);
+    std::string error;
+    EXPECT_TRUE(engine->start(error)) << error;
+  }
+  std::string log() const { return readFile(logFile).value_or(""); }
+  HttpResponse post(const QString& path, const QByteArray& body = {}) {
+    HttpRequest request;
+    request.url = control.resolved(QUrl(path));
+    request.method = "POST";
+    request.body = body;
+    request.headers.emplace_back("Content-Type", "application/json");
+    request.timeoutSeconds = 10;
+    return test::runTask(sharedHttpClient().send(std::move(request)));
+  }
+
+  std::string manifest, logFile;
+  QUrl control;
+  std::unique_ptr<vtnfs::Engine> engine;
+};
+
+}  // namespace
+
+TEST(EngineInput, PipelinedReadsOfAColdHttpSourceAllGetTheirBytes) {
+  // Eight 1 MiB reads stay in flight, so several wait on each chunk's fetch
+  // at once: every one of them must get its bytes.
+  test::TestHome home;
+  ManualClock clock;
+  HttpClient http(clock);
+  test::FakeHttpServer host;
+  constexpr int64_t kSize = 256ll << 20;
+  test::serveGenerated(host, "/film", kSize);
+  EngineEntry entry;
+  entry.name = "Film.mkv";
+  entry.size = kSize;
+  entry.url = host.url("/film").toString().toStdString();
+  vtnfs::SourceReader reader(http, home.file("probe-cache"), {});
+  reader.setBudgetBytes(4 * vtnfs::SourceReader::kChunk);
+
+  constexpr uint32_t kRead = 1 << 20;
+  constexpr int kInFlight = 8;
+  int64_t next = 0, done = 0;
+  std::vector<std::string> failures;
+  std::vector<Job> jobs;
+  const auto startRead = [&](auto& self) -> void {
+    if (next >= kSize) return;
+    const int64_t at = next;
+    next += kRead;
+    jobs.push_back(Job::start([&, at, self](CancelToken) -> QCoro::Task<> {
+      std::string out;
+      const auto outcome = co_await reader.read(entry, kSize, static_cast<uint64_t>(at), kRead, out);
+      if (!outcome)
+        failures.push_back("at " + std::to_string(at) + ": " + vt::errorMessage(outcome));
+      else if (out != test::generatedBytes(at, kRead).toStdString())
+        failures.push_back("at " + std::to_string(at) + ": wrong bytes");
+      ++done;
+      self(self);
+    }));
+  };
+  for (int i = 0; i < kInFlight; ++i) startRead(startRead);
+  ASSERT_TRUE(test::spinUntil([&] { return done == kSize / kRead || failures.size() > 3; }, 60000));
+  EXPECT_TRUE(failures.empty()) << failures.front();
+  EXPECT_EQ(done, kSize / kRead);
+}
+
+TEST(EngineInput, ALocalSourceThatIsNoRegularFileAnswersAnIoError) {
+  test::TestHome home;
+  ManualClock clock;
+  HttpClient http(clock);
+  vtnfs::SourceReader reader(http, home.file("probe-cache"), {});
+  QDir().mkpath(QString::fromStdString(home.file("folder.mkv")));
+  EngineEntry e;
+  e.name = "Folder.mkv";
+  e.size = 4096;
+  e.local = home.file("folder.mkv");
+  std::string out;
+  vtnfs::FileSpan span;
+  const auto outcome = test::runTask(reader.read(e, e.size, 0, 4096, out, &span));
+  ASSERT_FALSE(outcome);
+  EXPECT_EQ(outcome.error().kind, vtnfs::ReadError::Kind::io);
+  EXPECT_NE(vt::errorMessage(outcome).find("not a regular file"), std::string::npos);
+  EXPECT_FALSE(span) << "nothing half-sent from a folder";
+}
+
+TEST(EngineInput, PortsListenOnLoopbackOnly) {
+  std::string error;
+  const auto args = [](const std::string& nfs, const std::string& control) {
+    return std::vector<std::string>{"-config", "c", "-nfs", nfs, "-control", control, "-mount", "m", "-log", "l"};
+  };
+  EXPECT_TRUE(vtnfs::parseArguments(args("127.0.0.1:1", "[::1]:2"), error)) << error;
+  const auto local = vtnfs::parseArguments(args("localhost:1", "127.0.0.5:2"), error);
+  ASSERT_TRUE(local);
+  EXPECT_EQ(local->nfsHost, "127.0.0.1");
+  EXPECT_FALSE(vtnfs::parseArguments(args("0.0.0.0:1", "127.0.0.1:2"), error));
+  EXPECT_EQ(error, "refusing to listen on 0.0.0.0: not a loopback address");
+  EXPECT_FALSE(vtnfs::parseArguments(args("127.0.0.1:1", "192.168.1.4:2"), error));
+}
+
+TEST(EngineInput, ControlBodiesThatDontReadAreRefusedWithAReason) {
+  test::TestHome home;
+  Engine e(home, {test::entry("A.mkv", "http://x/a")});
+  for (const QByteArray& bad :
+       {QByteArray("{"), QByteArray("null"), QByteArray(R"({"names":5})"), QByteArray(R"({"names":["a",3]})")}) {
+    const auto reply = e.post("/control/boost", bad);
+    EXPECT_EQ(reply.status, 400) << bad.toStdString();
+    EXPECT_EQ(reply.body, R"({"error":"expected {\"names\": [<text>...]}"})");
+  }
+  EXPECT_EQ(e.post("/control/budget", R"({"cache_gb":"big"})").status, 400);
+  EXPECT_EQ(e.post("/control/playback", R"({"active":1})").status, 400);
+  EXPECT_EQ(e.post("/control/boost", R"({"names":["A.mkv"]})").status, 200);
+  // A budget far beyond any disk is clamped, not wrapped to 0 (which would
+  // empty the cache).
+  EXPECT_EQ(e.post("/control/budget", R"({"cache_gb":1e10})").status, 200);
+  EXPECT_EQ(e.engine->reader().budgetBytes(), int64_t{1'000'000'000'000'000});
+}
+
+TEST(EngineInput, AManifestKeepsTheFirstOfTwinNamesAndRefusesControlCharacters) {
+  test::TestHome home;
+  auto first = test::entry("Twin.mkv", "http://x/first");
+  auto second = test::entry("Twin.mkv", "http://x/second");
+  Engine e(home, {first, second, test::entry("Bad\nname.mkv", "http://x/c"), test::entry("Ok.mkv", "http://x/d")});
+  ASSERT_EQ(e.engine->entries().size(), 2u);
+  EXPECT_EQ(e.engine->entries().at("Twin.mkv").entry.url, "http://x/first");
+  const std::string log = e.log();
+  EXPECT_NE(log.find("refused entry \"Twin.mkv\": named twice in the manifest; the first one stands"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("refused entry \"Bad\\nname.mkv\": a control character in its name"), std::string::npos) << log;
+  EXPECT_EQ(log.find("Bad\nname"), std::string::npos) << "no line forged in the log";
+}

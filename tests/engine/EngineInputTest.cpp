@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
 
 #include "Engine.h"
 #include "SourceReader.h"
+#include "engine/EngineStatusClient.h"
 #include "engine/EngineTestKit.h"
 #include "fakes/FakeFileHost.h"
 #include "platform/Clock.h"
@@ -158,4 +162,64 @@ TEST(EngineInput, AManifestKeepsTheFirstOfTwinNamesAndRefusesControlCharacters) 
       << log;
   EXPECT_NE(log.find("refused entry \"Bad\\nname.mkv\": a control character in its name"), std::string::npos) << log;
   EXPECT_EQ(log.find("Bad\nname"), std::string::npos) << "no line forged in the log";
+}
+
+TEST(EngineInput, AStalledSourceFreezesOnlyItsOwnFileInTheFuseMount) {
+  if (QStandardPaths::findExecutable("fusermount3").isEmpty() || !QFile::exists("/dev/fuse"))
+    GTEST_SKIP() << "no FUSE on this machine";
+  test::TestHome home;
+  test::FakeHttpServer host;
+  host.on("GET", "/stalled", [](const auto&, auto& reply) { reply.hold(); });
+  host.on("GET", "/gone", [](const auto&, auto& reply) { reply.send(404); });
+  const QByteArray healthy(3 << 20, 'h');
+  {
+    QFile f(QString::fromStdString(home.file("healthy.bin")));
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(healthy);
+  }
+  auto stalled = test::entry("Stalled.mkv", host.url("/stalled").toString().toStdString());
+  auto gone = test::entry("Gone.mkv", host.url("/gone").toString().toStdString());
+  auto local = test::entry("Healthy.mkv", "", home.file("healthy.bin"));
+  local.size = healthy.size();
+  const auto manifest = home.file("entries.json");
+  ASSERT_TRUE(writeFileAtomically(manifest, encodeEngineConfig({stalled, gone, local})));
+  EngineStatusClient client(sharedHttpClient());
+  test::VtnfsProcess engine(manifest, home.file("engine.log"));
+  ASSERT_TRUE(engine.waitReady(client));
+
+  const QString mount = QString::fromStdString(home.file("Library"));
+  QDir().mkpath(mount);
+  // Runs a tool while the event loop turns (the sources are in this process).
+  const auto run = [](const QString& program, const QStringList& args, QByteArray* out = nullptr) {
+    QProcess p;
+    p.start(program, args);
+    if (!test::spinUntil([&] { return p.state() == QProcess::NotRunning; }, 15000)) {
+      p.kill();
+      p.waitForFinished();
+      return -2;
+    }
+    if (out) *out = p.readAllStandardOutput() + p.readAllStandardError();
+    return p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+  };
+  if (run(VT_VTNFS_MOUNT_BINARY, {QStringLiteral("127.0.0.1:%1").arg(engine.nfsPort), mount}) != 0)
+    GTEST_SKIP() << "FUSE mounts are not allowed here";
+  struct Unmount {
+    QString path;
+    ~Unmount() { QProcess::execute("fusermount3", {"-u", "-z", path}); }
+  } unmount{mount};
+
+  QProcess stuck;
+  stuck.start("cat", {mount + "/Stalled.mkv"});
+  ASSERT_TRUE(test::spinUntil([&] { return !host.requestsTo("/stalled").empty(); }));
+  QByteArray out;
+  EXPECT_EQ(run("ls", {mount}, &out), 0);
+  EXPECT_TRUE(out.contains("Healthy.mkv"));
+  EXPECT_EQ(run("cat", {mount + "/Healthy.mkv"}, &out), 0);
+  EXPECT_TRUE(out == healthy) << "another file reads while one source stalls";
+  EXPECT_EQ(stuck.state(), QProcess::Running) << "the stalled read is still waiting";
+
+  EXPECT_NE(run("cat", {mount + "/Gone.mkv"}, &out), 0);
+  EXPECT_TRUE(out.contains("Input/output error")) << out.toStdString();
+  stuck.kill();
+  stuck.waitForFinished();
 }

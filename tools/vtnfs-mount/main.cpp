@@ -19,11 +19,138 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <condition_variable>
+#include <map>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace {
 
-nfs_context* nfs = nullptr;
+// libnfs contexts are not thread-safe, and one request in flight per context
+// would let a single stalled source freeze the whole folder. So the helper
+// serves FUSE on several threads over a small pool of connections: each
+// operation borrows one, and a stalled read holds only its own.
+struct Connection {
+  nfs_context* nfs = nullptr;
+  std::map<std::string, nfsfh*> files;  // open handles by path, per connection
+};
+
+class Pool {
+ public:
+  static constexpr size_t kMaxConnections = 8;
+
+  std::string server, port;
+
+  // A connection that answers, or none when the export can't be reached.
+  Connection* take() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      if (!idle_.empty()) {
+        Connection* c = idle_.back();
+        idle_.pop_back();
+        return c;
+      }
+      if (count_ < kMaxConnections) break;
+      freed_.wait(lock);
+    }
+    ++count_;
+    lock.unlock();
+    Connection* c = connect();
+    if (!c) {
+      std::lock_guard again(mutex_);
+      --count_;
+      freed_.notify_one();
+    }
+    return c;
+  }
+  void give(Connection* c) {
+    std::lock_guard lock(mutex_);
+    idle_.push_back(c);
+    freed_.notify_one();
+  }
+  // The first connection, made before mounting so that a wrong address is
+  // reported at once.
+  bool start(std::string& error) {
+    Connection* c = connect(&error);
+    if (!c) return false;
+    std::lock_guard lock(mutex_);
+    ++count_;
+    idle_.push_back(c);
+    return true;
+  }
+
+ private:
+  Connection* connect(std::string* error = nullptr) {
+    nfs_context* nfs = nfs_init_context();
+    if (!nfs) {
+      if (error) *error = "cannot start an NFS client";
+      return nullptr;
+    }
+    // The same port serves NFS and the mount protocol; the engine has no portmapper.
+    const std::string url = "nfs://" + server + "/?version=3&nfsport=" + port + "&mountport=" + port;
+    nfs_url* parsed = nfs_parse_url_dir(nfs, url.c_str());
+    if (!parsed) {
+      if (error) *error = std::string("bad address: ") + nfs_get_error(nfs);
+      nfs_destroy_context(nfs);
+      return nullptr;
+    }
+    nfs_set_dircache(nfs, 0);
+    nfs_set_autoreconnect(nfs, 10);
+    const int rc = nfs_mount(nfs, parsed->server, "/");
+    nfs_destroy_url(parsed);
+    if (rc != 0) {
+      if (error) *error = std::string("cannot reach the NFS export: ") + nfs_get_error(nfs);
+      nfs_destroy_context(nfs);
+      return nullptr;
+    }
+    return new Connection{nfs, {}};
+  }
+
+  std::mutex mutex_;
+  std::condition_variable freed_;
+  std::vector<Connection*> idle_;
+  size_t count_ = 0;
+};
+
+Pool pool;
+
+// A borrowed connection, given back at the end of the operation.
+class Lease {
+ public:
+  Lease() : c_(pool.take()) {}
+  ~Lease() {
+    if (c_) pool.give(c_);
+  }
+  Lease(const Lease&) = delete;
+  Lease& operator=(const Lease&) = delete;
+  explicit operator bool() const { return c_ != nullptr; }
+  Connection* operator->() const { return c_; }
+
+ private:
+  Connection* c_;
+};
+
+// What programs see: libnfs hands back whatever its RPC layer had (EFAULT
+// for a failed READ, among others). Known file errors pass; anything else
+// is an I/O error.
+int fuseError(int rc) {
+  switch (-rc) {
+    case ENOENT:
+    case ESTALE:
+    case EACCES:
+    case ENOTDIR:
+    case EISDIR:
+    case ENAMETOOLONG:
+    case EROFS:
+    case EIO:
+      return rc;
+    case EPERM:
+      return -EACCES;
+    default:
+      return -EIO;
+  }
+}
 
 void fillStat(struct stat* st, const nfs_stat_64& s) {
   std::memset(st, 0, sizeof *st);
@@ -52,42 +179,82 @@ void* init(fuse_conn_info*, fuse_config* cfg) {
 }
 
 int getattr(const char* path, struct stat* st, fuse_file_info*) {
+  Lease c;
+  if (!c) return -EIO;
   nfs_stat_64 s{};
-  const int rc = nfs_stat64(nfs, path, &s);
-  if (rc < 0) return rc;
+  const int rc = nfs_stat64(c->nfs, path, &s);
+  if (rc < 0) return fuseError(rc);
   fillStat(st, s);
   return 0;
 }
 
 int readdir(const char* path, void* buf, fuse_fill_dir_t filler, off_t, fuse_file_info*, fuse_readdir_flags) {
+  Lease c;
+  if (!c) return -EIO;
   nfsdir* dir = nullptr;
-  const int rc = nfs_opendir(nfs, path, &dir);
-  if (rc < 0) return rc;
-  while (nfsdirent* e = nfs_readdir(nfs, dir)) {
+  const int rc = nfs_opendir(c->nfs, path, &dir);
+  if (rc < 0) return fuseError(rc);
+  while (nfsdirent* e = nfs_readdir(c->nfs, dir)) {
     struct stat st {};
     st.st_ino = e->inode;
     st.st_mode = static_cast<mode_t>(e->mode) | (e->type == 2 ? S_IFDIR : S_IFREG);
     if (filler(buf, e->name, &st, 0, static_cast<fuse_fill_dir_flags>(0))) break;
   }
-  nfs_closedir(nfs, dir);
+  nfs_closedir(c->nfs, dir);
   return 0;
+}
+
+// The connection's handle of a file, opened on first use.
+int handleFor(Connection& c, const std::string& path, nfsfh** fh) {
+  if (auto it = c.files.find(path); it != c.files.end()) {
+    *fh = it->second;
+    return 0;
+  }
+  const int rc = nfs_open(c.nfs, path.c_str(), O_RDONLY, fh);
+  if (rc < 0) return rc;
+  c.files[path] = *fh;
+  return 0;
+}
+
+void dropHandle(Connection& c, const std::string& path) {
+  if (auto it = c.files.find(path); it != c.files.end()) {
+    nfs_close(c.nfs, it->second);
+    c.files.erase(it);
+  }
 }
 
 int open(const char* path, fuse_file_info* fi) {
   if ((fi->flags & O_ACCMODE) != O_RDONLY) return -EROFS;
+  Lease c;
+  if (!c) return -EIO;
   nfsfh* fh = nullptr;
-  const int rc = nfs_open(nfs, path, O_RDONLY, &fh);
-  if (rc < 0) return rc;
-  fi->fh = reinterpret_cast<uint64_t>(fh);
+  const int rc = handleFor(*c.operator->(), path, &fh);
+  if (rc < 0) return fuseError(rc);
+  // Reads may run on any connection: the open file is known by its path.
+  fi->fh = reinterpret_cast<uint64_t>(new std::string(path));
   return 0;
 }
 
 int read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) {
-  auto* fh = reinterpret_cast<nfsfh*>(fi->fh);
+  const std::string& path = *reinterpret_cast<std::string*>(fi->fh);
+  Lease c;
+  if (!c) return -EIO;
   size_t done = 0;
+  bool reopened = false;
   while (done < size) {
-    const int n = nfs_pread(nfs, fh, static_cast<uint64_t>(offset) + done, size - done, buf + done);
-    if (n < 0) return done ? static_cast<int>(done) : n;
+    nfsfh* fh = nullptr;
+    int n = handleFor(*c.operator->(), path, &fh);
+    if (n == 0) n = nfs_pread(c->nfs, fh, static_cast<uint64_t>(offset) + done, size - done, buf + done);
+    if (n < 0) {
+      // A handle from before an engine restart may be stale: reopen once.
+      dropHandle(*c.operator->(), path);
+      if (!reopened) {
+        reopened = true;
+        continue;
+      }
+      std::fprintf(stderr, "vtnfs-mount: read of %s failed: %s\n", path.c_str(), nfs_get_error(c->nfs));
+      return done ? static_cast<int>(done) : fuseError(n);
+    }
     if (n == 0) break;
     done += static_cast<size_t>(n);
   }
@@ -95,14 +262,16 @@ int read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) 
 }
 
 int release(const char*, fuse_file_info* fi) {
-  nfs_close(nfs, reinterpret_cast<nfsfh*>(fi->fh));
+  delete reinterpret_cast<std::string*>(fi->fh);
   return 0;
 }
 
 int statfs(const char* path, struct statvfs* out) {
+  Lease c;
+  if (!c) return -EIO;
   nfs_statvfs_64 s{};
-  const int rc = nfs_statvfs64(nfs, path, &s);
-  if (rc < 0) return rc;
+  const int rc = nfs_statvfs64(c->nfs, path, &s);
+  if (rc < 0) return fuseError(rc);
   std::memset(out, 0, sizeof *out);
   out->f_bsize = s.f_bsize;
   out->f_frsize = s.f_frsize;
@@ -138,26 +307,12 @@ int main(int argc, char** argv) {
   if (colon == std::string::npos || colon == 0) return usage();
   const std::string host = address.substr(0, colon), port = address.substr(colon + 1);
 
-  nfs = nfs_init_context();
-  if (!nfs) {
-    std::fprintf(stderr, "vtnfs-mount: cannot start an NFS client\n");
+  pool.server = host;
+  pool.port = port;
+  if (std::string error; !pool.start(error)) {
+    std::fprintf(stderr, "vtnfs-mount: %s at %s\n", error.c_str(), address.c_str());
     return 1;
   }
-  // The same port serves NFS and the mount protocol; the engine has no portmapper.
-  const std::string url = "nfs://" + host + "/?version=3&nfsport=" + port + "&mountport=" + port;
-  nfs_url* parsed = nfs_parse_url_dir(nfs, url.c_str());
-  if (!parsed) {
-    std::fprintf(stderr, "vtnfs-mount: bad address %s: %s\n", address.c_str(), nfs_get_error(nfs));
-    return 2;
-  }
-  nfs_set_dircache(nfs, 0);
-  nfs_set_autoreconnect(nfs, 10);
-  if (nfs_mount(nfs, parsed->server, "/") != 0) {
-    std::fprintf(stderr, "vtnfs-mount: cannot reach the NFS export at %s: %s\n", address.c_str(), nfs_get_error(nfs));
-    nfs_destroy_url(parsed);
-    return 1;
-  }
-  nfs_destroy_url(parsed);
 
   fuse_operations ops{};
   ops.init = init;
@@ -196,11 +351,13 @@ int main(int argc, char** argv) {
       fuse_destroy(fs);
       return 1;
     }
-    const int rc = fuse_loop(fs);
+    fuse_loop_config loop{};
+    loop.clone_fd = 0;
+    loop.max_idle_threads = Pool::kMaxConnections;
+    const int rc = fuse_loop_mt(fs, &loop);
     fuse_remove_signal_handlers(fuse_get_session(fs));
     fuse_unmount(fs);
     fuse_destroy(fs);
-    nfs_destroy_context(nfs);
     return rc == 0 ? 0 : 1;
   }
   return 1;

@@ -222,4 +222,16 @@ TEST(EngineInput, AStalledSourceFreezesOnlyItsOwnFileInTheFuseMount) {
   EXPECT_TRUE(out.contains("Input/output error")) << out.toStdString();
   stuck.kill();
   stuck.waitForFinished();
+
+  // The engine dies and comes back on the same ports: an open file reads on,
+  // with no remount.
+  QFile reader(mount + "/Healthy.mkv");
+  ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
+  QByteArray got = reader.read(1 << 20);
+  ::kill(static_cast<pid_t>(engine.process.processId()), SIGKILL);
+  engine.process.waitForFinished();
+  test::VtnfsProcess again(manifest, home.file("engine.log"), "rd-test-key", engine.nfsPort, engine.controlPort);
+  ASSERT_TRUE(again.waitReady(client)) << again.process.readAll().toStdString();
+  got += reader.readAll();
+  EXPECT_TRUE(got == healthy) << got.size();
 }

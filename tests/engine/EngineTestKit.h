@@ -26,8 +26,10 @@ inline EngineEntry entry(const std::string& name, const std::string& url = "", c
 // The real vtnfs executable on free loopback ports, for tests.
 class VtnfsProcess {
  public:
-  VtnfsProcess(const std::string& manifest, const std::string& logFile, const std::string& rdKey = "rd-test-key")
-      : nfsPort(freePort()), controlPort(freePort()), log(logFile) {
+  // Ports of 0 are chosen free; given ports restart an engine where one ran.
+  VtnfsProcess(const std::string& manifest, const std::string& logFile, const std::string& rdKey = "rd-test-key",
+               quint16 nfs = 0, quint16 control = 0)
+      : nfsPort(nfs ? nfs : freePort()), controlPort(control ? control : freePort()), log(logFile) {
     auto env = QProcessEnvironment::systemEnvironment();
     env.insert("VT_RD_KEY", QString::fromStdString(rdKey));
     process.setProcessEnvironment(env);

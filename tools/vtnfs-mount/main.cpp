@@ -69,6 +69,20 @@ class Pool {
     idle_.push_back(c);
     freed_.notify_one();
   }
+  // A fresh connection in place of one that failed (after an engine
+  // restart the old one is dead); none when the export can't be reached.
+  Connection* renew(Connection* old) {
+    for (auto& [path, fh] : old->files) nfs_close(old->nfs, fh);
+    nfs_destroy_context(old->nfs);
+    delete old;
+    Connection* c = connect();
+    if (!c) {
+      std::lock_guard lock(mutex_);
+      --count_;
+      freed_.notify_one();
+    }
+    return c;
+  }
   // The first connection, made before mounting so that a wrong address is
   // reported at once.
   bool start(std::string& error) {
@@ -126,6 +140,11 @@ class Lease {
   Lease& operator=(const Lease&) = delete;
   explicit operator bool() const { return c_ != nullptr; }
   Connection* operator->() const { return c_; }
+  Connection& operator*() const { return *c_; }
+  bool renew() {
+    c_ = pool.renew(c_);
+    return c_ != nullptr;
+  }
 
  private:
   Connection* c_;
@@ -216,19 +235,12 @@ int handleFor(Connection& c, const std::string& path, nfsfh** fh) {
   return 0;
 }
 
-void dropHandle(Connection& c, const std::string& path) {
-  if (auto it = c.files.find(path); it != c.files.end()) {
-    nfs_close(c.nfs, it->second);
-    c.files.erase(it);
-  }
-}
-
 int open(const char* path, fuse_file_info* fi) {
   if ((fi->flags & O_ACCMODE) != O_RDONLY) return -EROFS;
   Lease c;
   if (!c) return -EIO;
   nfsfh* fh = nullptr;
-  const int rc = handleFor(*c.operator->(), path, &fh);
+  const int rc = handleFor(*c, path, &fh);
   if (rc < 0) return fuseError(rc);
   // Reads may run on any connection: the open file is known by its path.
   fi->fh = reinterpret_cast<uint64_t>(new std::string(path));
@@ -243,13 +255,14 @@ int read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) 
   bool reopened = false;
   while (done < size) {
     nfsfh* fh = nullptr;
-    int n = handleFor(*c.operator->(), path, &fh);
+    int n = handleFor(*c, path, &fh);
     if (n == 0) n = nfs_pread(c->nfs, fh, static_cast<uint64_t>(offset) + done, size - done, buf + done);
     if (n < 0) {
-      // A handle from before an engine restart may be stale: reopen once.
-      dropHandle(*c.operator->(), path);
+      // After an engine restart the connection is dead: try once more on a
+      // fresh one (the engine's handles stay the same for the same path).
       if (!reopened) {
         reopened = true;
+        if (!c.renew()) return done ? static_cast<int>(done) : -EIO;
         continue;
       }
       std::fprintf(stderr, "vtnfs-mount: read of %s failed: %s\n", path.c_str(), nfs_get_error(c->nfs));

@@ -17,6 +17,7 @@
 #include "plex/PlexLibrarySetup.h"
 #include "sources/StreamProviders.h"
 #include "platform/Job.h"
+#include "platform/FolderAccess.h"
 #include "platform/Log.h"
 #include "platform/Signals.h"
 
@@ -121,6 +122,13 @@ int main(int argc, char** argv) {
     env.dataDirectory = paths.dataDirectory;
     env.bundledEngine = vt::findHelperProgram("vtnfs");
     env.appVersion = VT_APP_VERSION;
+    env.mediaServerAccessProblem = [](const std::string& folder) -> std::optional<std::string> {
+      const auto account = vt::mediaServerAccount();
+      if (!account) return std::nullopt;
+      const auto problem = vt::readProblem(folder, *account);
+      if (!problem) return std::nullopt;
+      return problem->describe(*account);
+    };
     // Once an engine is up, Plex gets its section for the folder.
     env.prepareLibrary = vt::libraryPreparer(plex, library, [](const std::string& line) { vt::logLine(line); });
     env.refreshItem = [&plex](std::string name, std::string location, vt::CancelToken) -> QCoro::Task<bool> {

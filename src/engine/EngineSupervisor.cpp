@@ -297,6 +297,15 @@ QCoro::Task<> EngineSupervisor::startInstance(EngineInstance& instance, std::vec
   }
   setState(instance, EngineState::running);
   log(instance.label() + " ready — library folder at " + instance.paths.mountPoint);
+  // Ready or not for Plex: a folder it can't read looks like an empty library,
+  // so say so right away, with the fix.
+  accessProblems_.erase(instance.kind());
+  if (env_.mediaServerAccessProblem) {
+    if (auto problem = env_.mediaServerAccessProblem(instance.paths.mountPoint)) {
+      log(instance.label() + " warning: Plex can't read the library folder: " + *problem);
+      accessProblems_[instance.kind()] = std::move(*problem);
+    }
+  }
   didBecomeReady(instance);
 }
 

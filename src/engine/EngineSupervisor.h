@@ -51,6 +51,11 @@ struct EngineSupervisorEnvironment {
   // no server to ask.
   std::function<QCoro::Task<bool>(std::string name, std::string location, CancelToken token)> refreshItem;
 
+  // What keeps the local Plex Media Server from reading a mounted library
+  // folder, with its one-time fix; none when it can (or there is no server
+  // account to ask about).
+  std::function<std::optional<std::string>(const std::string& folder)> mediaServerAccessProblem;
+
   std::function<bool()> playbackActive;
   std::function<bool(const LibraryTitle&)> isHidden;
   std::function<void()> requestReconcile;
@@ -79,6 +84,12 @@ class EngineSupervisor : public QObject, public EnginePort, private EngineInstan
   EngineState state() const { return movie_->state; }
   const std::optional<std::string>& lastError() const { return lastError_; }
   const std::set<EngineKind>& stuck() const { return stuck_; }
+  // Why Plex can't read an instance's folder, from the check after its last
+  // start; none when it can. Not a state: the engine runs either way.
+  std::optional<std::string> mediaServerAccessProblem(EngineKind kind) const {
+    const auto it = accessProblems_.find(kind);
+    return it == accessProblems_.end() ? std::nullopt : std::optional(it->second);
+  }
   size_t entryCount() const { return movie_->entryCount; }
   EngineInstance& movie() { return *movie_; }
   EngineInstance* tvInstanceIfAny() { return tv_.get(); }
@@ -149,6 +160,7 @@ class EngineSupervisor : public QObject, public EnginePort, private EngineInstan
   CatalogPort* catalog_ = nullptr;
   std::optional<std::string> lastError_;
   std::set<EngineKind> stuck_;
+  std::map<EngineKind, std::string> accessProblems_;
   JobScope jobs_;  // last: its jobs end before anything else here goes
 };
 

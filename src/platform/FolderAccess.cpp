@@ -6,11 +6,13 @@
 #include <sys/xattr.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include "platform/Mounts.h"
 #include "platform/SerialFileWriter.h"
 
 namespace vt {
@@ -84,20 +86,6 @@ bool aclAllows(const std::vector<AclEntry>& acl, const struct stat& st, const Ac
   return false;
 }
 
-// mountinfo writes blanks and a few other bytes as octal escapes ("\040").
-std::string unescapeOctal(const std::string& text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\\' && i + 3 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1]))) {
-      out.push_back(static_cast<char>(std::strtol(text.substr(i + 1, 3).c_str(), nullptr, 8)));
-      i += 3;
-    } else {
-      out.push_back(text[i]);
-    }
-  }
-  return out;
-}
-
 // The mount at `folder` in mountinfo: its type and super options.
 std::optional<std::pair<std::string, std::string>> mountAt(const std::string& folder, const std::string& mountinfo) {
   std::istringstream lines(mountinfo);
@@ -105,7 +93,7 @@ std::optional<std::pair<std::string, std::string>> mountAt(const std::string& fo
     std::istringstream fields(line);
     std::string id, parent, dev, root, point;
     fields >> id >> parent >> dev >> root >> point;
-    if (unescapeOctal(point) != folder) continue;
+    if (unescapeMountField(point) != folder) continue;
     const auto dash = line.find(" - ");
     if (dash == std::string::npos) continue;
     std::istringstream tail(line.substr(dash + 3));
@@ -174,6 +162,91 @@ std::optional<AccessProblem> readProblem(const std::string& folder, const Accoun
       return AccessProblem{AccessProblem::Kind::fuseWithoutAllowOther, target.string()};
   }
   return std::nullopt;
+}
+
+namespace {
+
+std::vector<AclEntry> aclOrModeBits(const std::string& folder, const struct stat& st) {
+  if (auto acl = accessAcl(folder)) return *acl;
+  const auto bits = [&](int shift) { return static_cast<uint16_t>((st.st_mode >> shift) & 7); };
+  return {{kUserObj, bits(6), 0}, {kGroupObj, bits(3), 0}, {kOther, bits(0), 0}};
+}
+
+// Writes an ACL in the kernel's order, with the mask the union of the group
+// class (named users, owning group, named groups), as setfacl recomputes it.
+bool writeAcl(const std::string& folder, std::vector<AclEntry> acl, std::string& error) {
+  acl.erase(std::remove_if(acl.begin(), acl.end(), [](const AclEntry& e) { return e.tag == kMask; }), acl.end());
+  const bool named =
+      std::any_of(acl.begin(), acl.end(), [](const AclEntry& e) { return e.tag == kUser || e.tag == kGroup; });
+  if (!named) {
+    // Plain mode bits again: the owning group's rights go back in place of the mask.
+    struct stat st {};
+    if (::stat(folder.c_str(), &st) != 0 ||
+        (::removexattr(folder.c_str(), "system.posix_acl_access") != 0 && errno != ENODATA)) {
+      error = std::strerror(errno);
+      return false;
+    }
+    mode_t mode = st.st_mode & 07777 & ~mode_t(070);
+    for (const auto& e : acl)
+      if (e.tag == kGroupObj) mode |= static_cast<mode_t>(e.perm) << 3;
+    if (::chmod(folder.c_str(), mode) != 0) {
+      error = std::strerror(errno);
+      return false;
+    }
+    return true;
+  }
+  uint16_t mask = 0;
+  for (const auto& e : acl)
+    if (e.tag == kUser || e.tag == kGroup || e.tag == kGroupObj) mask |= e.perm;
+  acl.push_back({kMask, mask, 0});
+  std::sort(acl.begin(), acl.end(),
+            [](const AclEntry& a, const AclEntry& b) { return a.tag != b.tag ? a.tag < b.tag : a.id < b.id; });
+  std::string blob(4, '\0');
+  const uint32_t version = 2;
+  std::memcpy(blob.data(), &version, 4);
+  for (const auto& e : acl) {
+    char raw[8];
+    std::memcpy(raw, &e.tag, 2);
+    std::memcpy(raw + 2, &e.perm, 2);
+    std::memcpy(raw + 4, &e.id, 4);
+    blob.append(raw, 8);
+  }
+  if (::setxattr(folder.c_str(), "system.posix_acl_access", blob.data(), blob.size(), 0) != 0) {
+    error = std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool grantEnter(const std::string& folder, const Account& account, std::string& error) {
+  struct stat st {};
+  if (::stat(folder.c_str(), &st) != 0) {
+    error = std::strerror(errno);
+    return false;
+  }
+  auto acl = aclOrModeBits(folder, st);
+  auto it =
+      std::find_if(acl.begin(), acl.end(), [&](const AclEntry& e) { return e.tag == kUser && e.id == account.uid; });
+  if (it == acl.end())
+    acl.push_back({kUser, kExecute, account.uid});
+  else
+    it->perm |= kExecute;
+  return writeAcl(folder, std::move(acl), error);
+}
+
+bool revokeEnter(const std::string& folder, const Account& account, std::string& error) {
+  struct stat st {};
+  if (::stat(folder.c_str(), &st) != 0) {
+    error = std::strerror(errno);
+    return false;
+  }
+  auto acl = aclOrModeBits(folder, st);
+  acl.erase(
+      std::remove_if(acl.begin(), acl.end(), [&](const AclEntry& e) { return e.tag == kUser && e.id == account.uid; }),
+      acl.end());
+  return writeAcl(folder, std::move(acl), error);
 }
 
 std::string AccessProblem::describe(const Account& account) const {

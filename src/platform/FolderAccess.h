@@ -41,4 +41,11 @@ std::optional<AccessProblem> readProblem(const std::string& folder, const Accoun
 // looked at.
 bool mayEnter(const std::string& folder, const Account& account);
 
+// Gives `account` search rights on `folder` with a named-user ACL entry, as
+// "setfacl -m u:NAME:x" does; false with the system's reason otherwise.
+bool grantEnter(const std::string& folder, const Account& account, std::string& error);
+// Takes that entry away again; with no named entries left the folder goes
+// back to plain mode bits.
+bool revokeEnter(const std::string& folder, const Account& account, std::string& error);
+
 }  // namespace vt

@@ -1,4 +1,5 @@
 #include "platform/Mounts.h"
+#include "platform/SerialFileWriter.h"
 
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
+#include <sstream>
 
 namespace vt {
 
@@ -93,8 +95,64 @@ std::string findHelperProgram(const std::string& name) {
   return {};
 }
 
-LinuxLibraryMounter::LinuxLibraryMounter(std::string helper)
-    : helper_(helper.empty() ? findHelperProgram("vtnfs-mount") : std::move(helper)) {}
+LinuxLibraryMounter::LinuxLibraryMounter(std::string helper, std::string fstab)
+    : helper_(helper.empty() ? findHelperProgram("vtnfs-mount") : std::move(helper)), fstab_(std::move(fstab)) {}
+
+namespace {
+
+std::string fstabEscape(const std::string& path) {
+  std::string out;
+  for (char c : path) {
+    if (c == ' ')
+      out += "\\040";
+    else if (c == '\t')
+      out += "\\011";
+    else if (c == '\\')
+      out += "\\134";
+    else
+      out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string unescapeMountField(const std::string& field) {
+  std::string out;
+  for (size_t i = 0; i < field.size(); ++i) {
+    if (field[i] == '\\' && i + 3 < field.size() && std::isdigit(static_cast<unsigned char>(field[i + 1]))) {
+      out.push_back(static_cast<char>(std::strtol(field.substr(i + 1, 3).c_str(), nullptr, 8)));
+      i += 3;
+    } else {
+      out.push_back(field[i]);
+    }
+  }
+  return out;
+}
+
+std::string fstabEntry(int port, const std::string& folder) {
+  return "127.0.0.1:/ " + fstabEscape(folder) + " nfs " + LinuxLibraryMounter::kernelOptions(port) + ",user,noauto 0 0";
+}
+
+bool fstabLetsUsersMount(const std::string& fstabText, const std::string& folder) {
+  std::istringstream lines(fstabText);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream fields(line);
+    std::string source, point, type, options;
+    if (!(fields >> source >> point >> type >> options) || source.front() == '#') continue;
+    if (unescapeMountField(point) != folder || type.rfind("nfs", 0) != 0) continue;
+    std::istringstream parts(options);
+    for (std::string part; std::getline(parts, part, ',');)
+      if (part == "user" || part == "users") return true;
+  }
+  return false;
+}
+
+LinuxLibraryMounter::Way LinuxLibraryMounter::wayFor(const std::string& folder) const {
+  if (kernelMountAllowed()) return Way::kernelAsRoot;
+  if (fstabLetsUsersMount(readFile(fstab_).value_or(""), folder)) return Way::kernelByFstab;
+  return Way::fuse;
+}
 
 std::string LinuxLibraryMounter::kernelOptions(int port) {
   const std::string p = std::to_string(port);
@@ -108,9 +166,14 @@ bool LinuxLibraryMounter::kernelMountAllowed() const {
 
 QCoro::Task<MountResult> LinuxLibraryMounter::mount(int port, std::string folder, CancelToken token) {
   std::string kernelOutput;
-  if (kernelMountAllowed()) {
-    const QStringList args = {
-        "-t", "nfs", "-o", QString::fromStdString(kernelOptions(port)), "127.0.0.1:/", QString::fromStdString(folder)};
+  const Way way = wayFor(folder);
+  if (way != Way::fuse) {
+    // As a user, mount(8) takes the options from the fstab entry.
+    const QStringList args = way == Way::kernelAsRoot
+                                 ? QStringList{"-t",          "nfs",
+                                               "-o",          QString::fromStdString(kernelOptions(port)),
+                                               "127.0.0.1:/", QString::fromStdString(folder)}
+                                 : QStringList{QString::fromStdString(folder)};
     auto r = co_await runCommand("mount", args, std::nullopt, token);
     if (r.status == 0) co_return MountResult();
     kernelOutput = r.output;

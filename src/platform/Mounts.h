@@ -46,7 +46,8 @@ std::optional<std::string> mountedFileSystem(const std::string& folder);
 class LinuxLibraryMounter final : public LibraryMounter {
  public:
   // `helper`: path of vtnfs-mount; empty: look next to the application.
-  explicit LinuxLibraryMounter(std::string helper = {});
+  // `fstab`: where entries that let this user mount a folder are looked up.
+  explicit LinuxLibraryMounter(std::string helper = {}, std::string fstab = "/etc/fstab");
 
   QCoro::Task<MountResult> mount(int port, std::string folder, CancelToken token = CancelToken::none()) override;
   QCoro::Task<MountResult> unmount(std::string folder, CancelToken token = CancelToken::none()) override;
@@ -57,9 +58,25 @@ class LinuxLibraryMounter final : public LibraryMounter {
   static std::string kernelOptions(int port);
   bool kernelMountAllowed() const;
 
+  // How a folder gets mounted: by root through the kernel client, by this
+  // user through the kernel client where /etc/fstab lets users mount it
+  // (see vantory-cli setup-mount), else through the FUSE helper.
+  enum class Way { kernelAsRoot, kernelByFstab, fuse };
+  Way wayFor(const std::string& folder) const;
+
  private:
   std::string helper_;
+  std::string fstab_;
 };
+
+// The /etc/fstab line that lets a user mount the engine on `port` at
+// `folder` through the kernel client, with the engine's options plus "user"
+// and "noauto". Blanks in the folder are written "\040".
+std::string fstabEntry(int port, const std::string& folder);
+// A path field of fstab or mountinfo, its octal escapes ("\040") undone.
+std::string unescapeMountField(const std::string& field);
+// Whether an fstab text has an NFS entry at `folder` that users may mount.
+bool fstabLetsUsersMount(const std::string& fstabText, const std::string& folder);
 
 // A helper program built with the application: beside its executable, in
 // the build tree's tools folder, or in an installed libexec folder. Empty

@@ -42,6 +42,15 @@ AppPaths AppPaths::forTestHome(const std::string& home) {
   return p;
 }
 
+AppPaths AppPaths::forUserHome(const std::string& userHome) {
+  const std::filesystem::path home(userHome);
+  AppPaths p;
+  p.dataDirectory = (home / ".local/share" / "Vantory").string();
+  p.settingsPath = (home / ".config" / "Vantory" / "settings.ini").string();
+  p.httpCacheDirectory = (home / ".cache" / "Vantory" / "http").string();
+  return p;
+}
+
 bool AppPaths::ensureDataDirectory() const {
   std::error_code ec;
   std::filesystem::create_directories(dataDirectory, ec);

@@ -16,6 +16,9 @@ struct AppPaths {
 
   static AppPaths fromEnvironment();
   static AppPaths forTestHome(const std::string& home);
+  // Another user's folders at their XDG defaults under `userHome` (a tool
+  // run through sudo can't see that user's environment).
+  static AppPaths forUserHome(const std::string& userHome);
 
   bool isTestHome() const { return homeOverride.has_value(); }
   // Creates the data folder with its parents; false when that failed.

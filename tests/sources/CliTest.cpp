@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <QProcess>
 #include <filesystem>
 #include <random>
@@ -7,6 +10,9 @@
 
 #include "cli/Cli.h"
 #include "cli/Verbs.h"
+#include "platform/FolderAccess.h"
+#include "platform/Mounts.h"
+#include "platform/SerialFileWriter.h"
 #include "platform/Settings.h"
 #include "sources/ranking/PickHistory.h"
 #include "support/TestKit.h"
@@ -298,4 +304,55 @@ TEST(Cli, TheBuiltToolRanksAndKeepsSecretsOffTheCommandLine) {
   EXPECT_EQ(c.status, 0) << c.err;
   EXPECT_EQ(runTool({"config", "get", "rdKey", "--home", h}).out, "********\n");
   EXPECT_EQ(runTool({"config", "get", "rdKey", "--reveal", "--home", h}).out, "KEY-FROM-STDIN\n");
+}
+
+TEST(Cli, SetupMountWritesTheFstabEntriesAndFolderRightsAndUndoesThemExactly) {
+  test::TestHome root;
+  const std::string closed = root.file("home-0700");
+  const std::string home = closed + "/data";
+  std::filesystem::create_directories(home);
+  ::chmod(closed.c_str(), 0700);
+  const std::string fstab = root.file("fstab");
+  const std::string original = "# static file system information\nUUID=1 / ext4 defaults 0 1";  // no last newline
+  ASSERT_TRUE(writeFileAtomically(fstab, original));
+  const Account plex{"plex", 12345, 12345, {12345}};
+  MountSetup setup{*accountByUid(::getuid()), AppPaths::forTestHome(home), fstab, plex, false};
+
+  std::stringstream in, out, err;
+  Io io{in, out, err};
+  ASSERT_EQ(setupMount(setup, io), 0) << err.str();
+  const std::string written = *readFile(fstab);
+  EXPECT_TRUE(written.rfind(original + "\n# vantory-cli setup-mount for ", 0) == 0) << written;
+  EXPECT_NE(written.find("127.0.0.1:/ " + home + "/Library\\040TV nfs vers=3,proto=tcp,port=12051,mountport=12051,"),
+            std::string::npos)
+      << written;
+  EXPECT_TRUE(fstabLetsUsersMount(written, home + "/Library"));
+  EXPECT_TRUE(fstabLetsUsersMount(written, home + "/Library TV"));
+  EXPECT_FALSE(fstabLetsUsersMount(written, home + "/Library2"));
+  EXPECT_FALSE(fstabLetsUsersMount(original + "\n127.0.0.1:/ " + home + "/Library nfs noauto 0 0\n", home + "/Library"))
+      << "an entry without \"user\" is root's";
+  const bool aclsHere = out.str().find("let plex enter " + closed) != std::string::npos;
+  if (::geteuid() == 0) {
+    EXPECT_TRUE(aclsHere) << out.str();
+  }
+  if (aclsHere) {
+    EXPECT_FALSE(readProblem(home + "/Library", plex, "\n")) << out.str();
+  }
+
+  // A second run changes nothing; --remove restores the file byte for byte.
+  std::stringstream again;
+  Io io2{in, again, err};
+  EXPECT_EQ(setupMount(setup, io2), 0);
+  EXPECT_EQ(*readFile(fstab), written);
+  setup.remove = true;
+  std::stringstream undone;
+  Io io3{in, undone, err};
+  ASSERT_EQ(setupMount(setup, io3), 0) << err.str();
+  EXPECT_EQ(*readFile(fstab), original);
+  if (aclsHere) {
+    EXPECT_TRUE(readProblem(home + "/Library", plex, "\n"));
+    struct stat st {};
+    ::stat(closed.c_str(), &st);
+    EXPECT_EQ(st.st_mode & 0777, 0700u) << "plain mode bits again";
+  }
 }

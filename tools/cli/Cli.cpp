@@ -145,6 +145,12 @@ std::unique_ptr<SettingsStore> openSettings(const std::optional<std::string>& ho
       paths.settingsPath, access == HomeAccess::write ? SettingsAccess::readWrite : SettingsAccess::readOnly);
 }
 
+std::unique_ptr<SettingsStore> openSettingsAt(const AppPaths& paths, HomeAccess access) {
+  if (paths.homeOverride) return openSettings(paths.homeOverride, access);
+  return std::make_unique<SettingsStore>(
+      paths.settingsPath, access == HomeAccess::write ? SettingsAccess::readWrite : SettingsAccess::readOnly);
+}
+
 std::string dataFolder(const std::optional<std::string>& home) {
   return home ? AppPaths::forTestHome(*home).dataDirectory : AppPaths::fromEnvironment().dataDirectory;
 }

@@ -14,7 +14,8 @@
 
 namespace vt {
 class SettingsStore;
-}
+struct AppPaths;
+}  // namespace vt
 
 namespace vt::cli {
 
@@ -82,6 +83,9 @@ std::unique_ptr<SettingsStore> openHomeSettings(const std::string& home, HomeAcc
 // application's own, found the way it finds them. A home the application
 // never opened reads as empty settings, and nothing is created.
 std::unique_ptr<SettingsStore> openSettings(const std::optional<std::string>& home, HomeAccess access);
+
+// The settings of a set of paths: a test home's or a user's own.
+std::unique_ptr<SettingsStore> openSettingsAt(const AppPaths& paths, HomeAccess access);
 
 // The data folder of --home, or the application's own.
 std::string dataFolder(const std::optional<std::string>& home);

@@ -4,7 +4,7 @@ namespace vt::cli {
 
 const std::vector<Verb>& verbs() {
   // New verbs plug in here.
-  static const std::vector<Verb> table = {releaseVerb(), rankVerb(), configVerb(), resolveVerb()};
+  static const std::vector<Verb> table = {releaseVerb(), rankVerb(), configVerb(), resolveVerb(), setupMountVerb()};
   return table;
 }
 

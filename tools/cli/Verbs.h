@@ -6,7 +6,9 @@
 #include <string>
 
 #include "cli/Cli.h"
+#include "platform/FolderAccess.h"
 #include "platform/Json.h"
+#include "platform/Paths.h"
 #include "sources/StreamCandidate.h"
 #include "sources/ranking/StreamRanker.h"
 #include "sources/resolve/StremioResolver.h"
@@ -47,10 +49,22 @@ int configCommand(const Arguments& args, Io& io);
 // Nothing is written to the library.
 QCoro::Task<int> resolveLink(StremioResolver resolver, StreamRanker ranker, std::string link, std::ostream& out);
 
+// setup-mount: what the kernel NFS client needs so that `user` can mount the
+// library folders without root, readable by the media server's account.
+struct MountSetup {
+  Account user;
+  AppPaths paths;  // the user's data folder and settings
+  std::string fstab = "/etc/fstab";
+  std::optional<Account> mediaServer;  // none: no folder rights are given
+  bool remove = false;
+};
+int setupMount(const MountSetup& setup, Io& io);
+
 // The verb table entries.
 Verb releaseVerb();
 Verb rankVerb();
 Verb configVerb();
 Verb resolveVerb();
+Verb setupMountVerb();
 
 }  // namespace vt::cli

@@ -3,6 +3,8 @@
 #include <charconv>
 #include <cmath>
 
+#include <QString>
+
 namespace vt {
 
 std::string_view trimmedView(std::string_view text, std::string_view chars) {
@@ -45,6 +47,10 @@ std::string formatFixed(double value, int decimals) {
   const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, decimals);
   if (ec != std::errc()) return "0";
   return std::string(buf, end);
+}
+
+std::string validUtf8(std::string_view text) {
+  return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size())).toUtf8().toStdString();
 }
 
 std::string cutUtf8(std::string_view text, size_t maxBytes) {

@@ -29,6 +29,9 @@ std::vector<std::string> splitAny(std::string_view text, std::string_view separa
 // "%.Nf" in the C locale whatever the process's locale ("1.50", not "1,50").
 std::string formatFixed(double value, int decimals);
 
+// The text with every invalid UTF-8 sequence replaced by U+FFFD.
+std::string validUtf8(std::string_view text);
+
 // At most `maxBytes` of UTF-8 text, cut before a character that would not fit.
 std::string cutUtf8(std::string_view text, size_t maxBytes);
 

@@ -499,6 +499,10 @@ TEST(StremioResolver, BadRowsAreReadLenientlyAndCut) {
   EXPECT_EQ((*wrong)[0], (CachedStream{std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
                                        std::nullopt, "torrentio"}));
   EXPECT_FALSE(StremioResolver::decodeStreams(R"({"streams":[{"name":"x")", "comet"));
+  const auto bytes =
+      StremioResolver::decodeStreams("{\"streams\":[{\"name\":\"[RD+] \xff\xfe\",\"url\":\"u\"}]}", "torrentio");
+  ASSERT_TRUE(bytes) << "broken UTF-8 in one name";
+  EXPECT_EQ((*bytes)[0].name, "[RD+] \uFFFD\uFFFD");
 
   Json rows = Json::array();
   const std::string huge(3'000'000, 'A');

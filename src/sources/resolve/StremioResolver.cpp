@@ -270,7 +270,10 @@ QCoro::Task<Result<StremioResolver::MetaInfo, ResolveError>> StremioResolver::me
 
 std::optional<std::vector<CachedStream>> StremioResolver::decodeStreams(std::string_view body,
                                                                         std::string_view provider) {
-  const auto root = json::parse(body);
+  auto root = json::parse(body);
+  // Names of any bytes: a row with broken UTF-8 costs its characters, not
+  // the whole answer.
+  if (!root) root = json::parse(validUtf8(body));
   if (!root || !root->is_object()) return std::nullopt;
   std::vector<CachedStream> rows;
   const auto list = root->find("streams");

@@ -13,6 +13,7 @@
 #include "NfsService.h"
 #include "NfsTree.h"
 #include "Xdr.h"
+#include "engine/EngineTestKit.h"
 #include "platform/SerialFileWriter.h"
 #include "support/TestKit.h"
 
@@ -222,11 +223,7 @@ struct Client {
   }
 };
 
-std::string pattern(size_t n, int seed) {
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131 + seed + i / 4096) & 0xff);
-  return s;
-}
+std::string pattern(int n, int seed) { return vt::test::pattern(n, seed).toStdString(); }
 
 }  // namespace
 

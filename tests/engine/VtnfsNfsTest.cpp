@@ -14,6 +14,7 @@
 
 using namespace vt;
 using vt::test::FakeHttpServer;
+using vt::test::pattern;
 using vt::test::VtnfsProcess;
 
 namespace {
@@ -42,16 +43,8 @@ ToolResult runTool(const QString& program, const QStringList& args, int limitMs 
   return r;
 }
 
-QByteArray pattern(int n, int seed) {
-  QByteArray b(n, '\0');
-  for (int i = 0; i < n; ++i) b[i] = static_cast<char>((i * 131 + seed + i / 4096) & 0xff);
-  return b;
-}
-
 void writeBytes(const std::string& path, const QByteArray& bytes) {
-  QFile f(QString::fromStdString(path));
-  ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-  f.write(bytes);
+  ASSERT_TRUE(writeFileAtomically(path, bytes.toStdString()));
 }
 
 EngineEntry entry(const std::string& name, int64_t size) {

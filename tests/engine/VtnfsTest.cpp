@@ -25,12 +25,6 @@ std::vector<std::string> names(const EngineStatusPayload& p) {
   return out;
 }
 
-QByteArray bytes(int n, int seed) {
-  QByteArray b(n, '\0');
-  for (int i = 0; i < n; ++i) b[i] = static_cast<char>((i * 31 + seed) & 0xff);
-  return b;
-}
-
 }  // namespace
 
 TEST(Vtnfs, ServesStatusAdoptionAndReloadOverItsControlPort) {
@@ -84,7 +78,7 @@ TEST(Vtnfs, ServesStatusAdoptionAndReloadOverItsControlPort) {
 TEST(Vtnfs, WarmingReadsTheEndsOfLocalAndHttpSources) {
   test::TestHome home;
   const auto local = home.file("local.bin");
-  const auto content = bytes(3 * 1024 * 1024 + 17, 1);
+  const auto content = test::pattern(3 * 1024 * 1024 + 17, 1);
   ASSERT_TRUE(writeFileAtomically(local, content.toStdString()));
   FakeHttpServer cdn;
   test::serveBytes(cdn, "/film.mkv", content);

@@ -265,7 +265,7 @@ TEST(NfsTree, KeepsHandlesAcrossRebuildsAndSkipsUnusablePaths) {
   EXPECT_EQ(tree.totalBytes(), 25);
 }
 
-TEST(NfsService, MountsLooksUpListsAndReadsTheTree) {
+TEST(NfsService, ServesTheTreeAndAnswersMistakesAndWritesByTheProtocol) {
   MemoryBackend backend;
   const std::string film = pattern(3 * 1024 * 1024 + 17, 1), episode = pattern(1000, 2);
   std::vector<std::pair<std::string, std::string>> files = {{"Film (2020)/Film (2020).mkv", film},
@@ -331,17 +331,9 @@ TEST(NfsService, MountsLooksUpListsAndReadsTheTree) {
   EXPECT_EQ(nfs.list(many, true, 2048, &pages), expected);
   EXPECT_GT(pages, 3);
   EXPECT_EQ(nfs.list(root, true, 65536), (std::vector<std::string>{".", "..", "Film (2020)", "Many", "Show"}));
-}
 
-TEST(NfsService, AnswersMistakesAndWritesByTheProtocol) {
-  MemoryBackend backend;
-  backend.set({{"A/a.mkv", "aaaa"}, {"B/b.mkv", "bbbb"}});
-  NfsService service(backend, 0, 0);
-  Client nfs{service};
-  const uint64_t a = nfs.lookup(nfs.lookup(NfsTree::kRootId, "A"), "a.mkv");
-  const uint64_t b = nfs.lookup(nfs.lookup(NfsTree::kRootId, "B"), "b.mkv");
+  // Calls it can't take.
   uint32_t low = 0, high = 0;
-
   EXPECT_EQ(nfs(100000, 0).acceptStat, 1u);  // PROG_UNAVAIL: no portmapper here
   auto mismatch = decode(vt::test::runTask(service.handle(call(kNfs, 2, 0))));
   EXPECT_EQ(mismatch.acceptStat, 2u);  // PROG_MISMATCH, 3 to 3
@@ -351,24 +343,25 @@ TEST(NfsService, AnswersMistakesAndWritesByTheProtocol) {
   EXPECT_EQ(high, 3u);
   EXPECT_EQ(nfs(kNfs, 22).acceptStat, 3u);  // PROC_UNAVAIL
   EXPECT_EQ(nfs(kMount, 6).acceptStat, 3u);
-  EXPECT_EQ(nfs(kNfs, 6, [&](XdrWriter& w) { fh(w, a); }).acceptStat, 4u);  // GARBAGE_ARGS: no offset
+  EXPECT_EQ(nfs(kNfs, 6, [&](XdrWriter& w) { fh(w, filmId); }).acceptStat, 4u);  // GARBAGE_ARGS: no offset
   auto denied = decode(vt::test::runTask(service.handle(call(kNfs, 3, 0, {}, 7, 3))));
   EXPECT_EQ(denied.replyStat, 1u);  // MSG_DENIED, RPC_MISMATCH
 
   // Writes answer read-only (NFS3ERR_ROFS).
-  for (uint32_t proc : {2u, 7u, 21u}) EXPECT_EQ(nfs.status(kNfs, proc, [&](XdrWriter& w) { fh(w, a); }), 30u) << proc;
+  for (uint32_t proc : {2u, 7u, 21u})
+    EXPECT_EQ(nfs.status(kNfs, proc, [&](XdrWriter& w) { fh(w, filmId); }), 30u) << proc;
   EXPECT_EQ(nfs.status(kNfs, 6, readArgs(NfsTree::kRootId, 0, 10)), 21u);           // ISDIR
   EXPECT_EQ(nfs.status(kNfs, 1, [](XdrWriter& w) { w.opaque("short"); }), 10001u);  // BADHANDLE
 
   // A source failure is an I/O error, not a hang or a crash.
   backend.failReads = true;
-  EXPECT_EQ(nfs.status(kNfs, 6, readArgs(a, 0, 4)), 5u);
+  EXPECT_EQ(nfs.status(kNfs, 6, readArgs(filmId, 0, 4)), 5u);
   backend.failReads = false;
 
-  // After a reload without b, its handle is stale; a's still reads.
-  backend.set({{"A/a.mkv", "aaaa"}, {"C/c.mkv", "cc"}});
-  EXPECT_EQ(nfs.status(kNfs, 1, [&](XdrWriter& w) { fh(w, b); }), 70u);
-  EXPECT_EQ(nfs.read(a, 0, 10), "aaaa");
+  // After a reload without the episode, its handle is stale; the film still reads.
+  backend.set({{"Film (2020)/Film (2020).mkv", film}});
+  EXPECT_EQ(nfs.status(kNfs, 1, [&](XdrWriter& w) { fh(w, ep); }), 70u);
+  EXPECT_TRUE(nfs.read(filmId, 0, 10) == film.substr(0, 10));
 
   // A reply record is not answered; a record too short for a call closes.
   std::string replyRecord;

@@ -175,9 +175,8 @@ TEST_F(EngineSupervisorTest, ACrashLoopBacksOffTwoToThirtyTwoSecondsThenGivesUp)
   EXPECT_EQ(sup.lastError(), "Vantory stopped unexpectedly.");
   ASSERT_EQ(app.linesWith("giving up after 5 attempts").size(), 1u);
   const auto waits = app.linesWith("will restart");
-  const auto launches = app.linesWith("launched engine");
   ASSERT_EQ(waits.size(), 5u);
-  ASSERT_EQ(launches.size(), 6u);
+  ASSERT_EQ(app.linesWith("launched engine").size(), 6u);
   const int delays[] = {2, 4, 8, 16, 32};
   for (int i = 0; i < 5; ++i) {
     EXPECT_NE(waits[i].second.find("(attempt " + std::to_string(i + 1) + "/5) in " + std::to_string(delays[i]) + "s"),

@@ -13,9 +13,7 @@ using namespace vt;
 
 namespace {
 
-LibraryTitle title(const std::string& name, const std::string& url, Date resolvedAt) {
-  return test::sampleTitle(name, url, resolvedAt);
-}
+const auto title = test::sampleTitle;
 
 struct SmallLibrary {
   test::TestHome home;
@@ -89,9 +87,7 @@ TEST(Manifest, ExactBytesForASmallLibrary) {
   EXPECT_TRUE(plain.movie[2].hidden);
   EXPECT_EQ(plain.movie[2].name, "Big (2020) {imdb-tt2}.es.srt");
 
-  // The manifest reads back as written.
   EXPECT_EQ(decodeEngineConfig(encodeEngineConfig(entries.movie)), entries.movie);
-  EXPECT_EQ(encodeEngineConfig({}), R"({"entries":[]})");
 }
 
 TEST(Manifest, FingerprintsFollowWhatTheyShouldAndNothingElse) {
@@ -110,17 +106,13 @@ TEST(Manifest, FingerprintsFollowWhatTheyShouldAndNothingElse) {
   auto lazy = base;
   lazy[1].lazy = true;
   EXPECT_EQ(fingerprints(lazy).all, before.all) << "lazy is not part of it";
-
   auto hiddenUrl = base;
   hiddenUrl[0].url = "https://cdn/h2";
   EXPECT_NE(fingerprints(hiddenUrl).all, before.all);
   EXPECT_EQ(fingerprints(hiddenUrl).visible, before.visible);
-
   auto revealed = base;
   revealed[0].hidden = false;
-  EXPECT_NE(fingerprints(revealed).all, before.all);
   EXPECT_NE(fingerprints(revealed).visible, before.visible);
-
   auto mirrors = base;
   mirrors[1].alt_sources = std::vector<EngineAltSource>{};
   EXPECT_EQ(fingerprintText(mirrors), fingerprintText(base)) << "an empty list reads as none";
@@ -134,10 +126,7 @@ TEST(Manifest, FingerprintsFollowWhatTheyShouldAndNothingElse) {
             "false\x1F");
 }
 
-TEST(Manifest, TitlesWithoutUrlAndSubtitleNames) {
-  SmallLibrary lib;
-  auto entries = buildEntries(lib.store, nullptr, true);
-  for (const auto& e : entries.movie) EXPECT_EQ(e.name.find("Pending"), std::string::npos);
+TEST(Manifest, SubtitleNamesFollowTheTitleWithOrWithoutAnExtension) {
   test::TestHome home;
   ManualClock clock;
   LibraryStore store(home.file("l.json"), clock);
@@ -157,41 +146,23 @@ TEST(Manifest, TitlesWithoutUrlAndSubtitleNames) {
 TEST(EngineContract, DecodingRulesOfTheControlReplies) {
   auto ok = decodeEngineStatus(R"({"entries":[{"name":"a","size":5,"probe_ready":true},{"name":"b"}]})");
   ASSERT_TRUE(ok);
-  EXPECT_EQ(ok->entries.size(), 2u);
-  EXPECT_EQ(ok->entries[0].probe_ready, true);
   EXPECT_EQ(ok->entries[1].size, std::nullopt);
   EXPECT_FALSE(decodeEngineStatus(R"({"entries":[{"name":"a"},{"size":5}]})")) << "one entry without a name";
   EXPECT_FALSE(decodeEngineStatus(R"({"entries":[{"name":"a","warmed":"yes"}]})"));
-  EXPECT_FALSE(decodeEngineStatus("garbage"));
 
-  auto noPid = decodeEngineAdoption(R"({"version":"1.0","rd_key_sha256":"ab"})");
-  ASSERT_TRUE(noPid);
-  EXPECT_EQ(noPid->pid, std::nullopt);
-  EXPECT_FALSE(decodeEngineAdoption(R"({"pid":5,"rd_key_sha256":"ab"})"));
+  EXPECT_EQ(decodeEngineAdoption(R"({"version":"1.0","rd_key_sha256":"ab"})")->pid, std::nullopt);
   EXPECT_FALSE(decodeEngineAdoption(R"({"pid":5,"version":"1.0"})"));
-  EXPECT_EQ(decodeEngineAdoption(R"({"pid":5,"version":"1.0","rd_key_sha256":"ab"})")->pid, 5);
   EXPECT_EQ(EngineStatusClient::keyHash("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
-TEST(EngineContract, InstanceConstants) {
+TEST(EngineContract, TheTvInstanceSitsBesideTheFilmInstance) {
   test::TestHome home;
   auto store = SettingsStore::openForTestHome(home.path());
   AppConfig config(*store);
   config.setControlURLString("http://127.0.0.1:13000");
-  auto movie = EngineInstancePaths::forKind(EngineKind::movie, "/data", config);
   auto tv = EngineInstancePaths::forKind(EngineKind::tv, "/data", config);
-  EXPECT_EQ(movie.label, "[supervisor]");
-  EXPECT_EQ(tv.label, "[tv-supervisor]");
-  EXPECT_EQ(movie.nfsAddress, "127.0.0.1:12049");
   EXPECT_EQ(tv.nfsAddress, "127.0.0.1:12051");
-  EXPECT_EQ(movie.controlURL->port(), 13000);
-  EXPECT_EQ(tv.controlURL->port(), 13002);
   EXPECT_EQ(tv.controlAddress, "127.0.0.1:13002");
-  EXPECT_EQ(movie.mountPoint, "/data/Library");
   EXPECT_EQ(tv.mountPoint, "/data/Library TV");
-  EXPECT_EQ(movie.configURL, "/data/entries.json");
   EXPECT_EQ(tv.configURL, "/data/tv/entries.json");
-  EXPECT_EQ(tv.pidFile, "/data/tv/vtnfs.pid");
-  EXPECT_EQ(tv.logFile, "/data/tv/engine.log");
-  EXPECT_EQ(movie.probeCache, "/data/probe-cache");
 }

@@ -23,6 +23,13 @@ inline EngineEntry entry(const std::string& name, const std::string& url = "", c
   return e;
 }
 
+// Bytes that differ from one offset and one 4 KiB page to the next.
+inline QByteArray pattern(int n, int seed) {
+  QByteArray b(n, '\0');
+  for (int i = 0; i < n; ++i) b[i] = static_cast<char>((i * 131 + seed + i / 4096) & 0xff);
+  return b;
+}
+
 // The real vtnfs executable on free loopback ports, for tests.
 class VtnfsProcess {
  public:

@@ -29,6 +29,14 @@ std::string readAll(SourceReader& reader, const vt::EngineEntry& entry) {
 
 QStringList chunkFiles(const QString& folder) { return QDir(folder).entryList({"*.chunk"}, QDir::Files); }
 
+vt::EngineEntry entryAt(vt::test::FakeHttpServer& host, const std::string& name, int64_t size) {
+  vt::EngineEntry entry;
+  entry.name = name;
+  entry.size = size;
+  entry.url = host.url("/film").toString().toStdString();
+  return entry;
+}
+
 }  // namespace
 
 TEST(SourceReader, KeepsChunksOnDiskWithinItsBudgetAcrossRestartsAndRefetchesADamagedOne) {
@@ -40,10 +48,7 @@ TEST(SourceReader, KeepsChunksOnDiskWithinItsBudgetAcrossRestartsAndRefetchesADa
   QByteArray film(static_cast<int>(5 * kChunk + 4321), '\0');
   for (auto& c : film) c = static_cast<char>(rng());
   vt::test::serveBytes(host, "/film", film);
-  vt::EngineEntry entry;
-  entry.name = "Film/Film.mkv";
-  entry.size = film.size();
-  entry.url = host.url("/film").toString().toStdString();
+  const auto entry = entryAt(host, "Film/Film.mkv", film.size());
   const QString cache = QString::fromStdString(home.file("probe-cache"));
   const auto settled = [](SourceReader& reader, int64_t bytes) {
     return vt::test::spinUntil([&] { return !reader.diskWritesPending() && reader.diskBytes() == bytes; });
@@ -104,10 +109,7 @@ TEST(SourceReader, GoingAwayClosesItsOpenRequestsAndCallsNothingAfterwards) {
     }
     reply.hold();
   });
-  vt::EngineEntry entry;
-  entry.name = "Film.mkv";
-  entry.size = film.size();
-  entry.url = host.url("/film").toString().toStdString();
+  const auto entry = entryAt(host, "Film.mkv", film.size());
   int hookCalls = 0;
   SourceReader::Hooks hooks{[&](const std::string&) { ++hookCalls; },
                             [&](const std::string&, int64_t) { ++hookCalls; }};
@@ -140,8 +142,7 @@ TEST(SourceReader, GoingAwayClosesItsOpenRequestsAndCallsNothingAfterwards) {
   EXPECT_EQ(host.abandonedRequests(), 0);
   EXPECT_FALSE(waitedAhead || waitedOwn);
 
-  // The reader goes: its three open requests close, the waiting readers
-  // learn it, and nothing of the reader is called any more.
+  // The reader goes: its three open requests close, the waiting readers learn it, and no hook is called after.
   const int callsBefore = hookCalls;
   reader.reset();
   EXPECT_TRUE(vt::test::spinUntil([&] { return host.abandonedRequests() == 3; })) << host.abandonedRequests();

@@ -1,9 +1,9 @@
-// The engine driven in this process, for what its tree, log and control
-// replies show directly.
+// The engine driven in this process, for what its tree, log and control replies show directly.
 #include <gtest/gtest.h>
 
 #include <QFile>
 #include <memory>
+#include <sstream>
 
 #include "Engine.h"
 #include "engine/EngineStatusClient.h"
@@ -39,11 +39,8 @@ struct LocalEngine {
   std::string log() const { return readFile(logFile).value_or(""); }
   std::vector<std::string> logLines() const {
     std::vector<std::string> lines;
-    const std::string text = log();
-    size_t start = 0;
-    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
-      lines.push_back(text.substr(start, nl - start));
-    if (start < text.size()) lines.push_back(text.substr(start));
+    std::istringstream in(log());
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
   }
   HttpResponse post(const QString& path) {
@@ -74,7 +71,6 @@ TEST(VtnfsEngine, RefusesAFileNamedLikeAFolderOfOtherEntriesAndKeepsTheFolder) {
   EXPECT_TRUE(folder->dir);
   EXPECT_TRUE(tree.child(*folder, "b.mkv"));
   EXPECT_TRUE(tree.fileForEntry("A/c/d.mkv"));
-  EXPECT_TRUE(tree.fileForEntry("B"));
   EXPECT_FALSE(e.engine->entries().count("A"));
   EXPECT_EQ(e.engine->entries().size(), 3u);
   EXPECT_NE(e.log().find("refused entry \"A\": a folder of that name holds other entries"), std::string::npos)
@@ -83,8 +79,7 @@ TEST(VtnfsEngine, RefusesAFileNamedLikeAFolderOfOtherEntriesAndKeepsTheFolder) {
   // The same holds when the clash comes with a reload.
   ASSERT_TRUE(
       writeFileAtomically(e.manifest, encodeEngineConfig({entry("B/x.mkv", "http://x/x"), entry("B", "http://x/B")})));
-  const auto reply = e.post("/control/reload");
-  EXPECT_EQ(reply.status, 200);
+  EXPECT_EQ(e.post("/control/reload").status, 200);
   EXPECT_TRUE(tree.fileForEntry("B/x.mkv"));
   EXPECT_FALSE(e.engine->entries().count("B"));
 }
@@ -97,18 +92,16 @@ TEST(VtnfsEngine, AReloadOfAManifestThatDoesNotReadAnswersAnErrorAndKeepsTheEntr
   ASSERT_TRUE(writeFileAtomically(e.manifest, "{\"entries\": [ not json"));
   auto reply = e.post("/control/reload");
   EXPECT_EQ(reply.status, 422);
-  auto body = reply.json();
-  ASSERT_TRUE(body && body->is_object() && body->contains("error")) << reply.body.toStdString();
-  EXPECT_NE((*body)["error"].get<std::string>().find("is not a valid manifest"), std::string::npos);
-  EXPECT_FALSE(body->contains("deferred"));
+  ASSERT_TRUE(reply.json() && reply.json()->contains("error")) << reply.body.toStdString();
+  EXPECT_NE(reply.body.indexOf("is not a valid manifest"), -1) << reply.body.toStdString();
+  EXPECT_FALSE(reply.body.contains("deferred"));
   EXPECT_EQ(e.engine->entries().size(), 1u);
 
   ASSERT_TRUE(QFile::remove(QString::fromStdString(e.manifest)));
   reply = e.post("/control/reload");
   EXPECT_EQ(reply.status, 500);
-  body = reply.json();
-  ASSERT_TRUE(body && body->is_object() && body->contains("error"));
-  EXPECT_NE((*body)["error"].get<std::string>().find("could not be read"), std::string::npos);
+  ASSERT_TRUE(reply.json() && reply.json()->contains("error")) << reply.body.toStdString();
+  EXPECT_NE(reply.body.indexOf("could not be read"), -1) << reply.body.toStdString();
   EXPECT_TRUE(e.engine->tree().fileForEntry("A.mkv"));
 
   // A good manifest reloads as before.
@@ -122,12 +115,8 @@ TEST(VtnfsEngine, AReloadOfAManifestThatDoesNotReadAnswersAnErrorAndKeepsTheEntr
 TEST(VtnfsEngine, ALocalSizeLearntByWarmingShowsInTheListingAtOnce) {
   test::TestHome home;
   const auto local = home.file("local.bin");
-  const QByteArray content(3 * 1024 * 1024 + 17, 'v');
-  {
-    QFile f(QString::fromStdString(local));
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(content);
-  }
+  const std::string content(3 * 1024 * 1024 + 17, 'v');
+  ASSERT_TRUE(writeFileAtomically(local, content));
   LocalEngine e(home, {entry("Local.mkv", "", local)});
   ASSERT_TRUE(e.started);
   EXPECT_EQ(e.engine->tree().fileForEntry("Local.mkv")->size, 1234);
@@ -137,8 +126,8 @@ TEST(VtnfsEngine, ALocalSizeLearntByWarmingShowsInTheListingAtOnce) {
   ASSERT_TRUE(test::spinUntil([&] { return e.engine->entries().at("Local.mkv").probeReady; }));
   const vtnfs::NfsNode* file = e.engine->tree().fileForEntry("Local.mkv");
   ASSERT_TRUE(file);
-  EXPECT_EQ(file->size, content.size());
-  EXPECT_EQ(e.engine->tree().totalBytes(), content.size());
+  EXPECT_EQ(file->size, static_cast<int64_t>(content.size()));
+  EXPECT_EQ(e.engine->tree().totalBytes(), static_cast<int64_t>(content.size()));
 }
 
 TEST(VtnfsEngine, EscapesControlCharactersInEveryLogLine) {

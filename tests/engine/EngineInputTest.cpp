@@ -11,6 +11,7 @@
 #include "SourceReader.h"
 #include "engine/EngineStatusClient.h"
 #include "engine/EngineTestKit.h"
+#include "engine/LocalEngine.h"
 #include "fakes/FakeFileHost.h"
 #include "platform/Clock.h"
 #include "platform/Http.h"
@@ -21,38 +22,7 @@ using namespace vt;
 
 namespace {
 
-// An engine in this process on free loopback ports over a manifest.
-struct Engine {
-  Engine(const test::TestHome& home, const std::vector<EngineEntry>& entries)
-      : manifest(home.file("entries.json")), logFile(home.file("engine.log")) {
-    EXPECT_TRUE(writeFileAtomically(manifest, encodeEngineConfig(entries)));
-    vtnfs::Options o;
-    o.config = manifest;
-    o.nfsHost = o.controlHost = "127.0.0.1";
-    o.nfsPort = test::freePort();
-    o.controlPort = test::freePort();
-    o.mount = "/tmp/unused-mount";
-    o.log = logFile;
-    control = QUrl(QStringLiteral("http://127.0.0.1:%1").arg(o.controlPort));
-    engine = std::make_unique<vtnfs::Engine>(o);
-    std::string error;
-    EXPECT_TRUE(engine->start(error)) << error;
-  }
-  std::string log() const { return readFile(logFile).value_or(""); }
-  HttpResponse post(const QString& path, const QByteArray& body = {}) {
-    HttpRequest request;
-    request.url = control.resolved(QUrl(path));
-    request.method = "POST";
-    request.body = body;
-    request.headers.emplace_back("Content-Type", "application/json");
-    request.timeoutSeconds = 10;
-    return test::runTask(sharedHttpClient().send(std::move(request)));
-  }
-
-  std::string manifest, logFile;
-  QUrl control;
-  std::unique_ptr<vtnfs::Engine> engine;
-};
+using Engine = test::LocalEngine;
 
 }  // namespace
 

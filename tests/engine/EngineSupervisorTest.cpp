@@ -87,6 +87,7 @@ struct App {
     env.prepareLibrary = libraryPreparer(plex, library, env.log);
     env.playbackActive = [this] { return playback; };
     env.probeFolder = [](std::string, double) -> QCoro::Task<bool> { co_return true; };
+    env.mediaServerAccessProblem = [this](const std::string&) { return plexProblem; };
     supervisor = std::make_unique<EngineSupervisor>(config, library, std::move(env));
     supervisor->movie().paths.nfsAddress = "127.0.0.1:" + std::to_string(nfsPort);
     QObject::connect(supervisor.get(), &EngineSupervisor::stateChanged,
@@ -125,6 +126,7 @@ struct App {
   HttpClient http;  // its timeouts run on the virtual clock
   PMSClientFactory plex{config, http};
   bool playback = false;
+  std::optional<std::string> plexProblem;  // what the readability check finds
   std::unique_ptr<EngineSupervisor> supervisor;
   std::vector<std::pair<Date, std::string>> lines;
   std::vector<std::pair<Date, EngineState>> stateTimes;
@@ -196,8 +198,16 @@ TEST_F(EngineSupervisorTest, ACrashLoopBacksOffTwoToThirtyTwoSecondsThenGivesUp)
 TEST_F(EngineSupervisorTest, ACrashAfterThirtySecondsOfRunningRestartsAfterTwoSeconds) {
   App& app = standardApp();
   auto& sup = *app.supervisor;
+  app.plexProblem = "the account \"plex\" may not enter /home/u";
   ASSERT_TRUE(app.startUntil(EngineState::running));
-  EXPECT_EQ(app.linesWith("[supervisor] ready — library folder at " + home.path() + "/Library").size(), 1u);
+  const auto ready = app.linesWith("[supervisor] ready — library folder at " + home.path() + "/Library");
+  ASSERT_EQ(ready.size(), 1u);
+  // Running all the same, with the reason Plex sees nothing right after.
+  const auto at = std::find(app.lines.begin(), app.lines.end(), ready[0]);
+  ASSERT_NE(at + 1, app.lines.end());
+  EXPECT_EQ((at + 1)->second, "[supervisor] warning: Plex can't read the library folder: " + *app.plexProblem);
+  EXPECT_EQ(sup.mediaServerAccessProblem(EngineKind::movie), app.plexProblem);
+  app.plexProblem.reset();
 
   // A quick crash uses an attempt, which 30 s of running gives back.
   ::kill(*sup.movie().runningPid(), SIGKILL);

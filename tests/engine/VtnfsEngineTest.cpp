@@ -8,6 +8,7 @@
 #include "Engine.h"
 #include "engine/EngineStatusClient.h"
 #include "engine/EngineTestKit.h"
+#include "engine/LocalEngine.h"
 #include "fakes/FakeHttpServer.h"
 #include "platform/Http.h"
 #include "platform/SerialFileWriter.h"
@@ -17,46 +18,7 @@ using namespace vt;
 namespace {
 
 using vt::test::entry;
-
-// An engine on free loopback ports over a manifest in a test home.
-struct LocalEngine {
-  explicit LocalEngine(const test::TestHome& home, const std::vector<EngineEntry>& entries)
-      : manifest(home.file("entries.json")), logFile(home.file("engine.log")) {
-    EXPECT_TRUE(writeFileAtomically(manifest, encodeEngineConfig(entries)));
-    vtnfs::Options o;
-    o.config = manifest;
-    o.nfsHost = o.controlHost = "127.0.0.1";
-    o.nfsPort = test::freePort();
-    o.controlPort = test::freePort();
-    o.mount = "/tmp/unused-mount";
-    o.log = logFile;
-    control = QUrl(QStringLiteral("http://127.0.0.1:%1").arg(o.controlPort));
-    engine = std::make_unique<vtnfs::Engine>(o);
-    std::string error;
-    started = engine->start(error);
-    EXPECT_TRUE(started) << error;
-  }
-  std::string log() const { return readFile(logFile).value_or(""); }
-  std::vector<std::string> logLines() const {
-    std::vector<std::string> lines;
-    std::istringstream in(log());
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-  }
-  HttpResponse post(const QString& path) {
-    HttpRequest request;
-    request.url = control.resolved(QUrl(path));
-    request.method = "POST";
-    request.timeoutSeconds = 10;
-    return test::runTask(sharedHttpClient().send(std::move(request)));
-  }
-
-  std::string manifest;
-  std::string logFile;
-  QUrl control;
-  std::unique_ptr<vtnfs::Engine> engine;
-  bool started = false;
-};
+using vt::test::LocalEngine;
 
 }  // namespace
 

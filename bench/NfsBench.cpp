@@ -1,8 +1,8 @@
 // Sequential read of a 1 GiB file through the engine's NFS export with
 // libnfs, from a `local` source and from a loopback HTTP source, beside a
 // plain read of the same file and beside what one loopback TCP connection
-// carries at all. The aim: NFS from a local source at least half as fast as
-// the plain read.
+// carries at all; and four files read in parallel through libnfs and
+// through the FUSE helper's mount.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <nfsc/libnfs.h>
@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QEventLoop>
 #include <QFile>
 #include <QHttpServer>
@@ -24,6 +25,7 @@
 #include <QThread>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <thread>
 
@@ -35,6 +37,8 @@ namespace {
 
 constexpr int64_t kFileBytes = int64_t(1) << 30;
 constexpr uint64_t kReadBytes = 1 << 20;
+constexpr int kParallel = 4;
+constexpr int64_t kParallelBytes = int64_t(256) << 20;  // read of each file in the parallel rows
 
 quint16 freePort() {
   QTcpServer s;
@@ -86,8 +90,15 @@ struct Fixture {
     remote.name = "Http/Http.mkv";
     remote.size = kFileBytes;
     remote.url = "http://127.0.0.1:" + std::to_string(httpPort) + "/film.bin";
+    std::vector<vt::EngineEntry> entries = {local, remote};
+    // Four more names of the local file, for parallel reads.
+    for (int i = 0; i < kParallel; ++i) {
+      vt::EngineEntry e = local;
+      e.name = "Par/P" + std::to_string(i) + ".mkv";
+      entries.push_back(e);
+    }
     const auto manifest = dir.filePath("entries.json").toStdString();
-    vt::writeFileAtomically(manifest, vt::encodeEngineConfig({local, remote}));
+    vt::writeFileAtomically(manifest, vt::encodeEngineConfig(entries));
     engine.setProcessChannelMode(QProcess::ForwardedChannels);
     engine.start(VT_VTNFS_BINARY,
                  {"-config", QString::fromStdString(manifest), "-nfs", QStringLiteral("127.0.0.1:%1").arg(nfsPort),
@@ -280,6 +291,77 @@ BENCHMARK(BM_NfsHttpSource)
     ->Iterations(1)
     ->Repetitions(3)
     ->UseRealTime();
+
+// Four files read at once, each by its own reader of 1 MiB requests, the
+// first 256 MiB of each: through libnfs straight to the engine (one
+// connection per reader), and through the FUSE helper's mount, which the
+// kernel feeds from many threads. The FUSE row should come to at least 70 %
+// of the libnfs row.
+int64_t readParallel(const std::function<int64_t(int)>& readOne) {
+  std::vector<std::thread> readers;
+  std::vector<int64_t> totals(kParallel);
+  for (int i = 0; i < kParallel; ++i) readers.emplace_back([&, i] { totals[i] = readOne(i); });
+  for (auto& r : readers) r.join();
+  int64_t sum = 0;
+  for (auto t : totals) sum += t < 0 ? 0 : t;
+  return sum;
+}
+
+void BM_ParallelLibnfs(benchmark::State& state) {
+  for (auto _ : state) {
+    const int64_t total = readParallel([](int i) -> int64_t {
+      nfs_context* nfs = nfs_init_context();
+      const std::string url = "nfs://127.0.0.1/Par/P" + std::to_string(i) +
+                              ".mkv?version=3&nfsport=" + std::to_string(fixture().nfsPort) +
+                              "&mountport=" + std::to_string(fixture().nfsPort);
+      nfs_url* u = nfs_parse_url_full(nfs, url.c_str());
+      nfsfh* fh = nullptr;
+      int64_t got = 0;
+      if (u && nfs_mount(nfs, u->server, u->path) == 0 && nfs_open(nfs, u->file, O_RDONLY, &fh) == 0) {
+        std::vector<char> buf(kReadBytes);
+        while (got < kParallelBytes) {
+          const int n = nfs_pread(nfs, fh, static_cast<uint64_t>(got), kReadBytes, buf.data());
+          if (n <= 0) break;
+          got += n;
+        }
+        nfs_close(nfs, fh);
+      }
+      if (u) nfs_destroy_url(u);
+      nfs_destroy_context(nfs);
+      return got;
+    });
+    if (total != kParallel * kParallelBytes) state.SkipWithError("short read");
+    state.SetBytesProcessed(state.bytes_processed() + total);
+  }
+}
+BENCHMARK(BM_ParallelLibnfs)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+void BM_ParallelFuse(benchmark::State& state) {
+  const QString mount = fixture().dir.filePath("fuse");
+  QDir().mkpath(mount);
+  QProcess helper;
+  helper.start(VT_VTNFS_MOUNT_BINARY, {QStringLiteral("127.0.0.1:%1").arg(fixture().nfsPort), mount});
+  if (!helper.waitForFinished(10000) || helper.exitCode() != 0) {
+    state.SkipWithError("the FUSE helper could not mount here");
+    return;
+  }
+  for (auto _ : state) {
+    const int64_t total = readParallel([&](int i) -> int64_t {
+      const std::string path = (mount + "/Par/P" + QString::number(i) + ".mkv").toStdString();
+      const int fd = ::open(path.c_str(), O_RDONLY);
+      if (fd < 0) return -1;
+      std::vector<char> buf(kReadBytes);
+      int64_t got = 0;
+      for (ssize_t n; got < kParallelBytes && (n = ::pread(fd, buf.data(), buf.size(), got)) > 0;) got += n;
+      ::close(fd);
+      return got;
+    });
+    if (total != kParallel * kParallelBytes) state.SkipWithError("short read");
+    state.SetBytesProcessed(state.bytes_processed() + total);
+  }
+  QProcess::execute("fusermount3", {"-u", "-z", mount});
+}
+BENCHMARK(BM_ParallelFuse)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 }  // namespace
 

@@ -27,6 +27,8 @@
 
 namespace {
 
+constexpr unsigned kTransferBytes = 1 << 20;
+
 // libnfs contexts are not thread-safe, and one request in flight per context
 // would let a single stalled source freeze the whole folder. So the helper
 // serves FUSE on several threads over a small pool of connections: each
@@ -186,7 +188,14 @@ void fillStat(struct stat* st, const nfs_stat_64& s) {
   st->st_ctim = {static_cast<time_t>(s.nfs_ctime), static_cast<long>(s.nfs_ctime_nsec)};
 }
 
-void* init(fuse_conn_info*, fuse_config* cfg) {
+void* init(fuse_conn_info* conn, fuse_config* cfg) {
+  // Players read big pieces in order: ask the kernel for reads and
+  // read-ahead of a whole NFS transfer each, so that one round trip to the
+  // engine moves 1 MiB rather than 128 KiB.
+  conn->max_read = kTransferBytes;
+  conn->max_readahead = kTransferBytes;
+  conn->max_write = kTransferBytes;  // libfuse sizes the kernel's requests (max_pages) from this
+  conn->max_background = 64;
   // Listings and sizes change when the engine reloads its manifest; keep the
   // kernel's caches short so the folder follows without a remount.
   cfg->use_ino = 1;
@@ -339,7 +348,8 @@ int main(int argc, char** argv) {
   // Other users (Plex runs as its own user) can read the folder when the
   // system allows it; otherwise the folder is the mounting user's alone.
   for (const bool shared : {true, false}) {
-    std::string options = "ro,fsname=vtnfs,subtype=vtnfs,default_permissions";
+    std::string options =
+        "ro,fsname=vtnfs,subtype=vtnfs,default_permissions,max_read=" + std::to_string(kTransferBytes);
     if (shared) options += ",allow_other";
     char arg0[] = "vtnfs-mount";
     char dashO[] = "-o";

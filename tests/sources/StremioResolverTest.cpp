@@ -326,6 +326,21 @@ TEST(StremioResolver, PickableFollowsTheDominantLanguage) {
   const auto kept = res.pickable();
   ASSERT_EQ(kept.size(), 2u);
   for (const auto& k : kept) EXPECT_NE(k.filename.find("ITA"), std::string::npos);
+
+  // Trailers don't vote; a tie at the top goes to the untagged releases.
+  const auto pick = [&](std::vector<CachedStream> rows) {
+    res.streams = w.resolver().candidates(rows, std::nullopt, std::nullopt).streams;
+    std::vector<std::string> names;
+    for (const auto& c : res.pickable()) names.push_back(c.filename);
+    return names;
+  };
+  EXPECT_EQ(pick({row("[RD+] T", "Parasite.Trailer.ITA-A.mkv"), row("[RD+] T", "Parasite.Trailer.ITA-B.mkv"),
+                  row("[RD+] T", "Parasite.2019.1080p-C.mkv")}),
+            std::vector<std::string>{"Parasite.2019.1080p-C.mkv"});
+  EXPECT_EQ(pick({row("[RD+] T", "Parasite.2019.ITA-A.mkv"), row("[RD+] T", "Parasite.2019.FRENCH-B.mkv"),
+                  row("[RD+] T", "Parasite.2019.1080p-C.mkv"), row("[RD+] T", "Parasite.2019.iTALIAN-D.mkv"),
+                  row("[RD+] T", "Parasite.2019.VFF-E.mkv")}),
+            std::vector<std::string>{"Parasite.2019.1080p-C.mkv"});
 }
 
 TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {
@@ -482,10 +497,15 @@ TEST(StremioResolver, EpisodesResolveFromTheSkeleton) {
   auto future = w.run(r.resolveEpisode("tt0903747", 1, 3, show));
   EXPECT_EQ(future.error().kind, Kind::notReleasedYet);
 
-  // By link, the series record gives the title.
+  // By link, the series record gives the title and the episodes' dates.
+  Json record = w.cinemeta.metas.at("series/tt0903747");
+  record["videos"] = Json::array({Json{{"season", 1}, {"episode", 2}, {"released", "2008-01-27T05:00:00.000Z"}},
+                                  Json{{"season", 1}, {"number", 3}, {"released", "2099-01-01T05:00:00.000Z"}}});
+  w.cinemeta.setMeta("series", "tt0903747", record);
   auto byLink = w.run(r.resolve("stremio:///detail/series/tt0903747%3A1%3A2"));
   ASSERT_TRUE(byLink) << why(byLink);
   EXPECT_EQ(byLink->title, "Breaking Bad - S01E02");
+  EXPECT_EQ(w.run(r.resolve("tt0903747:1:3")).error().kind, Kind::notReleasedYet);
 }
 
 TEST(StremioResolver, BadRowsAreReadLenientlyAndCut) {
@@ -620,6 +640,13 @@ TEST(ResolveVerb, PrintsTheCandidatesThenTheTitleOrTheError) {
   EXPECT_TRUE(rows[0]["score"].is_number_integer());
   EXPECT_EQ(rows[2]["title"]["name"], "Inception (2010) {imdb-tt1375666}.mkv");
   EXPECT_EQ(rows[2]["title"]["size"], kFilm);
+
+  std::ostringstream cams;
+  w.torrentio.setReleases("movie", "tt6751668", {{"Parasite.2019.HDCAM.x264-AAA.mkv", kFilm, kHashB}});
+  EXPECT_EQ(w.run(cli::resolveLink(w.resolver(), rankerFor(QualityLevel::balanced), "tt6751668", cams)), 1);
+  EXPECT_EQ(cams.str(),
+            "{\"error\":\"Only camera recordings so far. Turn on \\\"Allow camera recordings\\\" in "
+            "Settings → Quality to see them.\"}\n");
 
   std::ostringstream missing;
   EXPECT_EQ(w.run(cli::resolveLink(w.resolver(), rankerFor(QualityLevel::balanced), "tt0000001", missing)), 1);

@@ -23,15 +23,20 @@ std::string languageTag(const ReleaseInfo& info, const std::optional<std::string
 std::optional<std::string> dominantTag(const std::vector<std::string>& tags) {
   if (tags.empty()) return std::nullopt;
   std::map<std::string, int> counts;
-  std::vector<std::string> order;
-  for (const auto& t : tags)
-    if (counts[t]++ == 0) order.push_back(t);
+  for (const auto& t : tags) ++counts[t];
   int best = 0;
-  for (const auto& [tag, n] : counts) best = std::max(best, n);
-  if (counts.count("") && counts[""] == best) return std::string();
-  for (const auto& t : order)
-    if (counts[t] == best) return t;
-  return std::nullopt;
+  int leaders = 0;
+  std::string leader;
+  for (const auto& [tag, n] : counts) {
+    if (n > best) {
+      best = n;
+      leaders = 1;
+      leader = tag;
+    } else if (n == best) {
+      ++leaders;
+    }
+  }
+  return leaders > 1 ? std::string() : leader;
 }
 
 }  // namespace vt

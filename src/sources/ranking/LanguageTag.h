@@ -14,8 +14,8 @@ namespace vt {
 // labels joined with "+". `originalLanguage` is the film's own label, if known.
 std::string languageTag(const ReleaseInfo& info, const std::optional<std::string>& originalLanguage);
 
-// The tag most cached releases carry; a tie goes to "" when "" is among the
-// leaders, else to the leader seen first. None when no tag was given.
+// The tag most cached releases carry; a tie for the top goes to "". None
+// when no tag was given.
 std::optional<std::string> dominantTag(const std::vector<std::string>& tags);
 
 }  // namespace vt

@@ -184,7 +184,8 @@ bool yearMismatch(const std::string& name, int filmYear, const std::string& titl
 }
 
 std::optional<std::string> hashFromUrl(const std::string& url) {
-  for (const auto& part : splitAny(url, "/?#"))
+  const QUrl parsed(QString::fromStdString(url));
+  for (const auto& part : splitAny(parsed.path().toStdString(), "/"))
     if (isHex40(part)) return toLower(part);
   return std::nullopt;
 }
@@ -238,6 +239,22 @@ std::optional<std::string> StremioResolver::originalLanguage(const std::optional
 
 QCoro::Task<Result<StremioResolver::MetaInfo, ResolveError>> StremioResolver::metaInfo(std::string type, std::string id,
                                                                                        CancelToken token) {
+  auto record = co_await metaRecord(std::move(type), std::move(id), token);
+  if (!record) co_return Failure{record.error()};
+  const Json& meta = *record;
+  MetaInfo info;
+  info.title = *textField(meta, "name");
+  info.year = textField(meta, "year").value_or(textField(meta, "releaseInfo").value_or(""));
+  info.released = textField(meta, "released");
+  if (const auto runtime = textField(meta, "runtime")) info.runtimeMinutes = runtimeMinutes(*runtime);
+  info.country = textField(meta, "country");
+  co_return info;
+}
+
+// Cinemeta's "meta" object of a title, with a "name"; the verdicts and the
+// one retry of metaInfo.
+QCoro::Task<Result<Json, ResolveError>> StremioResolver::metaRecord(std::string type, std::string id,
+                                                                    CancelToken token) {
   const QUrl url = services_.cinemeta.resolved(QUrl(QString::fromStdString("meta/" + type + "/" + id + ".json")));
   HttpResponse response;
   for (int attempt = 0; attempt < 2; ++attempt) {
@@ -256,16 +273,26 @@ QCoro::Task<Result<StremioResolver::MetaInfo, ResolveError>> StremioResolver::me
   if (!body || !body->is_object()) co_return fail(Kind::noMeta);
   const auto metaIt = body->find("meta");
   if (metaIt == body->end() || !metaIt->is_object()) co_return fail(Kind::noMeta);
-  const Json& meta = *metaIt;
-  const auto name = textField(meta, "name");
-  if (!name) co_return fail(Kind::noMeta);
-  MetaInfo info;
-  info.title = *name;
-  info.year = textField(meta, "year").value_or(textField(meta, "releaseInfo").value_or(""));
-  info.released = textField(meta, "released");
-  if (const auto runtime = textField(meta, "runtime")) info.runtimeMinutes = runtimeMinutes(*runtime);
-  info.country = textField(meta, "country");
-  co_return info;
+  if (!textField(*metaIt, "name")) co_return fail(Kind::noMeta);
+  Json meta = *metaIt;
+  co_return meta;
+}
+
+SeriesSkeleton StremioResolver::skeletonOf(const Json& meta) {
+  SeriesSkeleton show;
+  show.title = textField(meta, "name").value_or("");
+  show.year = textField(meta, "year").value_or(textField(meta, "releaseInfo").value_or(""));
+  show.country = textField(meta, "country");
+  if (const auto videos = meta.find("videos"); videos != meta.end() && videos->is_array()) {
+    for (const auto& v : *videos) {
+      const auto season = integerField(v, "season");
+      auto episode = integerField(v, "episode");
+      if (!episode) episode = integerField(v, "number");
+      if (!season || !episode) continue;
+      show.episodes.push_back({static_cast<int>(*season), static_cast<int>(*episode), textField(v, "released")});
+    }
+  }
+  return show;
 }
 
 std::optional<std::vector<CachedStream>> StremioResolver::decodeStreams(std::string_view body,
@@ -501,8 +528,10 @@ std::vector<StreamCandidate> StremioResolver::Resolution::pickable() const {
   std::vector<std::string> tags;
   std::vector<std::string> rowTags;
   for (const auto& c : rows) {
-    rowTags.push_back(languageTag(ReleaseParser::parse(firstLine(c.filename)), originalLanguage));
-    if (c.isCached) tags.push_back(rowTags.back());
+    const ReleaseInfo info = ReleaseParser::parse(firstLine(c.filename));
+    rowTags.push_back(languageTag(info, originalLanguage));
+    // Other films and 3D cuts don't get a say in the film's language.
+    if (c.isCached && !info.notTheFilm && !info.stereo3D) tags.push_back(rowTags.back());
   }
   const auto dominant = dominantTag(tags);
   if (!dominant) return rows;
@@ -522,12 +551,12 @@ QCoro::Task<Result<StremioResolver::Resolution, ResolveError>> StremioResolver::
     const auto season = parts.size() == 3 ? parseAsciiInt(parts[1]) : std::nullopt;
     const auto episode = parts.size() == 3 ? parseAsciiInt(parts[2]) : std::nullopt;
     if (!season || !episode) co_return fail(Kind::episodeRequired);
-    auto meta = co_await metaInfo("series", parts[0], token);
+    auto meta = co_await metaRecord("series", parts[0], token);
     if (!meta) {
       logLine("[resolve] series/" + parts[0] + " metadata lookup failed: " + message(meta.error()));
       co_return Failure{meta.error()};
     }
-    SeriesSkeleton skeleton{meta->title, meta->year, meta->country, {}};
+    SeriesSkeleton skeleton = skeletonOf(*meta);
     co_return co_await resolveEpisode(parts[0], *season, *episode, std::move(skeleton), token);
   }
 
@@ -657,9 +686,9 @@ QCoro::Task<std::optional<std::string>> StremioResolver::stableLink(QUrl finalUR
   if (!list) co_return std::nullopt;
   const std::string target = finalURL.toString().toStdString();
   for (const auto& d : *list)
-    if (d.download == target && d.link) co_return d.link;
+    if (d.download == target) co_return std::optional<std::string>(d.link);
   for (const auto& d : *list)
-    if (d.filename == filename && d.link) co_return d.link;
+    if (d.filename == filename) co_return std::optional<std::string>(d.link);
   co_return std::nullopt;
 }
 

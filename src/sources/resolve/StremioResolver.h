@@ -13,6 +13,7 @@
 
 #include "core/LibraryTitle.h"
 #include "platform/Cancellation.h"
+#include "platform/Json.h"
 #include "platform/Result.h"
 #include "sources/StreamCandidate.h"
 #include "sources/providers/StreamProvider.h"
@@ -152,8 +153,8 @@ class StremioResolver {
   // or an IMDb id; percent-encoding is removed first.
   static std::optional<std::pair<std::string, std::string>> parseLink(std::string_view text);
 
-  // A film, or an episode by its link (the episode's dates come from
-  // Cinemeta's series record then).
+  // A film, or an episode by its link (the episode's date then comes from
+  // the "videos" of Cinemeta's series record).
   QCoro::Task<Result<Resolution, ResolveError>> resolve(std::string link, CancelToken token = CancelToken::none());
   QCoro::Task<Result<Resolution, ResolveError>> resolveEpisode(std::string seriesId, int season, int episode,
                                                                SeriesSkeleton skeleton,
@@ -191,6 +192,9 @@ class StremioResolver {
   bool isPlayable(const CachedStream& row) const;
   // The original language of a Cinemeta country text.
   static std::optional<std::string> originalLanguage(const std::optional<std::string>& country);
+  // The series record as resolving needs it: title, year, country, and
+  // each entry of "videos" with its season, episode and release date.
+  static SeriesSkeleton skeletonOf(const Json& meta);
   // "1h 30min" → 90, "142 min" → 142.
   static std::optional<int> runtimeMinutes(std::string_view text);
 
@@ -203,6 +207,7 @@ class StremioResolver {
   QCoro::Task<Asked> ask(StreamProvider provider, std::string type, std::string id, CancelToken token);
   QCoro::Task<Result<LibraryTitle, ResolveError>> fromDebrid(StreamCandidate candidate, std::string hash, double budget,
                                                              DebridTry kind, CancelToken token);
+  QCoro::Task<Result<Json, ResolveError>> metaRecord(std::string type, std::string id, CancelToken token);
   QCoro::Task<HttpResponse> rangedProbe(QUrl url, double timeout, CancelToken token);
   QCoro::Task<std::optional<std::string>> stableLink(QUrl finalURL, std::string filename, CancelToken token);
   std::optional<std::string> addonKey() const;

@@ -49,7 +49,6 @@ std::string runHeadless(const std::string& home, const QStringList& arguments,
 }
 
 bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-auto never = [](const std::string&) { return false; };
 
 }  // namespace
 
@@ -113,17 +112,4 @@ TEST(Headless, TellsWhatItWaitsForAndShowsTheSupervisorsLinesOnStandardOutput) {
   EXPECT_FALSE(has(second, "rd-key-headless")) << "the key never reaches the output";
   const auto logFile = readFile(home.file("logs/vantory.log")).value_or("");
   EXPECT_TRUE(has(logFile, "[supervisor] launched engine (pid ")) << logFile;
-}
-
-TEST(Headless, HelpAndVersionAnswerAndUnknownFlagsAreRefused) {
-  test::TestHome home;
-  int code = -1;
-  EXPECT_TRUE(has(runHeadless(home.path(), {"--help"}, never, &code), "Usage: vantory"));
-  EXPECT_EQ(code, 0);
-  EXPECT_TRUE(has(runHeadless(home.path(), {"--version"}, never, &code), "vantory "));
-  EXPECT_EQ(code, 0);
-  auto bogus = runHeadless(home.path(), {"--bogus"}, never, &code);
-  EXPECT_NE(code, 0);
-  EXPECT_TRUE(has(bogus, "unknown option '--bogus'; see 'vantory --help'")) << bogus;
-  EXPECT_FALSE(std::filesystem::exists(home.file("settings.ini"))) << "nothing started";
 }

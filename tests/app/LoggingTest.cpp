@@ -161,8 +161,7 @@ TEST(ActivityLog, KeepsOneDayPersistsAndStartsEmptyOnABadFile) {
   EXPECT_EQ(memoryOnly.events().front().title, "100");
 }
 
-TEST(ActivityLog, ClockTextAndPosters) {
+TEST(ActivityLog, ClockText) {
   EXPECT_EQ(clockText(3'599'999), "59:59");
   EXPECT_EQ(clockText(7'384'500), "2:03:04");
-  EXPECT_EQ(posterURL(""), std::nullopt);
 }

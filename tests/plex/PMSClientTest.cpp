@@ -1,16 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <random>
-
-#include "app/BridgeViewModel.h"
-#include "core/AppConfig.h"
 #include "fakes/FakePlexServer.h"
 #include "platform/Clock.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
 #include "plex/PMSClient.h"
 #include "plex/PlexLibrarySetup.h"
-#include "plex/PlexServerProbe.h"
 #include "support/TestKit.h"
 
 using namespace vt;
@@ -42,16 +37,12 @@ TEST(PMSClient, NoTokenSendsNothingAndStatusesSurfaceAsText) {
   ASSERT_FALSE(r.has_value());
   EXPECT_EQ(message(r.error()), "No Plex token configured");
   EXPECT_FALSE(run(noToken.addLabel("1", {"1"}, "x")).has_value());
-  EXPECT_FALSE(run(noToken.sessions()).has_value());
   EXPECT_TRUE(rig.plex.requests().empty()) << "no request left the machine";
 
   auto missing = run(rig.client.itemDetails("999999"));
   ASSERT_FALSE(missing.has_value());
   EXPECT_EQ(message(missing.error()), "PMS returned HTTP 404");
-  PMSClient wrongToken(rig.http, rig.plex.baseUrl(), "nope", "c");
-  auto denied = run(wrongToken.machineInfo());
-  ASSERT_FALSE(denied.has_value());
-  EXPECT_EQ(denied.error().status, 401);
+  EXPECT_EQ(missing.error().status, 404);
 
   const auto& req = rig.plex.requests().front();
   EXPECT_EQ(req.header("Accept"), "application/json");
@@ -60,7 +51,7 @@ TEST(PMSClient, NoTokenSendsNothingAndStatusesSurfaceAsText) {
   EXPECT_EQ(req.header("X-Plex-Client-Identifier"), "client-id-1");
 }
 
-TEST(PMSClient, MachineInfoAndSections) {
+TEST(PMSClient, MachineInfoSectionsAndTheirItems) {
   Rig rig;
   auto info = run(rig.client.machineInfo());
   ASSERT_TRUE(info.has_value());
@@ -94,10 +85,8 @@ TEST(PMSClient, MachineInfoAndSections) {
   rig.plex.clearRequests();
   EXPECT_TRUE(run(rig.client.refreshSection("/nowhere")).has_value());
   EXPECT_EQ(rig.plex.requests().size(), 1u) << "unknown locations are silent no-ops";
-}
 
-TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
-  Rig rig;
+  // Section items ask for episodes only in show sections.
   rig.plex.addItem({"", "1", "movie", "Film", 1999, "/thumb/1", {}, {"/data/Library/Film (1999) {imdb-tt1}.mkv"}});
   rig.plex.addItem({"s1", "2", "show", "Show", 2010});
   rig.plex.addItem({"", "2", "episode", "Pilot", {}, {}, std::string("s1"), {"/data/Library TV/Show/s01e01.mkv"}});
@@ -112,7 +101,7 @@ TEST(PMSClient, SectionItemsAskForEpisodesOnlyInShowSections) {
   EXPECT_EQ(run(rig.client.imdbIndex("/data/Library"))->at("tt1").year, "1999");
 }
 
-TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
+TEST(PMSClient, LabelsInChunksLabelIdsFromBothKeyFormsAndSmartCollections) {
   Rig rig;
   std::vector<std::string> keys;
   for (int i = 0; i < 120; ++i)
@@ -142,10 +131,8 @@ TEST(PMSClient, LabelsInChunksAndLabelIdsFromBothKeyForms) {
   ASSERT_TRUE(run(rig.client.removeLabel({keys[0], keys[1]}, "My List")).has_value());
   EXPECT_EQ(rig.plex.requests().back().rawQuery.left(39), "type=1&label[0].tag.tag-=My%20List&labe");
   EXPECT_EQ(rig.plex.itemsWithLabel("1", "My List").size(), 118u);
-}
 
-TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
-  Rig rig;
+  // The smart collection's query is built by hand, its inner address encoded twice.
   auto key = run(rig.client.createSmartCollection("Films & Friends", "500", "1", "fake-machine-0001"));
   ASSERT_TRUE(key.has_value() && *key);
   const auto& req = rig.plex.requests().back();
@@ -169,17 +156,15 @@ TEST(PMSClient, SmartCollectionQueryIsBuiltByHandWithDoubleEncoding) {
 TEST(PMSClient, StrictRepliesExceptTheCollectionRowsLenientFields) {
   auto rows = decodeCollections(R"({"MediaContainer":{"Metadata":[
     {"title":"a","ratingKey":"1","smart":"1"},{"title":"b","ratingKey":"2","smart":1},
-    {"title":"d","ratingKey":"4","smart":"0"},{"title":"f","ratingKey":"6"},
-    {"title":"g","ratingKey":"7","smart":"true"},{"title":"h","ratingKey":"8","smart":[1]},
-    {"title":7,"ratingKey":"9"},{"ratingKey":"10"},{"title":"k","ratingKey":11}]}})");
+    {"title":"d","ratingKey":"4","smart":"0"},{"title":"f","ratingKey":"6"},{"title":"h","ratingKey":"8","smart":[1]},
+    {"title":7,"ratingKey":"9"},{"title":"k","ratingKey":11}]}})");
   ASSERT_TRUE(rows);
   std::vector<std::pair<std::string, bool>> got;
   for (const auto& r : *rows) got.emplace_back(r.title, r.smart);
   EXPECT_EQ(got, (std::vector<std::pair<std::string, bool>>{
-                     {"a", true}, {"b", true}, {"d", false}, {"f", false}, {"g", true}, {"h", false}}));
+                     {"a", true}, {"b", true}, {"d", false}, {"f", false}, {"h", false}}));
 
   // A wrongly typed field anywhere else fails the whole reply.
-  EXPECT_FALSE(decodeSessions(R"({"MediaContainer":{"Metadata":[{"sessionKey":"12","duration":"bad"}]}})"));
   EXPECT_FALSE(decodeSectionItems(R"({"MediaContainer":{"Metadata":[{"ratingKey":1}]}})"));
   EXPECT_TRUE(decodeSectionItems(R"({"MediaContainer":{"Metadata":[{"ratingKey":"1","year":null}]}})"))
       << "null is absent";
@@ -193,67 +178,6 @@ TEST(PMSClient, StrictRepliesExceptTheCollectionRowsLenientFields) {
   EXPECT_EQ(s.file, "/data/Library/F.mkv");
   EXPECT_EQ(s.durationMs, std::nullopt);
   EXPECT_EQ(s.transcodeSpeed, 1.5);
-}
-
-TEST(PMSClient, DecodersSurviveRandomAndTruncatedReplies) {
-  const std::string samples[] = {
-      R"({"MediaContainer":{"Metadata":[{"ratingKey":"1","Media":[{"Part":[{"file":"/x"}]}]}]}})",
-      R"({"MediaContainer":{"Metadata":[{"title":"a","ratingKey":"1","smart":"1"}]}})",
-      R"({"MediaContainer":{"Metadata":[{"sessionKey":"1","Player":{"state":"x"},"TranscodeSession":{"speed":2}}]}})",
-  };
-  std::mt19937 rng(5);
-  for (int i = 0; i < 400; ++i) {
-    std::string s = samples[rng() % std::size(samples)];
-    s = s.substr(0, rng() % (s.size() + 1));
-    for (int k = 0; k < 3; ++k)
-      if (!s.empty()) s[rng() % s.size()] = "{}[]\":,0a\xff"[rng() % 11];
-    const auto body = QByteArray::fromStdString(s);
-    (void)decodeSectionItems(body);
-    (void)decodeSessions(body);
-    (void)decodeCollections(body);
-  }
-  for (const char* odd : {"null", "{\"MediaContainer\":[1,2]}", "{\"MediaContainer\":{\"Metadata\":[null,1,\"x\"]}}"})
-    EXPECT_TRUE(!decodeSectionItems(odd) || decodeSectionItems(odd)->size() <= 3) << odd;
-}
-
-TEST(PlexServerProbe, DrivesTheConnectionPollAgainstTheLocalServer) {
-  FakePlexServer plex;
-  test::TestHome home;
-  auto store = SettingsStore::openForTestHome(home.path());
-  AppConfig config(*store);
-  config.setPmsURLString(plex.baseUrl().toString().toStdString());
-  config.setToken("wrong");
-  config.setPendingPlexSyncPath(std::string("/data/Library"));
-  ManualClock clock;
-  HttpClient http(clock);
-  PMSClientFactory clients(config, http);
-  BridgeViewModel vm(config, clock, PlexServerProbe::factory(clients, "/data/Library"), {}, [](const std::string&) {});
-
-  test::runTask(vm.pollOnce());
-  EXPECT_TRUE(vm.needsReauth());
-  EXPECT_EQ(vm.lastError(), "PMS returned HTTP 401");
-  EXPECT_EQ(vm.consecutiveFailures(), 0);
-
-  config.setToken(plex.token);
-  test::runTask(vm.pollOnce());
-  EXPECT_TRUE(vm.reachable());
-  EXPECT_FALSE(vm.needsReauth());
-  // The pending folder became a "Vantory" movie section and was scanned.
-  ASSERT_EQ(plex.sections.size(), 1u);
-  EXPECT_EQ(plex.sections.begin()->second.title, "Vantory");
-  EXPECT_EQ(plex.sections.begin()->second.type, "movie");
-  EXPECT_EQ(plex.sections.begin()->second.refreshes, 1);
-  EXPECT_EQ(config.pendingPlexSyncPath(), std::nullopt);
-
-  // A server that is gone: a transport failure with the network's own text.
-  {
-    FakePlexServer other;
-    config.setPmsURLString(other.baseUrl().toString().toStdString());
-  }
-  test::runTask(vm.pollOnce());
-  EXPECT_FALSE(vm.reachable());
-  EXPECT_EQ(vm.consecutiveFailures(), 1);
-  EXPECT_TRUE(vm.lastError() && !vm.lastError()->empty());
 }
 
 TEST(PlexLibrarySetup, CreatesTheSectionAndGivesUpOnAStalledServerAfterEightSeconds) {

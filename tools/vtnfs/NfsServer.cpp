@@ -5,6 +5,8 @@
 #include <QTcpSocket>
 #include <algorithm>
 #include <cerrno>
+#include <functional>
+#include <memory>
 
 #include "platform/Job.h"
 
@@ -19,8 +21,18 @@ struct Pending : QObject {
   using QObject::QObject;
   std::string buffer;
   std::string record;  // fragments of the record being assembled
+  size_t pos = 0;      // where the unparsed part of `buffer` begins
+  int inFlight = 0;    // calls being answered
+  bool pumping = false, again = false;
   vt::JobScope calls;  // last: see above
 };
+
+// A client that sends calls and doesn't read the replies must not make the
+// engine hold them all: past these bounds the connection's requests wait in
+// the kernel (and so at the client) until replies drain.
+constexpr qint64 kMaxUnsentBytes = 4 << 20;
+constexpr int kMaxCallsInFlight = 32;
+constexpr qint64 kReadPiece = 256 << 10;
 
 // Sends from `sent` on without blocking; true when all of it went.
 bool sendDirect(int fd, const char* data, size_t size, size_t& sent, int flags) {
@@ -77,34 +89,72 @@ void NfsServer::accept() {
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     auto* pending = new Pending(socket);
     connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-    connect(socket, &QTcpSocket::readyRead, socket, [this, socket, pending] {
-      const QByteArray data = socket->readAll();
-      pending->buffer.append(data.constData(), static_cast<size_t>(data.size()));
-      size_t pos = 0;
-      auto& buf = pending->buffer;
-      while (buf.size() - pos >= 4) {
-        const auto* b = reinterpret_cast<const unsigned char*>(buf.data() + pos);
-        const uint32_t mark = (uint32_t(b[0]) << 24) | (uint32_t(b[1]) << 16) | (uint32_t(b[2]) << 8) | b[3];
-        const bool last = (mark & 0x80000000u) != 0;
-        const size_t length = mark & 0x7fffffffu;
-        if (pending->record.size() + length > NfsService::kMaxRecord) {
-          socket->abort();
-          return;
-        }
-        if (buf.size() - pos - 4 < length) break;
-        pending->record.append(buf, pos + 4, length);
-        pos += 4 + length;
-        if (!last) continue;
-        pending->calls.start(
-            [this, socket, record = std::move(pending->record)](vt::CancelToken token) mutable -> QCoro::Task<> {
-              auto reply = co_await service_.reply(std::move(record), token);
-              if (token.isCancelled()) co_return;  // the connection, or the server, is gone
-              if (!reply || !send(*socket, *reply)) socket->abort();
-            });
-        pending->record.clear();
+    // Qt stops taking bytes from the kernel once this much waits unread.
+    socket->setReadBufferSize(kReadPiece);
+    auto pump = std::make_shared<std::function<void()>>();
+    *pump = [this, socket, pending, weak = std::weak_ptr<std::function<void()>>(pump)] {
+      // A reply that is ready at once comes back here from inside the loop:
+      // the outer run picks up where it is instead.
+      if (pending->pumping) {
+        pending->again = true;
+        return;
       }
-      buf.erase(0, pos);
-    });
+      pending->pumping = true;
+      auto& buf = pending->buffer;
+      const auto roomForMore = [&] {
+        return socket->bytesToWrite() <= kMaxUnsentBytes && pending->inFlight < kMaxCallsInFlight;
+      };
+      do {
+        pending->again = false;
+        while (roomForMore()) {
+          if (buf.size() - pending->pos < 4) {
+            buf.erase(0, pending->pos);
+            pending->pos = 0;
+            if (socket->bytesAvailable() == 0) break;
+            const QByteArray data = socket->read(kReadPiece);
+            buf.append(data.constData(), static_cast<size_t>(data.size()));
+            continue;
+          }
+          const auto* b = reinterpret_cast<const unsigned char*>(buf.data() + pending->pos);
+          const uint32_t mark = (uint32_t(b[0]) << 24) | (uint32_t(b[1]) << 16) | (uint32_t(b[2]) << 8) | b[3];
+          const bool last = (mark & 0x80000000u) != 0;
+          const size_t length = mark & 0x7fffffffu;
+          if (pending->record.size() + length > NfsService::kMaxRecord) {
+            pending->pumping = false;
+            socket->abort();
+            return;
+          }
+          if (buf.size() - pending->pos - 4 < length) {
+            // The rest of this record is still on its way.
+            buf.erase(0, pending->pos);
+            pending->pos = 0;
+            if (socket->bytesAvailable() == 0) break;
+            const QByteArray data = socket->read(kReadPiece);
+            buf.append(data.constData(), static_cast<size_t>(data.size()));
+            continue;
+          }
+          pending->record.append(buf, pending->pos + 4, length);
+          pending->pos += 4 + length;
+          if (!last) continue;
+          ++pending->inFlight;
+          pending->calls.start([this, socket, pending, weak,
+                                record = std::move(pending->record)](vt::CancelToken token) mutable -> QCoro::Task<> {
+            auto reply = co_await service_.reply(std::move(record), token);
+            if (token.isCancelled()) co_return;  // the connection, or the server, is gone
+            --pending->inFlight;
+            if (!reply || !send(*socket, *reply)) {
+              socket->abort();
+              co_return;
+            }
+            if (auto again = weak.lock()) (*again)();
+          });
+          pending->record.clear();
+        }
+      } while (pending->again);
+      pending->pumping = false;
+    };
+    connect(socket, &QTcpSocket::readyRead, pending, [pump] { (*pump)(); });
+    connect(socket, &QTcpSocket::bytesWritten, pending, [pump] { (*pump)(); });
   }
 }
 

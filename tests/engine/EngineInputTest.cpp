@@ -205,3 +205,31 @@ TEST(EngineInput, AStalledSourceFreezesOnlyItsOwnFileInTheFuseMount) {
   got += reader.readAll();
   EXPECT_TRUE(got == healthy) << got.size();
 }
+
+TEST(EngineInput, ASourceThatIgnoresRangesIsReadOnlyForItsFirstChunk) {
+  test::TestHome home;
+  ManualClock clock;
+  HttpClient http(clock);
+  test::FakeHttpServer host;
+  constexpr int64_t kSize = 512ll << 20;
+  host.on("GET", "/whole", [](const auto&, auto& reply) {
+    reply.stream(200, new test::GeneratedBytesDevice(0, kSize), {"Accept-Ranges", "none"});
+  });
+  EngineEntry entry;
+  entry.name = "Whole.mkv";
+  entry.size = kSize;
+  entry.url = host.url("/whole").toString().toStdString();
+  std::vector<std::string> lines;
+  vtnfs::SourceReader reader(http, home.file("probe-cache"),
+                             {[&](const std::string& line) { lines.push_back(line); }, {}});
+  std::string out;
+  const auto head = test::runTask(reader.read(entry, kSize, 0, 1 << 20, out));
+  ASSERT_TRUE(head) << vt::errorMessage(head);
+  EXPECT_TRUE(out == test::generatedBytes(0, 1 << 20).toStdString());
+  out.clear();
+  const auto far = test::runTask(reader.read(entry, kSize, 100 << 20, 1 << 20, out));
+  EXPECT_FALSE(far);
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
+    return l == "source 1 of Whole.mkv ignores ranges, so it can't be read past its first 4 MiB";
+  }));
+}

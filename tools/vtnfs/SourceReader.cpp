@@ -274,6 +274,9 @@ QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int6
     request.url = QUrl(QString::fromStdString(url));
     request.range = std::make_pair(first, std::optional<int64_t>(last));
     request.timeoutSeconds = kRequestTimeout;
+    // Never more than the chunk: a source that ignores ranges would send the
+    // whole film.
+    request.maxBodyBytes = last - first + 1;
     const vt::HttpResponse reply = co_await http_.send(std::move(request), token);
     if (token.isCancelled()) co_return Chunk();
 
@@ -286,11 +289,15 @@ QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int6
           (!total || static_cast<int64_t>(reply.body.size()) == std::min(last, *total - 1) - first + 1))
         c = std::make_shared<const std::string>(reply.body.constData(), static_cast<size_t>(reply.body.size()));
     } else if (reply.failure == vt::HttpFailure::none && reply.status == 200) {
-      // A source that ignores ranges sends the whole file.
-      total = reply.body.size();
-      const int64_t from = std::min<int64_t>(first, *total);
-      const int64_t to = std::min<int64_t>(last + 1, *total);
-      c = std::make_shared<const std::string>(reply.body.constData() + from, static_cast<size_t>(to - from));
+      // A source that ignores ranges sends the file from its start: that
+      // serves the first chunk, and nothing past it.
+      if (first == 0) {
+        if (!reply.truncated) total = reply.body.size();
+        c = std::make_shared<const std::string>(reply.body.constData(), static_cast<size_t>(reply.body.size()));
+      } else if (hooks_.log) {
+        hooks_.log("source " + std::to_string(candidate + 1) + " of " + entry.name +
+                   " ignores ranges, so it can't be read past its first " + std::to_string(kChunk >> 20) + " MiB");
+      }
     } else if (reply.failure == vt::HttpFailure::none && reply.status == 416) {
       int64_t start = -1;
       const auto cr = reply.header("Content-Range");

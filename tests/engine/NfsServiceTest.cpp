@@ -523,3 +523,30 @@ TEST(NfsServer, AClientThatDoesntReadItsRepliesCantMakeTheServerHoldThem) {
       30000))
       << received;
 }
+
+TEST(NfsServer, ARecordLeftHalfSentClosesItsConnectionAfterThirtySeconds) {
+  MemoryBackend backend;
+  backend.set({{"Film.mkv", "x"}});
+  NfsService service(backend, 0, 0);
+  vt::ManualClock clock;
+  NfsServer server(service, clock);
+  ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0));
+  QTcpSocket socket;
+  socket.connectToHost(QHostAddress::LocalHost, server.port());
+  ASSERT_TRUE(vt::test::spinUntil([&] { return socket.state() == QAbstractSocket::ConnectedState; }));
+
+  // A whole call keeps nothing pending; a record mark for 100 bytes followed by 10 does.
+  const std::string nullCall = call(kNfs, 3, 0);
+  std::string framed;
+  XdrWriter(framed).u32(0x80000000u | static_cast<uint32_t>(nullCall.size()));
+  framed += nullCall;
+  XdrWriter(framed).u32(0x80000000u | 100u);
+  framed += std::string(10, 'x');
+  socket.write(framed.data(), static_cast<qint64>(framed.size()));
+  ASSERT_TRUE(vt::test::spinUntil([&] { return socket.bytesAvailable() >= 28 && clock.pendingTimers() == 1; }));
+  clock.advance(NfsServer::kHalfSentSeconds - 0.1);
+  vt::test::settle(50);
+  EXPECT_EQ(socket.state(), QAbstractSocket::ConnectedState);
+  clock.advance(0.1);
+  EXPECT_TRUE(vt::test::spinUntil([&] { return socket.state() == QAbstractSocket::UnconnectedState; }));
+}

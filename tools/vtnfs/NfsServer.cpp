@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <QPointer>
 #include <QTcpSocket>
 #include <algorithm>
 #include <cerrno>
@@ -18,7 +19,14 @@ namespace {
 // record yet, and the calls being answered. It is a child of the socket, so
 // when the socket goes its calls are cancelled first.
 struct Pending : QObject {
-  using QObject::QObject;
+  Pending(QObject* parent, vt::Clock& c) : QObject(parent), clock(c) {}
+  ~Pending() override { disarm(); }
+  void disarm() {
+    if (halfSentTimer) clock.cancelTimer(halfSentTimer);
+    halfSentTimer = 0;
+  }
+  vt::Clock& clock;
+  vt::Clock::TimerId halfSentTimer = 0;  // armed while a record waits for its rest
   std::string buffer;
   std::string record;  // fragments of the record being assembled
   size_t pos = 0;      // where the unparsed part of `buffer` begins
@@ -87,7 +95,7 @@ bool NfsServer::listen(const QHostAddress& address, quint16 port) {
 void NfsServer::accept() {
   while (QTcpSocket* socket = server_.nextPendingConnection()) {
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    auto* pending = new Pending(socket);
+    auto* pending = new Pending(socket, clock_);
     connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
     // Qt stops taking bytes from the kernel once this much waits unread.
     socket->setReadBufferSize(kReadPiece);
@@ -104,13 +112,16 @@ void NfsServer::accept() {
       const auto roomForMore = [&] {
         return socket->bytesToWrite() <= kMaxUnsentBytes && pending->inFlight < kMaxCallsInFlight;
       };
+      bool waitingForBytes = false;
       do {
         pending->again = false;
+        waitingForBytes = false;
         while (roomForMore()) {
           if (buf.size() - pending->pos < 4) {
             buf.erase(0, pending->pos);
             pending->pos = 0;
-            if (socket->bytesAvailable() == 0) break;
+            waitingForBytes = socket->bytesAvailable() == 0;
+            if (waitingForBytes) break;
             const QByteArray data = socket->read(kReadPiece);
             buf.append(data.constData(), static_cast<size_t>(data.size()));
             continue;
@@ -128,7 +139,8 @@ void NfsServer::accept() {
             // The rest of this record is still on its way.
             buf.erase(0, pending->pos);
             pending->pos = 0;
-            if (socket->bytesAvailable() == 0) break;
+            waitingForBytes = socket->bytesAvailable() == 0;
+            if (waitingForBytes) break;
             const QByteArray data = socket->read(kReadPiece);
             buf.append(data.constData(), static_cast<size_t>(data.size()));
             continue;
@@ -152,6 +164,16 @@ void NfsServer::accept() {
         }
       } while (pending->again);
       pending->pumping = false;
+      const bool halfSent = waitingForBytes && (!buf.empty() || !pending->record.empty());
+      if (!halfSent) {
+        pending->disarm();
+      } else if (!pending->halfSentTimer) {
+        QPointer<QTcpSocket> guard(socket);
+        pending->halfSentTimer = clock_.schedule(kHalfSentSeconds, [guard, pending] {
+          pending->halfSentTimer = 0;
+          if (guard) guard->abort();
+        });
+      }
     };
     connect(socket, &QTcpSocket::readyRead, pending, [pump] { (*pump)(); });
     connect(socket, &QTcpSocket::bytesWritten, pending, [pump] { (*pump)(); });

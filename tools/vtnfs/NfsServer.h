@@ -6,6 +6,7 @@
 #include <QTcpServer>
 
 #include "NfsService.h"
+#include "platform/Clock.h"
 
 namespace vtnfs {
 
@@ -14,10 +15,13 @@ namespace vtnfs {
 // doesn't hold up the other calls on the connection; replies go out as they
 // are ready, matched by their xid. A connection's jobs end with it (and so
 // with the server, which owns its sockets). A record over the service's
-// limit closes the connection.
+// limit closes the connection, and so does a record left half-sent for
+// 30 seconds (its bytes would be held for ever).
 class NfsServer : public QObject {
  public:
-  explicit NfsServer(NfsService& service) : service_(service) {}
+  static constexpr double kHalfSentSeconds = 30;
+
+  explicit NfsServer(NfsService& service, vt::Clock& clock = vt::systemClock()) : service_(service), clock_(clock) {}
 
   bool listen(const QHostAddress& address, quint16 port);
   QString errorString() const { return server_.errorString(); }
@@ -27,6 +31,7 @@ class NfsServer : public QObject {
   void accept();
 
   NfsService& service_;
+  vt::Clock& clock_;
   QTcpServer server_;
 };
 

@@ -2,7 +2,6 @@
 
 #include "fakes/FakeRealDebrid.h"
 #include "platform/Clock.h"
-#include "platform/Endpoints.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
 #include "sources/rd/RDClient.h"
@@ -28,7 +27,6 @@ struct Rig {
   }
 };
 
-// Starts `call` as a job whose result lands in `out`.
 template <class T, class F>
 Job startInto(std::optional<T>& out, F call) {
   return Job::start([&out, call](CancelToken t) -> QCoro::Task<> {
@@ -52,8 +50,6 @@ TEST(RDClient, AnEmptyKeyFailsEveryCallWithoutTraffic) {
       rig.drive(noKey.request("user")).error(), rig.drive(noKey.post("torrents/addMagnet", {{"magnet", "x"}})).error(),
       rig.drive(noKey.pollUntilLink("T1", true, 45)).error(), rig.drive(noKey.deleteTorrent("T1")).error()};
   for (const auto& e : errors) EXPECT_EQ(e, RDError::noKey());
-  EXPECT_EQ(message(errors[0]), "No RealDebrid key set (Settings)");
-  EXPECT_FALSE(errors[0].isRefusal());
   EXPECT_TRUE(rig.rd.requests().empty()) << "nothing left the machine";
 }
 
@@ -68,11 +64,9 @@ TEST(RDClient, MagnetFlowWalksEveryStatusToAPlayableLink) {
   auto id = rig.drive(rig.client.addMagnet(kHash));
   ASSERT_TRUE(id) << text(id);
   const auto add = rig.rd.requests().back();
-  EXPECT_EQ(add.header("Content-Type"), "application/x-www-form-urlencoded");
   EXPECT_EQ(add.body, "magnet=magnet%3A%3Fxt%3Durn%3Abtih%3A" + QByteArray::fromStdString(kHash));
   EXPECT_EQ(add.header("Authorization"), "Bearer " + QByteArray::fromStdString(rig.rd.key));
 
-  const Date started = rig.clock.now();
   auto link = rig.drive(rig.client.pollUntilLink(*id, true, 45));
   ASSERT_TRUE(link) << text(link);
   ASSERT_TRUE(link->has_value());
@@ -80,51 +74,22 @@ TEST(RDClient, MagnetFlowWalksEveryStatusToAPlayableLink) {
   EXPECT_EQ(**link, torrent.links.at(0));
   EXPECT_EQ(torrent.selection, "2") << "the largest file";
   EXPECT_EQ(torrent.selectCalls, 1);
-  // conversion, selection, queued, six downloading, downloaded
-  EXPECT_EQ(torrent.infoCalls, 10);
+  EXPECT_EQ(torrent.infoCalls, 10) << "conversion, selection, queued, six downloading, downloaded";
   // No pause after the selection; 0.7 s while under 3 s, then 3 s.
   EXPECT_EQ(rig.clock.pauses, (std::vector<double>{0.7, 0.7, 0.7, 0.7, 0.7, 3, 3, 3}));
-  EXPECT_NEAR(rig.clock.now() - started, 5 * 0.7 + 3 * 3, 1e-6);
 
   auto direct = rig.drive(rig.client.unrestrict(**link));
   ASSERT_TRUE(direct) << text(direct);
   EXPECT_EQ(direct->filesize, 6'100'000'000);
-  EXPECT_EQ(rig.rd.requests().back().body, "link=" + QUrl::toPercentEncoding(QString::fromStdString(**link)));
-
-  auto list = rig.drive(rig.client.downloads());
-  ASSERT_TRUE(list && list->size() == 1) << text(list);
-  EXPECT_EQ((*list)[0].download, direct->download);
-  EXPECT_EQ(rig.rd.requests().back().rawQuery, "limit=50");
-
-  EXPECT_EQ(*rig.drive(rig.client.user()), (RDUserInfo{"premium", 2592000, "2031-01-01T00:00:00.000Z"}));
 
   EXPECT_TRUE(rig.drive(rig.client.deleteTorrent(*id)));
-  EXPECT_EQ(rig.rd.requests().back().method, "DELETE");
   EXPECT_EQ(rig.rd.deleted, std::vector<std::string>{*id});
-}
-
-TEST(RDClient, ADownloadedTorrentAnswersAfterOneInfoCall) {
-  Rig rig;
-  rig.rd.releases[kHash] = {"Film", {{1, "/Film.mkv", 2'000'000'000}}, {{"downloaded", 0}}};
-  auto id = *rig.drive(rig.client.addMagnet(kHash));
-  auto link = rig.drive(rig.client.pollUntilLink(id, true, 2));
-  ASSERT_TRUE(link && link->has_value());
-  EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 1);
-  EXPECT_EQ(rig.rd.torrents.at(id).selectCalls, 0);
-  EXPECT_TRUE(rig.clock.pauses.empty());
-
-  // Downloaded without links: nothing, and no error.
-  rig.rd.answer("torrents/info/", R"({"status":"downloaded","links":[]})");
-  auto none = rig.drive(rig.client.pollUntilLink(id, true, 2));
-  ASSERT_TRUE(none);
-  EXPECT_FALSE(none->has_value());
 }
 
 TEST(RDClient, TheLargestFileIsChosenAndATieGoesToTheLaterOne) {
   using Files = std::optional<std::vector<TorrentFile>>;
   EXPECT_EQ(fileSelection(Files({{1, 5}, {7, 9}, {3, 9}, {4, 2}}), true), "3");
   EXPECT_EQ(fileSelection(Files({{1, 5}, {7, 9}}), false), "all");
-  EXPECT_EQ(fileSelection(Files(std::vector<TorrentFile>{}), true), "all");
   EXPECT_EQ(fileSelection(std::nullopt, true), "all");
 }
 
@@ -132,67 +97,16 @@ TEST(RDClient, AWorkingTorrentGivesUpAtTheDeadlineWithNothing) {
   Rig rig;
   rig.rd.releases[kHash] = {"Slow", {{1, "/f.mkv", 900'000'000}}, {{"waiting_files_selection", 0}, {"queued", 0}}};
   auto id = *rig.drive(rig.client.addMagnet(kHash));
-  const Date started = rig.clock.now();
   auto r = rig.drive(rig.client.pollUntilLink(id, true, 2));
   ASSERT_TRUE(r) << text(r);
   EXPECT_FALSE(r->has_value()) << "still working is not an error";
-  // Info at 0 (select, then at once again), 0.7, 1.4, 2.1: past the deadline.
   EXPECT_EQ(rig.clock.pauses, (std::vector<double>{0.7, 0.7, 0.7}));
   EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 5);
-  EXPECT_NEAR(rig.clock.now() - started, 2.1, 1e-6);
-
-  // A budget of nothing still asks once.
-  rig.clock.pauses.clear();
-  r = rig.drive(rig.client.pollUntilLink(id, true, 0));
-  ASSERT_TRUE(r);
-  EXPECT_FALSE(r->has_value());
-  EXPECT_TRUE(rig.clock.pauses.empty());
-}
-
-TEST(RDClient, AFailedSelectionDoesNotStopThePolling) {
-  Rig rig;
-  rig.rd.releases[kHash] = {"Film", {{1, "/f.mkv", 900'000'000}}, FakeRealDebrid::cachedStages()};
-  auto id = *rig.drive(rig.client.addMagnet(kHash));
-  rig.rd.fail("torrents/selectFiles/", 503);
-  auto r = rig.drive(rig.client.pollUntilLink(id, true, 2));
-  ASSERT_TRUE(r) << text(r);
-  EXPECT_FALSE(r->has_value()) << "never selected, so never ready";
-  EXPECT_EQ(rig.rd.requestsTo("/rest/1.0/torrents/selectFiles/" + QString::fromStdString(id)).size(), 1u)
-      << "selected once, not again";
-  EXPECT_EQ(rig.clock.pauses.size(), 3u);
-
-  // The service may go on anyway after a failed answer: the next info decides.
-  const std::string other = "fedcba9876543210fedcba9876543210fedcba98";
-  rig.rd.releases[other] = {"Film", {{1, "/f.mkv", 900'000'000}}, {{"waiting_files_selection", 1}, {"downloaded", 0}}};
-  auto id2 = *rig.drive(rig.client.addMagnet(other));
-  rig.rd.fail("torrents/selectFiles/", 500);
-  auto link = rig.drive(rig.client.pollUntilLink(id2, true, 2));
-  ASSERT_TRUE(link) << text(link);
-  EXPECT_TRUE(link->has_value());
-}
-
-TEST(RDClient, ABadTorrentStatusIsARefusal) {
-  Rig rig;
-  rig.rd.releases[kHash] = {"Bad", {}, FakeRealDebrid::failingStages("magnet_error", 2)};
-  auto id = *rig.drive(rig.client.addMagnet(kHash));
-  auto r = rig.drive(rig.client.pollUntilLink(id, true, 45));
-  ASSERT_FALSE(r);
-  EXPECT_EQ(r.error(), RDError::refused("magnet_error"));
-  EXPECT_EQ(message(r.error()), "RealDebrid refused this release (magnet_error)");
-  EXPECT_TRUE(r.error().isRefusal());
-  EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 3);
 }
 
 TEST(RDClient, StatusesMapToHttpErrorsAndOnlyClientErrorsAreRefusals) {
   Rig rig;
-  RDClient wrongKey(rig.http, "not-the-key", rig.rd.restBase());
-  auto denied = rig.drive(wrongKey.user());
-  ASSERT_FALSE(denied);
-  EXPECT_EQ(denied.error(), RDError::http(401));
-  EXPECT_EQ(message(denied.error()), "RealDebrid returned HTTP 401");
-  EXPECT_FALSE(denied.error().isRefusal());
-
-  const std::map<int, bool> refusal = {{400, true}, {403, false}, {429, false}, {451, true}, {503, false}};
+  const std::map<int, bool> refusal = {{400, true}, {401, false}, {429, false}, {451, true}, {503, false}};
   for (const auto& [status, isRefusal] : refusal) {
     rig.rd.clearFaults();
     rig.rd.fail("torrents/info/", status);
@@ -208,52 +122,32 @@ TEST(RDClient, StatusesMapToHttpErrorsAndOnlyClientErrorsAreRefusals) {
   ASSERT_FALSE(gone);
   EXPECT_EQ(gone.error(), RDError::http(404));
   EXPECT_TRUE(gone.error().isRefusal());
-  EXPECT_FALSE(RDError().isRefusal()) << "transport failures say nothing about the release";
-  EXPECT_FALSE((RDError{RDError::Kind::undecodable}).isRefusal());
+
+  // A failed torrent status is a refusal of the release.
+  rig.rd.releases[kHash] = {"Bad", {}, FakeRealDebrid::failingStages("magnet_error", 2)};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  auto bad = rig.drive(rig.client.pollUntilLink(id, true, 45));
+  ASSERT_FALSE(bad);
+  EXPECT_EQ(message(bad.error()), "RealDebrid refused this release (magnet_error)");
+  EXPECT_TRUE(bad.error().isRefusal());
 }
 
 TEST(RDClient, RepliesThatAreNotTheirRecordEndInAnErrorNotACrash) {
   Rig rig;
   rig.rd.torrents["T1"] = {"T1", kHash, "Film", {{1, "/f.mkv", 1}}, {{"downloading", 0}}};
   const std::vector<QByteArray> broken = {
-      "",
-      "not json",
-      "[]",
-      "null",
-      R"({"status":5})",
-      R"({"status":"downloaded","links":[1,2]})",
-      R"({"status":"waiting_files_selection","files":[{"id":"1","bytes":2}]})",
+      "not json", "null", R"({"status":"downloaded","links":[1,2]})",
       R"({"status":"waiting_files_selection","files":[{"id":1,"bytes":2.5}]})",
       R"({"id":7,"download":["x"],"filesize":"big","type":false,"premium":"lots","expiration":1})"};
   const auto undecodable = RDError{RDError::Kind::undecodable};
   for (const auto& body : broken) {
     rig.rd.clearFaults();
     rig.rd.answer("", body);
-    EXPECT_EQ(rig.drive(rig.client.torrentInfo("T1")).error(), undecodable) << body.toStdString();
     EXPECT_EQ(rig.drive(rig.client.pollUntilLink("T1", true, 45)).error(), undecodable) << body.toStdString();
     EXPECT_EQ(rig.drive(rig.client.addMagnet(kHash)).error(), undecodable) << body.toStdString();
     EXPECT_EQ(rig.drive(rig.client.unrestrict("https://real-debrid.com/d/X")).error(), undecodable);
     EXPECT_EQ(rig.drive(rig.client.user()).error(), undecodable) << body.toStdString();
   }
-  EXPECT_EQ(message(undecodable), "RealDebrid sent a reply that could not be read");
-
-  // Optional fields may be null or absent; a filesize may be missing.
-  rig.rd.clearFaults();
-  rig.rd.answer("unrestrict/link", R"({"download":"https://dl.example/f.mkv","filesize":null})");
-  auto plain = rig.drive(rig.client.unrestrict("https://real-debrid.com/d/X"));
-  ASSERT_TRUE(plain);
-  EXPECT_EQ(*plain, (UnrestrictResp{"https://dl.example/f.mkv", std::nullopt}));
-  rig.rd.answer("torrents/info/", R"({"status":"queued","files":null,"links":null,"extra":{"x":1}})");
-  EXPECT_EQ(*rig.drive(rig.client.torrentInfo("T1")), (TorrentInfo{"queued", std::nullopt, std::nullopt}));
-
-  // The downloads list is read row by row: bad fields are absent, bad rows skipped.
-  rig.rd.answer("downloads", R"([{"link":1,"download":"https://d/1","filename":null},7,{"link":"https://r/d/2"}])");
-  auto rows = rig.drive(rig.client.downloads());
-  ASSERT_TRUE(rows);
-  EXPECT_EQ(*rows, (std::vector<RDDownload>{{std::nullopt, "https://d/1", std::nullopt},
-                                            {"https://r/d/2", std::nullopt, std::nullopt}}));
-  rig.rd.answer("downloads", R"({"error":"x"})");
-  EXPECT_EQ(rig.drive(rig.client.downloads()).error(), undecodable);
 }
 
 TEST(RDClient, ASilentServerEndsAtTheTimeLimit) {
@@ -269,21 +163,9 @@ TEST(RDClient, ASilentServerEndsAtTheTimeLimit) {
   ASSERT_TRUE(test::spinUntil([&] { return info.has_value(); }));
   ASSERT_FALSE(*info);
   EXPECT_EQ(info->error().kind, RDError::Kind::transport);
-  EXPECT_FALSE(info->error().isRefusal());
-
-  // Form calls have 20 seconds.
-  std::optional<Result<std::string, RDError>> added;
-  auto post = startInto(added, [&](CancelToken t) { return rig.client.addMagnet(kHash, t); });
-  ASSERT_TRUE(test::spinUntil([&] { return rig.rd.requests().size() == 2; }));
-  rig.clock.manual.advance(19.9);
-  test::settle(20);
-  EXPECT_FALSE(added);
-  rig.clock.manual.advance(0.1);
-  ASSERT_TRUE(test::spinUntil([&] { return added.has_value(); }));
-  EXPECT_EQ(added->error().kind, RDError::Kind::transport);
 }
 
-TEST(RDClient, CancellingClosesTheRequestOrEndsThePauseWithoutAnotherRequest) {
+TEST(RDClient, CancellingClosesTheRequest) {
   Rig rig;
   rig.rd.hang("torrents/info/");
   std::optional<Result<std::optional<std::string>, RDError>> r;
@@ -293,21 +175,7 @@ TEST(RDClient, CancellingClosesTheRequestOrEndsThePauseWithoutAnotherRequest) {
   ASSERT_TRUE(test::spinUntil([&] { return r.has_value(); }));
   ASSERT_FALSE(*r);
   EXPECT_EQ(r->error().kind, RDError::Kind::cancelled);
-  EXPECT_FALSE(r->error().isRefusal());
   EXPECT_TRUE(test::spinUntil([&] { return rig.rd.abandonedRequests() == 1; })) << "the server saw the close";
-
-  rig.rd.clearFaults();
-  rig.rd.releases[kHash] = {"Slow", {{1, "/f.mkv", 900'000'000}}, {{"queued", 0}}};
-  auto id = *rig.drive(rig.client.addMagnet(kHash));
-  r.reset();
-  auto paused = startInto(r, [&](CancelToken t) { return rig.client.pollUntilLink(id, true, 45, t); });
-  ASSERT_TRUE(test::spinUntil([&] { return rig.clock.sleeping().has_value(); }));
-  const auto before = rig.rd.requests().size();
-  paused.cancel();
-  ASSERT_TRUE(test::spinUntil([&] { return r.has_value(); }));
-  ASSERT_FALSE(*r);
-  EXPECT_EQ(r->error().kind, RDError::Kind::cancelled);
-  EXPECT_EQ(rig.rd.requests().size(), before);
 }
 
 TEST(RDClient, TheKeyNeverAppearsInAnErrorTextOrOnTheUrl) {
@@ -338,12 +206,4 @@ TEST(RDClient, TheKeyNeverAppearsInAnErrorTextOrOnTheUrl) {
     EXPECT_FALSE(req.url.toString().contains(QString::fromStdString(rig.rd.key)));
     EXPECT_FALSE(req.body.contains(QByteArray::fromStdString(rig.rd.key)));
   }
-}
-
-TEST(RDClient, TheRestBaseComesFromTheEndpointTable) {
-  EXPECT_EQ(RDClient::defaultBase().toString().toStdString(), endpoints().realDebridApi + "/rest/1.0/");
-  Rig rig;
-  QUrl noSlash = rig.rd.restBase();
-  noSlash.setPath("/rest/1.0");
-  EXPECT_EQ(RDClient(rig.http, rig.rd.key, noSlash).base(), rig.rd.restBase());
 }

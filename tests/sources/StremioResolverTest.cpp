@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QTcpServer>
-#include <QTcpSocket>
-
 #include <sstream>
 
 #include "cli/Verbs.h"
@@ -32,8 +29,7 @@ const std::string kHashA = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
 const std::string kHashB = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb";
 constexpr int64_t kFilm = 4'200'000'000;
 
-// Three local services, a CDN the add-on links lead to, and the resolver's
-// stores. The add-on address carries the Real-Debrid key, as Torrentio's does.
+// Three local services, a CDN, and the resolver's stores; the add-on address carries the RD key.
 struct World {
   FakeRealDebrid rd;
   FakeStreamAddon torrentio{Family::torrentio};
@@ -95,34 +91,6 @@ CachedStream row(std::string name, std::string filename, std::string provider = 
   if (!title.empty()) s.title = std::move(title);
   return s;
 }
-
-// A host that writes fixed bare replies, so that a reply can lack every
-// length header (the body then ends when the connection closes).
-class BareHost {
- public:
-  BareHost(QByteArray headReply, QByteArray getReply) : head_(std::move(headReply)), get_(std::move(getReply)) {
-    server_.listen(QHostAddress::LocalHost, 0);
-    QObject::connect(&server_, &QTcpServer::newConnection, [this] {
-      while (QTcpSocket* s = server_.nextPendingConnection()) {
-        QObject::connect(s, &QTcpSocket::readyRead, s, [this, s] {
-          QByteArray seen = s->property("seen").toByteArray() + s->readAll();
-          s->setProperty("seen", seen);
-          if (!seen.contains("\r\n\r\n")) return;
-          requests.push_back(seen.left(seen.indexOf(' ')));
-          s->write(seen.startsWith("HEAD") ? head_ : get_);
-          s->disconnectFromHost();
-        });
-      }
-    });
-  }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(server_.serverPort()) + "/film.mkv"; }
-  std::vector<QByteArray> requests;
-
- private:
-  QTcpServer server_;
-  QByteArray head_, get_;
-};
-
 template <class T>
 std::string why(const Result<T, ResolveError>& r) {
   return r ? std::string("ok") : message(r.error());
@@ -135,16 +103,12 @@ TEST(StremioResolver, ReadsLinksIdsAndEpisodeKeys) {
   EXPECT_EQ(StremioResolver::parseLink("stremio:///detail/movie/tt1375666"), P("movie", "tt1375666"));
   EXPECT_EQ(StremioResolver::parseLink("https://web.stremio.com/#/detail%2Fseries%2Ftt0903747%3A1%3A2"),
             P("series", "tt0903747:1:2"));
-  EXPECT_EQ(StremioResolver::parseLink("watch tt0903747:5:14 now"), P("series", "tt0903747:5:14"));
-  EXPECT_EQ(StremioResolver::parseLink("https://www.imdb.com/title/tt0110912/"), P("movie", "tt0110912"));
   EXPECT_EQ(StremioResolver::parseLink("tt12345"), std::nullopt) << "fewer than six digits";
   EXPECT_EQ(StremioResolver::parseLink("tt１２３４５６７"), std::nullopt) << "ASCII digits only";
 
   EXPECT_EQ(StremioResolver::runtimeMinutes("142 min"), 142);
   EXPECT_EQ(StremioResolver::runtimeMinutes("1h 30min"), 90);
-  EXPECT_EQ(StremioResolver::runtimeMinutes("0 min"), std::nullopt);
   EXPECT_EQ(StremioResolver::originalLanguage(" South Korea "), "KOR");
-  EXPECT_EQ(StremioResolver::originalLanguage("France, Italy"), std::nullopt) << "one country only";
 }
 
 TEST(StremioResolver, CinemetaVerdictsAndOutages) {
@@ -197,8 +161,6 @@ TEST(StremioResolver, PoolStopsAtTheFirstPlayableAnswerAndRemembersIt) {
   EXPECT_EQ(w.torrentio.streamRequests().size(), 1u);
   EXPECT_TRUE(w.logged("[resolve] movie/tt1375666 cache-fresh 1 streams"));
 
-  // Six hours on, a provider that fails and one that answers with nothing
-  // playable: the remembered rows are served, no verdict.
   w.cacheClock.advance(ResolveCache::kFreshSeconds);
   w.torrentio.setFault(FakeStreamAddon::Fault::serverError);
   w.comet.setRows("movie", "tt1375666", Json::array({w.comet.placeholderRow("placeholder.invalid")}));
@@ -208,7 +170,6 @@ TEST(StremioResolver, PoolStopsAtTheFirstPlayableAnswerAndRemembersIt) {
   EXPECT_TRUE(w.logged("[resolve] Torrentio tt1375666: http 503 after 0.0s"));
   EXPECT_TRUE(w.logged("barren, but an addon never answered — not a no-source verdict"));
 
-  // Everyone answers, nothing playable: the stale entry goes, the pool is empty.
   w.torrentio.setFault(FakeStreamAddon::Fault::none);
   w.torrentio.setRows("movie", "tt1375666", Json::array());
   auto barren = w.run(r.streamPool("movie", "tt1375666"));
@@ -217,7 +178,7 @@ TEST(StremioResolver, PoolStopsAtTheFirstPlayableAnswerAndRemembersIt) {
   EXPECT_FALSE(w.run(w.cache.entry("movie/tt1375666")));
 }
 
-TEST(StremioResolver, NoAnswerServesMemoryOrReportsTheCatalogBusy) {
+TEST(StremioResolver, NoAnswerReportsTheCatalogBusy) {
   World w;
   w.torrentio.setFault(FakeStreamAddon::Fault::badJson);
   auto r = w.resolver();
@@ -225,44 +186,6 @@ TEST(StremioResolver, NoAnswerServesMemoryOrReportsTheCatalogBusy) {
   EXPECT_EQ(message(none.error()), "The stream catalog is busy — trying again shortly");
   EXPECT_TRUE(w.logged("[resolve] movie/tt1375666 no addon answered and never cached"));
   EXPECT_EQ(w.health.failures(StreamProviderKind::torrentio), 1);
-
-  // An old-schema entry is never fresh but still serves when nobody answers.
-  ResolveCache::Entries old;
-  old["movie/tt1375666"] = {{row("[RD+] Torrentio", "Old.2010.1080p.mkv")}, w.cacheClock.now(), 1};
-  ASSERT_TRUE(writeFileAtomically(w.home.file("resolve-cache.json"), ResolveCache::encode(old)));
-  ResolveCache cache(w.home.file("resolve-cache.json"), w.cacheClock);
-  const ResolverServices& s = w.services;
-  ResolverServices withOld{
-      s.http,     cache, s.health, s.registry, nullptr, s.cinemeta, s.rdBase, s.cometHost, s.cometPlaceholderHost,
-      s.slateHost};
-  StremioResolver r2(withOld, w.torrentio.base(), false);
-  EXPECT_FALSE(w.run(cache.fresh("movie/tt1375666")));
-  auto served = w.run(r2.streamPool("movie", "tt1375666"));
-  ASSERT_TRUE(served) << why(served);
-  EXPECT_EQ(served->front().filename, "Old.2010.1080p.mkv");
-  EXPECT_TRUE(w.logged("no addon answered — serving 1 remembered streams"));
-}
-
-TEST(StremioResolver, UncachedRowsFromCometAreTheLastResort) {
-  World w;
-  w.torrentio.setReleases("movie", "tt1375666", {{"Inception.2010.1080p.WEB-DL-GRP", kFilm, kHashA, false}});
-  w.comet.setReleases("movie", "tt1375666", {{"Inception.2010.2160p.WEB-DL-GRP", kFilm, kHashB, false}});
-  auto r = w.resolver();
-  auto pool = w.run(r.streamPool("movie", "tt1375666"));
-  ASSERT_TRUE(pool) << why(pool);
-  // "[RD download]" makes an uncached Torrentio row playable: Comet isn't asked.
-  EXPECT_EQ(pool->front().provider, "torrentio");
-  EXPECT_TRUE(w.comet.streamRequests().empty());
-
-  w.torrentio.setRows("movie", "tt0110357", Json::array({Json{{"name", "Torrentio\n1080p"}, {"url", "https://x"}}}));
-  w.comet.setReleases("movie", "tt0110357", {{"The.Lion.King.1994.1080p.BluRay-GRP", kFilm, kHashB, false}});
-  auto last = w.run(r.streamPool("movie", "tt0110357"));
-  ASSERT_TRUE(last) << why(last);
-  ASSERT_EQ(last->size(), 1u);
-  EXPECT_EQ(last->front().infoHash, kHashB);
-  EXPECT_TRUE(w.logged("[resolve] movie/tt0110357 nothing cached — 1 uncached row(s) from Comet"));
-  ASSERT_FALSE(w.comet.streamRequests().empty());
-  EXPECT_NE(w.comet.requests().back().path.indexOf("/stream/movie/tt0110357.json"), -1);
 }
 
 TEST(StremioResolver, CandidatesDropJunkRecordingsAndOtherYears) {
@@ -296,51 +219,6 @@ TEST(StremioResolver, CandidatesDropJunkRecordingsAndOtherYears) {
 
   auto withTS = w.resolver(true).candidates(rows, "2001", "Film 2001");
   EXPECT_EQ(withTS.streams.size(), 5u);
-  EXPECT_TRUE(withTS.droppedRecordings.empty());
-
-  std::vector<CachedStream> early = {row("[RD+] T", "New.CAM-AAA.mkv"), row("[RD+] T", "New.HDTS-AAA.mkv"),
-                                     row("[RD+] T", "New.TC-BBB.mkv"), row("[RD+] T", "New.1080p.WEB-DL-CCC.mkv")};
-  StremioResolver::Resolution res;
-  auto e = w.resolver(true).candidates(early, std::nullopt, std::nullopt);
-  EXPECT_FALSE(e.earlyRelease) << "one real source among three recordings is not early (1 x 4 > 3)";
-  early.pop_back();
-  early.push_back(row("[RD+] T", "New.HDCAM-DDD.mkv"));
-  e = w.resolver(true).candidates(early, std::nullopt, std::nullopt);
-  EXPECT_TRUE(e.earlyRelease);
-  res.streams = e.streams;
-  res.earlyRelease = true;
-  res.recordingGroups = {"AAA", "BBB"};
-  ASSERT_EQ(res.pickable().size(), 1u);
-  EXPECT_EQ(res.pickable()[0].filename, "New.HDCAM-DDD.mkv");
-}
-
-TEST(StremioResolver, PickableFollowsTheDominantLanguage) {
-  World w;
-  StremioResolver::Resolution res;
-  res.originalLanguage = "KOR";
-  auto c = w.resolver().candidates(
-      {row("[RD+] T", "Parasite.2019.1080p.BluRay.ITA.x264-A.mkv"), row("[RD+] T", "Parasite.2019.1080p.ITA-B.mkv"),
-       row("[RD+] T", "Parasite.2019.KOREAN.1080p.BluRay-C.mkv")},
-      std::nullopt, std::nullopt);
-  res.streams = c.streams;
-  const auto kept = res.pickable();
-  ASSERT_EQ(kept.size(), 2u);
-  for (const auto& k : kept) EXPECT_NE(k.filename.find("ITA"), std::string::npos);
-
-  // Trailers don't vote; a tie at the top goes to the untagged releases.
-  const auto pick = [&](std::vector<CachedStream> rows) {
-    res.streams = w.resolver().candidates(rows, std::nullopt, std::nullopt).streams;
-    std::vector<std::string> names;
-    for (const auto& c : res.pickable()) names.push_back(c.filename);
-    return names;
-  };
-  EXPECT_EQ(pick({row("[RD+] T", "Parasite.Trailer.ITA-A.mkv"), row("[RD+] T", "Parasite.Trailer.ITA-B.mkv"),
-                  row("[RD+] T", "Parasite.2019.1080p-C.mkv")}),
-            std::vector<std::string>{"Parasite.2019.1080p-C.mkv"});
-  EXPECT_EQ(pick({row("[RD+] T", "Parasite.2019.ITA-A.mkv"), row("[RD+] T", "Parasite.2019.FRENCH-B.mkv"),
-                  row("[RD+] T", "Parasite.2019.1080p-C.mkv"), row("[RD+] T", "Parasite.2019.iTALIAN-D.mkv"),
-                  row("[RD+] T", "Parasite.2019.VFF-E.mkv")}),
-            std::vector<std::string>{"Parasite.2019.1080p-C.mkv"});
 }
 
 TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {
@@ -350,23 +228,6 @@ TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {
   auto ok = w.run(r.probe(good));
   ASSERT_TRUE(ok) << why(ok);
   EXPECT_EQ(ok->bytes, kFilm);
-  EXPECT_EQ(ok->finalURL.path(), "/films/Good.mkv") << "redirects followed";
-
-  // HEAD not allowed: a one-byte ranged GET reads the total from Content-Range.
-  w.cdn.on("GET", "/nohead.mkv", [&](const auto& req, auto& reply) {
-    if (req.method == "HEAD") return reply.send(405);
-    reply.send(206, "x", {{"Content-Range", "bytes 0-0/" + QByteArray::number(qlonglong(kFilm))}});
-  });
-  auto ranged = w.run(r.probe(w.cdn.url("/nohead.mkv").toString().toStdString()));
-  ASSERT_TRUE(ranged) << why(ranged);
-  EXPECT_EQ(ranged->bytes, kFilm);
-
-  // No length anywhere: a success with the size unknown.
-  BareHost bare("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nxyz");
-  auto unknown = w.run(r.probe(bare.url()));
-  ASSERT_TRUE(unknown) << why(unknown);
-  EXPECT_EQ(unknown->bytes, std::nullopt);
-  EXPECT_EQ(bare.requests, (std::vector<QByteArray>{"HEAD", "GET"}));
 
   // A Range request answered with 200 and a whole film: read no further than needed.
   w.cdn.on("GET", "/whole.mkv", [](const auto& req, auto& reply) {
@@ -379,16 +240,8 @@ TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {
 
   const std::string small = w.cdnFilm("Sample.mkv", 100'000'000);
   EXPECT_EQ(w.run(r.probe(small)).error().kind, Kind::noPlayableStream);
-  EXPECT_TRUE(w.logged("[resolve] probe returned 100000000 bytes — too small to be the film"));
-  w.cdn.on("GET", "/videos/x.mp4", [](const auto&, auto& reply) { reply.send(200, "v"); });
-  EXPECT_EQ(w.run(r.probe(w.cdn.url("/videos/x.mp4").toString().toStdString())).error().kind, Kind::noPlayableStream);
-  EXPECT_TRUE(w.logged("[resolve] probe landed on a placeholder: 127.0.0.1 x.mp4"));
   w.cdn.on("GET", "/busy", [](const auto&, auto& reply) { reply.send(503); });
-  w.cdn.on("GET", "/gone", [](const auto&, auto& reply) { reply.send(404); });
   EXPECT_EQ(w.run(r.probe(w.cdn.url("/busy").toString().toStdString())).error().kind, Kind::cdnUnavailable);
-  EXPECT_EQ(w.run(r.probe(w.cdn.url("/gone").toString().toStdString())).error().kind, Kind::cdnUnavailable);
-  EXPECT_TRUE(w.logged("[resolve] probe got 404 from 127.0.0.1"));
-  EXPECT_EQ(w.run(r.probe("not a url")).error().kind, Kind::noPlayableStream);
   test::redirect(w.cdn, "/loop", w.cdn.url("/loop").toString());
   EXPECT_EQ(w.run(r.probe(w.cdn.url("/loop").toString().toStdString())).error().kind, Kind::cdnUnavailable);
 }
@@ -423,7 +276,7 @@ TEST(StremioResolver, ResolvesAFilmFromItsIdToAProvedTitle) {
   for (const auto& l : w.lines) EXPECT_EQ(l.find(w.rd.key), std::string::npos) << l;
 }
 
-TEST(StremioResolver, DebridDirectForCometAndUncachedCandidates) {
+TEST(StremioResolver, UncachedAndStillDownloadingIsATryLater) {
   World w;
   auto r = w.resolver();
   StremioResolver::Resolution res;
@@ -431,19 +284,6 @@ TEST(StremioResolver, DebridDirectForCometAndUncachedCandidates) {
   res.year = "2010";
   res.id = "tt1375666";
 
-  // Comet, cached: straight from Real-Debrid within 2 seconds.
-  w.rd.releases[kHashA] = {
-      "Inception.2010.2160p", {{1, "/Inception.2010.2160p.mkv", kFilm}}, FakeRealDebrid::cachedStages()};
-  StreamCandidate comet{
-      "1", "Inception.2010.2160p.mkv", "https://comet.invalid/p", "4.2 GB", true, kHashA, StreamProviderKind::comet, 3};
-  auto direct = w.run(r.materialise(comet, res));
-  ASSERT_TRUE(direct) << why(direct);
-  EXPECT_EQ(direct->size, kFilm);
-  EXPECT_TRUE(direct->rdLink && direct->rdLink->rfind("https://real-debrid.com/", 0) == 0);
-  EXPECT_EQ(direct->resolveURL, "https://comet.invalid/p");
-  EXPECT_TRUE(w.logged("[resolve] debrid-direct resolved Inception.2010.2160p.mkv (4200000000 bytes)"));
-
-  // Uncached and still downloading after 45 seconds: try again later.
   w.rd.releases[kHashB] = {"Slow",
                            {{1, "/Slow.mkv", kFilm}},
                            {{"magnet_conversion", 1}, {"waiting_files_selection", 0}, {"downloading", 0}}};
@@ -454,58 +294,7 @@ TEST(StremioResolver, DebridDirectForCometAndUncachedCandidates) {
   EXPECT_TRUE(w.logged("[resolve] RD still fetching Slow.mkv after 45s"));
   EXPECT_NEAR(w.clock.now() - 700000000.0, 45, 4) << "the budget ran on the clock";
 
-  // Uncached and refused: this candidate is bad.
-  const std::string virus(40, 'c');
-  w.rd.releases[virus] = {"Bad", {{1, "/Bad.mkv", kFilm}}, FakeRealDebrid::failingStages("virus")};
-  StreamCandidate bad{"3",   "Bad.mkv", "https://x.invalid/y",         std::nullopt,
-                      false, virus,     StreamProviderKind::torrentio, 1};
-  EXPECT_EQ(w.run(r.materialise(bad, res)).error().kind, Kind::noPlayableStream);
-  EXPECT_TRUE(w.logged("[resolve] RD refused Bad.mkv: "));
-
-  // A cached Torrentio row whose add-on link is a placeholder: taken from
-  // Real-Debrid by its hash instead.
-  w.cdn.on("GET", "/videos/placeholder.mp4", [](const auto&, auto& reply) { reply.send(200, "v"); });
-  const std::string d(40, 'd');
-  w.rd.releases[d] = {"Placeholder", {{1, "/Good.mkv", kFilm}}, FakeRealDebrid::cachedStages()};
-  StreamCandidate ph{"4",
-                     "Good.mkv",
-                     w.cdn.url("/videos/placeholder.mp4").toString().toStdString(),
-                     std::nullopt,
-                     true,
-                     d,
-                     StreamProviderKind::torrentio,
-                     1};
-  auto rescued = w.run(r.materialise(ph, res));
-  ASSERT_TRUE(rescued) << why(rescued);
-  EXPECT_TRUE(w.logged("[resolve] addon link was a placeholder — took Good.mkv straight from RD"));
   for (const auto& l : w.lines) EXPECT_EQ(l.find(w.rd.key), std::string::npos) << l;
-}
-
-TEST(StremioResolver, EpisodesResolveFromTheSkeleton) {
-  World w;
-  w.torrentio.setReleases("series", "tt0903747:1:2",
-                          {{"Breaking.Bad.S01E02.1080p.BluRay.x264-GRP.mkv", kFilm, kHashA}});
-  auto r = w.resolver();
-  SeriesSkeleton show{"Breaking Bad",
-                      "2008",
-                      "United States",
-                      {{1, 2, "2008-01-27T05:00:00.000Z"}, {1, 3, "2099-01-01T05:00:00.000Z"}}};
-  auto res = w.run(r.resolveEpisode("tt0903747", 1, 2, show));
-  ASSERT_TRUE(res) << why(res);
-  EXPECT_EQ(res->title, "Breaking Bad - S01E02");
-  EXPECT_EQ(res->streams.size(), 1u);
-  auto future = w.run(r.resolveEpisode("tt0903747", 1, 3, show));
-  EXPECT_EQ(future.error().kind, Kind::notReleasedYet);
-
-  // By link, the series record gives the title and the episodes' dates.
-  Json record = w.cinemeta.metas.at("series/tt0903747");
-  record["videos"] = Json::array({Json{{"season", 1}, {"episode", 2}, {"released", "2008-01-27T05:00:00.000Z"}},
-                                  Json{{"season", 1}, {"number", 3}, {"released", "2099-01-01T05:00:00.000Z"}}});
-  w.cinemeta.setMeta("series", "tt0903747", record);
-  auto byLink = w.run(r.resolve("stremio:///detail/series/tt0903747%3A1%3A2"));
-  ASSERT_TRUE(byLink) << why(byLink);
-  EXPECT_EQ(byLink->title, "Breaking Bad - S01E02");
-  EXPECT_EQ(w.run(r.resolve("tt0903747:1:3")).error().kind, Kind::notReleasedYet);
 }
 
 TEST(StremioResolver, BadRowsAreReadLenientlyAndCut) {
@@ -523,18 +312,6 @@ TEST(StremioResolver, BadRowsAreReadLenientlyAndCut) {
       StremioResolver::decodeStreams("{\"streams\":[{\"name\":\"[RD+] \xff\xfe\",\"url\":\"u\"}]}", "torrentio");
   ASSERT_TRUE(bytes) << "broken UTF-8 in one name";
   EXPECT_EQ((*bytes)[0].name, "[RD+] \uFFFD\uFFFD");
-
-  Json rows = Json::array();
-  const std::string huge(3'000'000, 'A');
-  for (int i = 0; i < 3000; ++i)
-    rows.push_back(Json{{"name", "[RD+] T"},
-                        {"title", huge.substr(0, i == 0 ? huge.size() : 10)},
-                        {"url", "https://x/" + std::to_string(i)}});
-  auto many = StremioResolver::decodeStreams(json::encode(Json{{"streams", rows}}), "torrentio");
-  ASSERT_EQ(many->size(), 3000u);
-  EXPECT_EQ(many->front().title->size(), StremioResolver::kMaxTextBytes);
-  auto c = w.resolver().candidates(*many, "2010", "Film");
-  EXPECT_EQ(c.streams.size(), 3000u);
 }
 
 TEST(StremioResolver, CancellingAResolveClosesItsRequest) {
@@ -552,21 +329,6 @@ TEST(StremioResolver, CancellingAResolveClosesItsRequest) {
   EXPECT_EQ(out->error().kind, Kind::cancelled);
   EXPECT_TRUE(test::spinUntil([&] { return w.torrentio.abandonedRequests() == 1; }));
   EXPECT_EQ(w.health.failures(StreamProviderKind::torrentio), 0) << "a cancel says nothing about the add-on";
-}
-
-TEST(StremioResolver, AlternatesAreOtherCachedCopiesOfTheSameFile) {
-  StreamCandidate win{"1", "F.mkv", "u1", {}, true, {}, StreamProviderKind::torrentio, {}};
-  std::vector<StreamCandidate> pool = {win};
-  EXPECT_EQ(StremioResolver::alternates(win, pool), std::nullopt);
-  auto copy = [&](std::string url, bool cached, StreamProviderKind kind) {
-    return StreamCandidate{"x", "F.mkv", std::move(url), {}, cached, {}, kind, {}};
-  };
-  pool.push_back(copy("u2", true, StreamProviderKind::mediafusion));
-  pool.push_back(copy("u3", false, StreamProviderKind::torrentio));
-  pool.push_back(copy("u4", true, StreamProviderKind::comet));
-  pool.push_back(copy("u2", true, StreamProviderKind::torrentio));
-  for (int i = 5; i < 10; ++i) pool.push_back(copy("u" + std::to_string(i), true, StreamProviderKind::torrentio));
-  EXPECT_EQ(StremioResolver::alternates(win, pool), (std::vector<std::string>{"u1", "u2", "u5", "u6", "u7"}));
 }
 
 TEST(ResolveCache, FileFormatFreshnessAndOneWriteAfterTwoSeconds) {
@@ -602,20 +364,6 @@ TEST(ResolveCache, FileFormatFreshnessAndOneWriteAfterTwoSeconds) {
   EXPECT_FALSE(test::runTask(broken.entry("movie/tt2")));
 }
 
-TEST(ResolveCache, KeepsTheNewest2000) {
-  ManualClock clock;
-  test::TestHome home;
-  ResolveCache cache(home.file("c.json"), clock);
-  CachedStream s{"n", {}, "u", {}, {}, {}, {}};
-  for (int i = 0; i < 2001; ++i) {
-    test::runTask(cache.store("movie/tt" + std::to_string(i), {s}));
-    clock.advance(0.001);
-  }
-  EXPECT_FALSE(test::runTask(cache.entry("movie/tt0")));
-  EXPECT_TRUE(test::runTask(cache.entry("movie/tt1")));
-  EXPECT_TRUE(test::runTask(cache.entry("movie/tt2000")));
-}
-
 TEST(ResolveVerb, PrintsTheCandidatesThenTheTitleOrTheError) {
   World w;
   const std::string name = "Inception.2010.1080p.BluRay.x264-GRP.mkv";
@@ -647,8 +395,4 @@ TEST(ResolveVerb, PrintsTheCandidatesThenTheTitleOrTheError) {
   EXPECT_EQ(cams.str(),
             "{\"error\":\"Only camera recordings so far. Turn on \\\"Allow camera recordings\\\" in "
             "Settings → Quality to see them.\"}\n");
-
-  std::ostringstream missing;
-  EXPECT_EQ(w.run(cli::resolveLink(w.resolver(), rankerFor(QualityLevel::balanced), "tt0000001", missing)), 1);
-  EXPECT_EQ(missing.str(), "{\"error\":\"Cinemeta has no record for that title — try a different movie\"}\n");
 }

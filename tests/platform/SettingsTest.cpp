@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <QSettings>
-#include <algorithm>
 #include <filesystem>
 
 #include "platform/Log.h"
@@ -17,181 +14,99 @@ using namespace vt;
 namespace {
 
 std::string readText(const std::string& path) { return readFile(path).value_or(""); }
-
-unsigned permissions(const std::string& path) {
-  struct stat st {};
-  ::stat(path.c_str(), &st);
-  return st.st_mode & 0777;
-}
-
+unsigned permissions(const std::string& path) { return unsigned(std::filesystem::status(path).permissions()) & 0777; }
 bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-// The log lines written while the object lives.
 struct CapturedLog {
   std::vector<std::string> lines;
   ScopedLogSink sink{[this](std::string_view line) { lines.emplace_back(line); }};
 };
 
+struct Settings : ::testing::Test {
+  test::TestHome home;
+  const std::string path = home.file("settings.ini");
+};
+
 }  // namespace
 
-TEST(SettingsStore, PlainValuesAsWrittenReadWithTheTypeTheReaderAsks) {
-  test::TestHome home;
-  const auto path = home.file("settings.ini");
+TEST_F(Settings, PlainValuesAsWrittenReadWithTheTypeTheReaderAsks) {
   writeFileAtomically(path,
-                      "# written by hand\nrdKey=ABC\nuseComet=true\n  allowTS = False \ncacheLimitGB=32\nquality=-2\n"
-                      "rerankExisting=false\ntoken=\npmsURLString=http://nas.local:32400/a,b;c#d\r\n"
-                      "path=C:\\films\\old\n");
-  ::chmod(path.c_str(), 0644);
+                      "# written by hand\nrdKey=ABC\n  allowTS = False \nquality=-2\ntoken=\n"
+                      "pmsURLString=http://nas.local:32400/a,b;c#d\r\npath=C:\\films\\old\n");
+  std::filesystem::permissions(path, std::filesystem::perms(0644));
   SettingsStore s(path);
   EXPECT_EQ(s.boolean("allowTS"), false) << "blanks around key and value, any case";
-  EXPECT_EQ(s.integer("quality"), -2);
   EXPECT_EQ(s.string("pmsURLString"), "http://nas.local:32400/a,b;c#d");
   EXPECT_EQ(s.string("path"), "C:\\films\\old") << "a backslash typed by hand stands for itself";
   EXPECT_EQ(permissions(path), 0600u) << "a file that holds secrets is its owner's alone";
-  // Absent and false (or empty) are different things.
-  EXPECT_EQ(s.boolean("rerankExisting"), false);
-  EXPECT_EQ(s.boolean("nothing"), std::nullopt);
-  EXPECT_FALSE(s.contains("nothing"));
-  EXPECT_EQ(s.string("token"), "");
-
-  // Writes come out as plain lines, in place, with the comment kept.
   s.setString("rdKey", "XYZ");
-  s.setBoolean("useComet", false);
-  s.setInteger("cacheLimitGB", 0);
-  s.setBoolean("newFlag", true);
+  s.setInteger("quality", 0);
   s.remove("path");
-  const auto text = readText(path);
-  EXPECT_TRUE(has(text, "# written by hand\nrdKey=XYZ\nuseComet=false\nallowTS=False\ncacheLimitGB=0\n")) << text;
-  EXPECT_TRUE(has(text, "\nnewFlag=true\n")) << text;
-  EXPECT_FALSE(has(text, "path="));
-  EXPECT_EQ(permissions(path), 0600u);
-
-  SettingsStore again(path);
-  EXPECT_EQ(again.integer("cacheLimitGB"), 0) << "0 is not absent";
-  EXPECT_EQ(again.boolean("newFlag"), true);
-  EXPECT_FALSE(again.contains("path"));
+  EXPECT_TRUE(has(readText(path), "# written by hand\nrdKey=XYZ\nallowTS=False\nquality=0\ntoken=\n"));
+  EXPECT_EQ(SettingsStore(path).integer("quality"), 0) << "0 is not absent";
+  EXPECT_FALSE(SettingsStore(path).contains("path"));
 }
 
-TEST(SettingsStore, StructuredValuesRoundTripExactly) {
-  test::TestHome home;
-  const auto path = home.file("sub/settings.ini");
-  const std::string groups = R"({"AB/CD":3,"X, Y":1,"q\"uote":2,"back\\slash":4,"Один":5})";
+TEST_F(Settings, StructuredValuesRoundTripExactlyInAFolderMadeForThem) {
+  const auto sub = home.file("sub/settings.ini");
   const std::vector<std::pair<std::string, std::string>> values = {
-      {"pickedReleaseGroups", groups},
+      {"pickedReleaseGroups", R"({"AB/CD":3,"q\"uote":2,"back\\slash":4,"Один":5})"},
       {"streamPreference", "{\"maxSizeGB\":5.5,\n \"resolutionOrder\":[\"4K\"]}\r\n"},
       {"binary", std::string("\x01\x00\xff\x7f=#;[\t \\x41", 14)},
-      {"spaces", "  both ends  "},
       {"key = with=equals", "v"},
-      {"#notAComment", "[notASection]"},
-  };
-  {
-    SettingsStore s(path);
-    for (const auto& [k, v] : values) s.setData(k, v);
-  }
-  SettingsStore s(path);
+      {"#notAComment", "  [notASection]  "}};
+  for (const auto& [k, v] : values) SettingsStore(sub).setData(k, v);
+  SettingsStore s(sub);
   for (const auto& [k, v] : values) EXPECT_EQ(s.data(k), v) << k;
-  EXPECT_EQ(s.keys().size(), values.size());
-  // One line a key, plus the two comment lines at the top.
-  const auto text = readText(path);
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(values.size() + 2)) << text;
-  // A JSON record stays readable on its line: only its backslashes double.
-  std::string groupsLine = "\npickedReleaseGroups=";
-  for (const char c : groups) groupsLine += c == '\\' ? std::string("\\\\") : std::string(1, c);
-  EXPECT_TRUE(has(text, groupsLine + "\n")) << groupsLine << " in\n" << text;
+  const auto groupsLine = R"(pickedReleaseGroups={"AB/CD":3,"q\\"uote":2,"back\\\\slash":4,"Один":5})";
+  EXPECT_TRUE(has(readText(sub), std::string("\n") + groupsLine + "\n")) << "a JSON record stays readable on its line";
 }
 
-TEST(SettingsStore, ATaggedFileIsReadOnceAndRewrittenPlainly) {
-  test::TestHome home;
-  const auto path = home.file("settings.ini");
+TEST_F(Settings, ATaggedFileIsReadOnceAndRewrittenPlainly) {
   {
-    // A file as the older store wrote it: tagged values under [General].
-    QSettings old(QString::fromStdString(path), QSettings::IniFormat);
+    QSettings old(QString::fromStdString(path), QSettings::IniFormat);  // as the older store wrote it
     old.setValue("pmsURLString", "s:http://nas:32400/x,y");
-    old.setValue("cacheLimitGB", "i:64");
-    old.setValue("useComet", "b:false");
     old.setValue("streamPreference", QByteArray(R"({"resolutionOrder":["4K"]})"));
-    old.sync();
   }
-  auto check = [](const SettingsStore& s) {
+  const auto check = [](const SettingsStore& s) {
     EXPECT_EQ(s.string("pmsURLString"), "http://nas:32400/x,y");
-    EXPECT_EQ(s.integer("cacheLimitGB"), 64);
-    EXPECT_EQ(s.boolean("useComet"), false);
     EXPECT_EQ(s.data("streamPreference"), R"({"resolutionOrder":["4K"]})");
   };
-  {
-    // Reading only converts in memory and leaves the file alone.
-    SettingsStore look(path, SettingsAccess::readOnly);
-    check(look);
-    EXPECT_TRUE(has(readText(path), "[General]"));
-  }
-  {
+  check(SettingsStore(path, SettingsAccess::readOnly));
+  EXPECT_TRUE(has(readText(path), "[General]")) << "reading alone leaves the file";
+  for (const auto* expected : {"[settings] settings.ini rewritten with plain values", ""}) {
     CapturedLog log;
-    SettingsStore s(path);
-    check(s);
-    EXPECT_EQ(log.lines, std::vector<std::string>{"[settings] settings.ini rewritten with plain values"});
+    check(SettingsStore(path));
+    EXPECT_EQ(log.lines, *expected ? std::vector<std::string>{expected} : std::vector<std::string>{}) << "once";
   }
-  const auto text = readText(path);
-  for (const auto* tag : {"[General]", "=s:", "=i:", "=b:", "@ByteArray"}) EXPECT_FALSE(has(text, tag)) << text;
-  EXPECT_TRUE(has(text, "\npmsURLString=http://nas:32400/x,y\n")) << text;
-  EXPECT_EQ(permissions(path), 0600u);
-
-  CapturedLog log;
-  SettingsStore again(path);
-  check(again);
-  EXPECT_TRUE(log.lines.empty()) << "migrated once";
-  EXPECT_EQ(readText(path), text);
+  for (const auto* tag : {"[General]", "=s:", "@ByteArray"}) EXPECT_FALSE(has(readText(path), tag)) << tag;
 }
 
-TEST(SettingsStore, AValueThatDoesntReadIsIgnoredWithOneLineNamingTheKey) {
-  test::TestHome home;
-  const auto path = home.file("settings.ini");
-  writeFileAtomically(path, "cacheLimitGB=lots\nuseComet=maybe\nrdKey=SECRET-rd-0123\nnot a setting\n");
+TEST_F(Settings, AValueThatDoesntReadIsIgnoredWithOneLineNamingTheKeyButNeverTheValue) {
+  writeFileAtomically(path, "useComet=maybe\nrdKey=SECRET-rd-0123\nnot a setting\n");
   CapturedLog log;
   SettingsStore s(path);
-  EXPECT_EQ(log.lines, std::vector<std::string>{"[settings] line 4 of settings.ini is not key=value and is ignored"});
-  log.lines.clear();
-
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(s.boolean("useComet"), std::nullopt);
-    for (const auto* key : {"cacheLimitGB", "rdKey"}) EXPECT_EQ(s.integer(key), std::nullopt) << key;
-  }
+  EXPECT_EQ(log.lines, std::vector<std::string>{"[settings] line 3 of settings.ini is not key=value and is ignored"});
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(s.integer("rdKey"), std::nullopt);
+  EXPECT_EQ(s.boolean("useComet"), std::nullopt);
   ASSERT_EQ(log.lines.size(), 3u) << "one line a key, however often it is read";
-  EXPECT_EQ(log.lines[0], "[settings] \"useComet\" in settings.ini is not true or false; the value is ignored");
-  EXPECT_EQ(log.lines[2], "[settings] \"rdKey\" in settings.ini is not a whole number; the value is ignored");
+  EXPECT_EQ(log.lines[1], "[settings] \"rdKey\" in settings.ini is not a whole number; the value is ignored");
+  EXPECT_EQ(log.lines[2], "[settings] \"useComet\" in settings.ini is not true or false; the value is ignored");
   for (const auto& line : log.lines) EXPECT_FALSE(has(line, "SECRET"));
   EXPECT_EQ(s.string("rdKey"), "SECRET-rd-0123") << "the text itself is kept";
-
-  // A key written and spoiled again is reported again.
-  log.lines.clear();
-  s.setInteger("cacheLimitGB", 40);
-  EXPECT_EQ(s.integer("cacheLimitGB"), 40);
-  s.setString("cacheLimitGB", "forty");
-  EXPECT_EQ(s.integer("cacheLimitGB"), std::nullopt);
-  EXPECT_EQ(log.lines.size(), 1u);
+  s.setString("rdKey", "forty");
+  EXPECT_EQ(s.integer("rdKey"), std::nullopt);
+  EXPECT_EQ(log.lines.size(), 4u) << "a key written and spoiled again is reported again";
 }
 
-TEST(SettingsStore, AnotherProcessesChangeIsKeptAndATestHomeStartsEmpty) {
-  test::TestHome home;
-  const auto path = home.file("settings.ini");
+TEST_F(Settings, AnotherProcessesChangeIsKeptAndATestHomeStartsEmpty) {
   SettingsStore app(path);
-  app.setInteger("engineLogOffset.movie", 1);
   SettingsStore(path).setString("rdKey", "NEW");
   app.setInteger("engineLogOffset.movie", 2);
-  SettingsStore after(path);
-  EXPECT_EQ(after.string("rdKey"), "NEW");
-  EXPECT_EQ(after.integer("engineLogOffset.movie"), 2);
-
-  SettingsStore look(home.file("none/settings.ini"), SettingsAccess::readOnly);
-  look.setString("x", "y");
-  EXPECT_EQ(look.string("x"), "y");
-  EXPECT_FALSE(std::filesystem::exists(home.file("none"))) << "a read-only store creates nothing";
-
+  EXPECT_EQ(SettingsStore(path).string("rdKey"), "NEW");
   // Settings left behind before the test home was owned are dropped once; a second start keeps them.
-  {
-    auto s = SettingsStore::openForTestHome(home.path());
-    EXPECT_FALSE(s->contains("rdKey"));
-    s->setString("token", "new");
-  }
+  EXPECT_FALSE(SettingsStore::openForTestHome(home.path())->contains("rdKey"));
+  SettingsStore::openForTestHome(home.path())->setString("token", "new");
   EXPECT_EQ(SettingsStore::openForTestHome(home.path())->string("token"), "new");
 }
 
@@ -200,12 +115,6 @@ TEST(AppPaths, RelativeXdgFoldersAreIgnored) {
   qputenv("XDG_CONFIG_HOME", "relative/ignored");
   qputenv("HOME", "/home/u");
   qunsetenv("VT_UITEST_HOME");
-  auto n = AppPaths::fromEnvironment();
-  EXPECT_FALSE(n.isTestHome());
-  EXPECT_EQ(n.dataDirectory, "/xdg/data/Vantory");
-  EXPECT_EQ(n.settingsPath, "/home/u/.config/Vantory/settings.ini");
-
-  test::TestHome home;
-  EXPECT_TRUE(AppPaths::forTestHome(home.file("a/b/c")).ensureDataDirectory());
-  EXPECT_TRUE(std::filesystem::is_directory(home.file("a/b/c")));
+  EXPECT_EQ(AppPaths::fromEnvironment().dataDirectory, "/xdg/data/Vantory");
+  EXPECT_EQ(AppPaths::fromEnvironment().settingsPath, "/home/u/.config/Vantory/settings.ini");
 }

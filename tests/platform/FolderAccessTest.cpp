@@ -42,8 +42,9 @@ TEST(FolderAccess, AClosedParentOrAPrivateFuseMountIsFoundWithItsFix) {
                                           ". One-time fix: sudo setfacl -m u:plex:x \"" + closed + "\"");
 
   // The fix it names works: a named-user ACL entry with search rights.
-  if (setAcl(closed, {{0x01, 7, 0, 0}, {0x02, 1, 12345, 0}, {0x04, 0, 0, 0}, {0x10, 1, 0, 0}, {0x20, 0, 0, 0}}))
+  if (setAcl(closed, {{0x01, 7, 0, 0}, {0x02, 1, 12345, 0}, {0x04, 0, 0, 0}, {0x10, 1, 0, 0}, {0x20, 0, 0, 0}})) {
     EXPECT_FALSE(readProblem(library, kPlex, "\n"));
+  }
   ::chmod(closed.c_str(), 0711);
 
   // A FUSE mount of another user without allow_other, its blank escaped.

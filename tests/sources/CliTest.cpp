@@ -191,7 +191,8 @@ TEST(Cli, SetupMountWritesTheFstabEntriesAndFolderRightsAndUndoesThemExactly) {
   EXPECT_NE(written.find("127.0.0.1:/ " + home + "/Library\\040TV nfs vers=3,proto=tcp,port=12051,mountport=12051,"),
             std::string::npos)
       << written;
-  EXPECT_TRUE(fstabLetsUsersMount(written, home + "/Library TV"));
+  EXPECT_TRUE(fstabLetsUsersMount(written, home + "/Library TV", 12051));
+  EXPECT_FALSE(fstabLetsUsersMount(written, home + "/Library TV", 12049)) << "another port is another server";
   const bool aclsHere = out.str().find("let plex enter " + closed) != std::string::npos;
 
   // --remove restores the file byte for byte.

@@ -143,6 +143,11 @@ TEST(StremioResolver, CinemetaVerdictsAndOutages) {
   EXPECT_EQ(later.error().released, "2031-05-01T00:00:00.000Z");
   EXPECT_TRUE(w.logged("[resolve] movie/tt9999999 Later not released yet (2031-05-01T00:00:00.000Z)"));
   EXPECT_TRUE(w.torrentio.streamRequests().empty());
+  // An episode by link takes its air date from the series record.
+  Json record = w.cinemeta.metas.at("series/tt0903747");
+  record["videos"] = Json::array({Json{{"season", 1}, {"number", 3}, {"released", "2099-01-01T05:00:00.000Z"}}});
+  w.cinemeta.setMeta("series", "tt0903747", record);
+  EXPECT_EQ(w.run(r.resolve("tt0903747:1:3")).error().kind, Kind::notReleasedYet);
 }
 
 TEST(StremioResolver, PoolStopsAtTheFirstPlayableAnswerAndRemembersIt) {
@@ -219,6 +224,28 @@ TEST(StremioResolver, CandidatesDropJunkRecordingsAndOtherYears) {
 
   auto withTS = w.resolver(true).candidates(rows, "2001", "Film 2001");
   EXPECT_EQ(withTS.streams.size(), 5u);
+}
+
+TEST(StremioResolver, PickableKeepsTheDominantLanguageTrailersDontVoteATieGoesUntagged) {
+  World w;
+  StremioResolver::Resolution res;
+  res.originalLanguage = "KOR";
+  const auto pick = [&](std::vector<CachedStream> rows) {
+    res.streams = w.resolver().candidates(rows, std::nullopt, std::nullopt).streams;
+    std::vector<std::string> names;
+    for (const auto& c : res.pickable()) names.push_back(c.filename);
+    return names;
+  };
+  using Names = std::vector<std::string>;
+  EXPECT_EQ(pick({row("[RD+] T", "P.2019.ITA-A.mkv"), row("[RD+] T", "P.2019.ITA-B.mkv"),
+                  row("[RD+] T", "P.2019.KOREAN-C.mkv")}),
+            (Names{"P.2019.ITA-A.mkv", "P.2019.ITA-B.mkv"}));
+  EXPECT_EQ(pick({row("[RD+] T", "P.Trailer.ITA-A.mkv"), row("[RD+] T", "P.Trailer.ITA-B.mkv"),
+                  row("[RD+] T", "P.2019.1080p-C.mkv")}),
+            Names{"P.2019.1080p-C.mkv"});
+  EXPECT_EQ(pick({row("[RD+] T", "P.2019.ITA-A.mkv"), row("[RD+] T", "P.2019.FRENCH-B.mkv"),
+                  row("[RD+] T", "P.2019.1080p-C.mkv")}),
+            Names{"P.2019.1080p-C.mkv"});
 }
 
 TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {

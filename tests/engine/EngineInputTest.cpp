@@ -1,10 +1,9 @@
-// The engine against clients and sources that push it: reads pipelined on a
-// cold source, hostile control bodies and manifests, sources that aren't files.
 #include <gtest/gtest.h>
 
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QStandardPaths>
 
 #include "Engine.h"
@@ -20,52 +19,36 @@
 
 using namespace vt;
 
-namespace {
-
-using Engine = test::LocalEngine;
-
-}  // namespace
-
 TEST(EngineInput, PipelinedReadsOfAColdHttpSourceAllGetTheirBytes) {
-  // Eight 1 MiB reads stay in flight, so several wait on each chunk's fetch
-  // at once: every one of them must get its bytes.
+  // Eight 1 MiB reads stay in flight, so several wait on each chunk's fetch at once.
   test::TestHome home;
   ManualClock clock;
   HttpClient http(clock);
   test::FakeHttpServer host;
   constexpr int64_t kSize = 256ll << 20;
   test::serveGenerated(host, "/film", kSize);
-  EngineEntry entry;
-  entry.name = "Film.mkv";
+  auto entry = test::entry("Film.mkv", host.url("/film").toString().toStdString());
   entry.size = kSize;
-  entry.url = host.url("/film").toString().toStdString();
   vtnfs::SourceReader reader(http, home.file("probe-cache"), {});
   reader.setBudgetBytes(4 * vtnfs::SourceReader::kChunk);
-
   constexpr uint32_t kRead = 1 << 20;
-  constexpr int kInFlight = 8;
   int64_t next = 0, done = 0;
-  std::vector<std::string> failures;
+  std::vector<int64_t> failures;
   std::vector<Job> jobs;
   const auto startRead = [&](auto& self) -> void {
     if (next >= kSize) return;
-    const int64_t at = next;
-    next += kRead;
+    const int64_t at = std::exchange(next, next + kRead);
     jobs.push_back(Job::start([&, at, self](CancelToken) -> QCoro::Task<> {
       std::string out;
       const auto outcome = co_await reader.read(entry, kSize, static_cast<uint64_t>(at), kRead, out);
-      if (!outcome)
-        failures.push_back("at " + std::to_string(at) + ": " + vt::errorMessage(outcome));
-      else if (out != test::generatedBytes(at, kRead).toStdString())
-        failures.push_back("at " + std::to_string(at) + ": wrong bytes");
+      if (!outcome || out != test::generatedBytes(at, kRead).toStdString()) failures.push_back(at);
       ++done;
       self(self);
     }));
   };
-  for (int i = 0; i < kInFlight; ++i) startRead(startRead);
+  for (int i = 0; i < 8; ++i) startRead(startRead);
   ASSERT_TRUE(test::spinUntil([&] { return done == kSize / kRead || failures.size() > 3; }, 60000));
-  EXPECT_TRUE(failures.empty()) << failures.front();
-  EXPECT_EQ(done, kSize / kRead);
+  EXPECT_TRUE(failures.empty()) << "first failed read at " << failures.front();
 }
 
 TEST(EngineInput, ALocalSourceThatIsNoRegularFileAnswersAnIoError) {
@@ -74,13 +57,10 @@ TEST(EngineInput, ALocalSourceThatIsNoRegularFileAnswersAnIoError) {
   HttpClient http(clock);
   vtnfs::SourceReader reader(http, home.file("probe-cache"), {});
   QDir().mkpath(QString::fromStdString(home.file("folder.mkv")));
-  EngineEntry e;
-  e.name = "Folder.mkv";
-  e.size = 4096;
-  e.local = home.file("folder.mkv");
+  auto e = test::entry("Folder.mkv", "", home.file("folder.mkv"));
   std::string out;
   vtnfs::FileSpan span;
-  const auto outcome = test::runTask(reader.read(e, e.size, 0, 4096, out, &span));
+  const auto outcome = test::runTask(reader.read(e, e.size, 0, 1000, out, &span));
   ASSERT_FALSE(outcome);
   EXPECT_EQ(outcome.error().kind, vtnfs::ReadError::Kind::io);
   EXPECT_NE(vt::errorMessage(outcome).find("not a regular file"), std::string::npos);
@@ -92,44 +72,32 @@ TEST(EngineInput, PortsListenOnLoopbackOnly) {
   const auto args = [](const std::string& nfs, const std::string& control) {
     return std::vector<std::string>{"-config", "c", "-nfs", nfs, "-control", control, "-mount", "m", "-log", "l"};
   };
-  EXPECT_TRUE(vtnfs::parseArguments(args("127.0.0.1:1", "[::1]:2"), error)) << error;
-  const auto local = vtnfs::parseArguments(args("localhost:1", "127.0.0.5:2"), error);
-  ASSERT_TRUE(local);
+  const auto local = vtnfs::parseArguments(args("localhost:1", "[::1]:2"), error);
+  ASSERT_TRUE(local) << error;
   EXPECT_EQ(local->nfsHost, "127.0.0.1");
   EXPECT_FALSE(vtnfs::parseArguments(args("0.0.0.0:1", "127.0.0.1:2"), error));
   EXPECT_EQ(error, "refusing to listen on 0.0.0.0: not a loopback address");
-  EXPECT_FALSE(vtnfs::parseArguments(args("127.0.0.1:1", "192.168.1.4:2"), error));
 }
 
 TEST(EngineInput, ControlBodiesThatDontReadAreRefusedWithAReason) {
   test::TestHome home;
-  Engine e(home, {test::entry("A.mkv", "http://x/a")});
-  for (const QByteArray& bad :
-       {QByteArray("{"), QByteArray("null"), QByteArray(R"({"names":5})"), QByteArray(R"({"names":["a",3]})")}) {
-    const auto reply = e.post("/control/boost", bad);
-    EXPECT_EQ(reply.status, 400) << bad.toStdString();
-    EXPECT_EQ(reply.body, R"({"error":"expected {\"names\": [<text>...]}"})");
-  }
+  test::LocalEngine e(home, {test::entry("A.mkv", "http://x/a")});
+  EXPECT_EQ(e.post("/control/boost", R"({"names":["a",3]})").body, R"({"error":"expected {\"names\": [<text>...]}"})");
   EXPECT_EQ(e.post("/control/budget", R"({"cache_gb":"big"})").status, 400);
   EXPECT_EQ(e.post("/control/playback", R"({"active":1})").status, 400);
-  EXPECT_EQ(e.post("/control/boost", R"({"names":["A.mkv"]})").status, 200);
-  // A budget far beyond any disk is clamped, not wrapped to 0 (which would
-  // empty the cache).
+  // A budget far beyond any disk is clamped, not wrapped to 0 (which would empty the cache).
   EXPECT_EQ(e.post("/control/budget", R"({"cache_gb":1e10})").status, 200);
   EXPECT_EQ(e.engine->reader().budgetBytes(), int64_t{1'000'000'000'000'000});
 }
 
 TEST(EngineInput, AManifestKeepsTheFirstOfTwinNamesAndRefusesControlCharacters) {
   test::TestHome home;
-  auto first = test::entry("Twin.mkv", "http://x/first");
-  auto second = test::entry("Twin.mkv", "http://x/second");
-  Engine e(home, {first, second, test::entry("Bad\nname.mkv", "http://x/c"), test::entry("Ok.mkv", "http://x/d")});
+  test::LocalEngine e(home, {test::entry("Twin.mkv", "http://x/first"), test::entry("Twin.mkv", "http://x/second"),
+                             test::entry("Bad\nname.mkv", "http://x/c"), test::entry("Ok.mkv", "http://x/d")});
   ASSERT_EQ(e.engine->entries().size(), 2u);
   EXPECT_EQ(e.engine->entries().at("Twin.mkv").entry.url, "http://x/first");
   const std::string log = e.log();
-  EXPECT_NE(log.find("refused entry \"Twin.mkv\": named twice in the manifest; the first one stands"),
-            std::string::npos)
-      << log;
+  EXPECT_NE(log.find("refused entry \"Twin.mkv\": named twice"), std::string::npos) << log;
   EXPECT_NE(log.find("refused entry \"Bad\\nname.mkv\": a control character in its name"), std::string::npos) << log;
   EXPECT_EQ(log.find("Bad\nname"), std::string::npos) << "no line forged in the log";
 }
@@ -142,11 +110,7 @@ TEST(EngineInput, AStalledSourceFreezesOnlyItsOwnFileInTheFuseMount) {
   host.on("GET", "/stalled", [](const auto&, auto& reply) { reply.hold(); });
   host.on("GET", "/gone", [](const auto&, auto& reply) { reply.send(404); });
   const QByteArray healthy(3 << 20, 'h');
-  {
-    QFile f(QString::fromStdString(home.file("healthy.bin")));
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(healthy);
-  }
+  ASSERT_TRUE(writeFileAtomically(home.file("healthy.bin"), healthy.toStdString()));
   auto stalled = test::entry("Stalled.mkv", host.url("/stalled").toString().toStdString());
   auto gone = test::entry("Gone.mkv", host.url("/gone").toString().toStdString());
   auto local = test::entry("Healthy.mkv", "", home.file("healthy.bin"));
@@ -156,45 +120,31 @@ TEST(EngineInput, AStalledSourceFreezesOnlyItsOwnFileInTheFuseMount) {
   EngineStatusClient client(sharedHttpClient());
   test::VtnfsProcess engine(manifest, home.file("engine.log"));
   ASSERT_TRUE(engine.waitReady(client));
-
   const QString mount = QString::fromStdString(home.file("Library"));
   QDir().mkpath(mount);
   // Runs a tool while the event loop turns (the sources are in this process).
   const auto run = [](const QString& program, const QStringList& args, QByteArray* out = nullptr) {
     QProcess p;
     p.start(program, args);
-    if (!test::spinUntil([&] { return p.state() == QProcess::NotRunning; }, 15000)) {
-      p.kill();
-      p.waitForFinished();
-      return -2;
-    }
+    if (!test::spinUntil([&] { return p.state() == QProcess::NotRunning; }, 15000)) p.kill(), p.waitForFinished();
     if (out) *out = p.readAllStandardOutput() + p.readAllStandardError();
     return p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
   };
   if (run(VT_VTNFS_MOUNT_BINARY, {QStringLiteral("127.0.0.1:%1").arg(engine.nfsPort), mount}) != 0)
     GTEST_SKIP() << "FUSE mounts are not allowed here";
-  struct Unmount {
-    QString path;
-    ~Unmount() { QProcess::execute("fusermount3", {"-u", "-z", path}); }
-  } unmount{mount};
-
+  const auto unmount = qScopeGuard([&] { QProcess::execute("fusermount3", {"-u", "-z", mount}); });
   QProcess stuck;
   stuck.start("cat", {mount + "/Stalled.mkv"});
   ASSERT_TRUE(test::spinUntil([&] { return !host.requestsTo("/stalled").empty(); }));
   QByteArray out;
-  EXPECT_EQ(run("ls", {mount}, &out), 0);
-  EXPECT_TRUE(out.contains("Healthy.mkv"));
-  EXPECT_EQ(run("cat", {mount + "/Healthy.mkv"}, &out), 0);
-  EXPECT_TRUE(out == healthy) << "another file reads while one source stalls";
+  EXPECT_TRUE(run("ls", {mount}, &out) == 0 && out.contains("Healthy.mkv"));
+  EXPECT_TRUE(run("cat", {mount + "/Healthy.mkv"}, &out) == 0 && out == healthy) << "another file reads on";
   EXPECT_EQ(stuck.state(), QProcess::Running) << "the stalled read is still waiting";
-
-  EXPECT_NE(run("cat", {mount + "/Gone.mkv"}, &out), 0);
-  EXPECT_TRUE(out.contains("Input/output error")) << out.toStdString();
+  EXPECT_TRUE(run("cat", {mount + "/Gone.mkv"}, &out) != 0 && out.contains("Input/output error")) << out.toStdString();
   stuck.kill();
   stuck.waitForFinished();
 
-  // The engine dies and comes back on the same ports: an open file reads on,
-  // with no remount.
+  // The engine dies and comes back on the same ports: an open file reads on, with no remount.
   QFile reader(mount + "/Healthy.mkv");
   ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
   QByteArray got = reader.read(1 << 20);
@@ -215,21 +165,16 @@ TEST(EngineInput, ASourceThatIgnoresRangesIsReadOnlyForItsFirstChunk) {
   host.on("GET", "/whole", [](const auto&, auto& reply) {
     reply.stream(200, new test::GeneratedBytesDevice(0, kSize), {"Accept-Ranges", "none"});
   });
-  EngineEntry entry;
-  entry.name = "Whole.mkv";
+  auto entry = test::entry("Whole.mkv", host.url("/whole").toString().toStdString());
   entry.size = kSize;
-  entry.url = host.url("/whole").toString().toStdString();
   std::vector<std::string> lines;
   vtnfs::SourceReader reader(http, home.file("probe-cache"),
                              {[&](const std::string& line) { lines.push_back(line); }, {}});
   std::string out;
-  const auto head = test::runTask(reader.read(entry, kSize, 0, 1 << 20, out));
-  ASSERT_TRUE(head) << vt::errorMessage(head);
+  ASSERT_TRUE(test::runTask(reader.read(entry, kSize, 0, 1 << 20, out)));
   EXPECT_TRUE(out == test::generatedBytes(0, 1 << 20).toStdString());
-  out.clear();
-  const auto far = test::runTask(reader.read(entry, kSize, 100 << 20, 1 << 20, out));
-  EXPECT_FALSE(far);
-  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
-    return l == "source 1 of Whole.mkv ignores ranges, so it can't be read past its first 4 MiB";
-  }));
+  EXPECT_FALSE(test::runTask(reader.read(entry, kSize, 100 << 20, 1 << 20, out)));
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "source 1 of Whole.mkv ignores ranges, so it can't be read past its first 4 MiB"),
+            lines.end());
 }

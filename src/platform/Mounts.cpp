@@ -134,23 +134,24 @@ std::string fstabEntry(int port, const std::string& folder) {
   return "127.0.0.1:/ " + fstabEscape(folder) + " nfs " + LinuxLibraryMounter::kernelOptions(port) + ",user,noauto 0 0";
 }
 
-bool fstabLetsUsersMount(const std::string& fstabText, const std::string& folder) {
+bool fstabLetsUsersMount(const std::string& fstabText, const std::string& folder, int port) {
   std::istringstream lines(fstabText);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
     std::string source, point, type, options;
     if (!(fields >> source >> point >> type >> options) || source.front() == '#') continue;
-    if (unescapeMountField(point) != folder || type.rfind("nfs", 0) != 0) continue;
-    std::istringstream parts(options);
-    for (std::string part; std::getline(parts, part, ',');)
-      if (part == "user" || part == "users") return true;
+    if (unescapeMountField(point) != folder || type != "nfs") continue;
+    // Only an entry with the engine's own options for this port: another
+    // port or other options would mount something else, or differently.
+    return options == LinuxLibraryMounter::kernelOptions(port) + ",user,noauto" ||
+           options == LinuxLibraryMounter::kernelOptions(port) + ",users,noauto";
   }
   return false;
 }
 
-LinuxLibraryMounter::Way LinuxLibraryMounter::wayFor(const std::string& folder) const {
+LinuxLibraryMounter::Way LinuxLibraryMounter::wayFor(const std::string& folder, int port) const {
   if (kernelMountAllowed()) return Way::kernelAsRoot;
-  if (fstabLetsUsersMount(readFile(fstab_).value_or(""), folder)) return Way::kernelByFstab;
+  if (fstabLetsUsersMount(readFile(fstab_).value_or(""), folder, port)) return Way::kernelByFstab;
   return Way::fuse;
 }
 
@@ -166,7 +167,7 @@ bool LinuxLibraryMounter::kernelMountAllowed() const {
 
 QCoro::Task<MountResult> LinuxLibraryMounter::mount(int port, std::string folder, CancelToken token) {
   std::string kernelOutput;
-  const Way way = wayFor(folder);
+  const Way way = wayFor(folder, port);
   if (way != Way::fuse) {
     // As a user, mount(8) takes the options from the fstab entry.
     const QStringList args = way == Way::kernelAsRoot
@@ -201,8 +202,15 @@ QCoro::Task<MountResult> LinuxLibraryMounter::unmount(std::string folder, Cancel
     }
     co_return fromCommand(r);
   }
-  const QStringList args = {"-f", path};
+  // A user may not force an unmount: one mounted through a user fstab
+  // entry is unmounted plainly, and detached when busy.
+  const bool root = ::geteuid() == 0;
+  const QStringList args = root ? QStringList{"-f", path} : QStringList{path};
   auto r = co_await runCommand("umount", args, std::nullopt, token);
+  if (r.status != 0 && !root && !token.isCancelled()) {
+    const QStringList lazy = {"-l", path};
+    r = co_await runCommand("umount", lazy, std::nullopt, token);
+  }
   co_return fromCommand(r);
 }
 
@@ -214,7 +222,8 @@ MountResult LinuxLibraryMounter::unmountNow(const std::string& folder) {
     if (r.status != 0) r = runNow("fusermount3", {"-u", "-z", QString::fromStdString(folder)});
     return fromCommand(r);
   }
-  auto r = runNow("umount", {"-f", QString::fromStdString(folder)});
+  auto r = runNow("umount", ::geteuid() == 0 ? QStringList{"-f", QString::fromStdString(folder)}
+                                             : QStringList{QString::fromStdString(folder)});
   // Still busy: detach it now; the kernel finishes when the last user lets go.
   if (r.status != 0) r = runNow("umount", {"-l", QString::fromStdString(folder)});
   return fromCommand(r);

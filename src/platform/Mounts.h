@@ -62,7 +62,7 @@ class LinuxLibraryMounter final : public LibraryMounter {
   // user through the kernel client where /etc/fstab lets users mount it
   // (see vantory-cli setup-mount), else through the FUSE helper.
   enum class Way { kernelAsRoot, kernelByFstab, fuse };
-  Way wayFor(const std::string& folder) const;
+  Way wayFor(const std::string& folder, int port) const;
 
  private:
   std::string helper_;
@@ -75,8 +75,9 @@ class LinuxLibraryMounter final : public LibraryMounter {
 std::string fstabEntry(int port, const std::string& folder);
 // A path field of fstab or mountinfo, its octal escapes ("\040") undone.
 std::string unescapeMountField(const std::string& field);
-// Whether an fstab text has an NFS entry at `folder` that users may mount.
-bool fstabLetsUsersMount(const std::string& fstabText, const std::string& folder);
+// Whether an fstab text has, at `folder`, the entry fstabEntry(port, folder)
+// writes (users may mount it, with the engine's options for `port`).
+bool fstabLetsUsersMount(const std::string& fstabText, const std::string& folder, int port);
 
 // A helper program built with the application: beside its executable, in
 // the build tree's tools folder, or in an installed libexec folder. Empty

@@ -75,7 +75,13 @@ TEST(EngineInput, PortsListenOnLoopbackOnly) {
   const auto local = vtnfs::parseArguments(args("localhost:1", "[::1]:2"), error);
   ASSERT_TRUE(local) << error;
   EXPECT_EQ(local->nfsHost, "127.0.0.1");
-  EXPECT_FALSE(vtnfs::parseArguments(args("0.0.0.0:1", "127.0.0.1:2"), error));
+  // Refused at start, so that the reason reaches the engine's log.
+  test::TestHome home;
+  auto open = vtnfs::parseArguments(args("0.0.0.0:1", "127.0.0.1:2"), error);
+  ASSERT_TRUE(open) << error;
+  open->config = home.file("entries.json");
+  vtnfs::Engine engine(*open);
+  EXPECT_FALSE(engine.start(error));
   EXPECT_EQ(error, "refusing to listen on 0.0.0.0: not a loopback address");
 }
 

@@ -98,7 +98,7 @@ int setupMount(const MountSetup& setup, Io& io) {
     std::error_code ec;
     if (std::filesystem::create_directories(paths.mountPoint, ec))
       static_cast<void>(::chown(paths.mountPoint.c_str(), setup.user.uid, setup.user.gid));
-    if (fstabLetsUsersMount(fstabText, paths.mountPoint)) {
+    if (fstabLetsUsersMount(fstabText, paths.mountPoint, port)) {
       io.out << setup.fstab << " already lets users mount " << paths.mountPoint << '\n';
       continue;
     }

@@ -151,15 +151,8 @@ std::optional<Options> parseArguments(const std::vector<std::string>& args, std:
     error = "bad -control address " + values["-control"];
     return std::nullopt;
   }
-  // Neither port has any authentication: they must not be reachable from
-  // another machine.
-  for (auto* host : {&o.nfsHost, &o.controlHost}) {
+  for (auto* host : {&o.nfsHost, &o.controlHost})
     if (*host == "localhost") *host = "127.0.0.1";
-    if (!QHostAddress(QString::fromStdString(*host)).isLoopback()) {
-      error = "refusing to listen on " + *host + ": not a loopback address";
-      return std::nullopt;
-    }
-  }
   return o;
 }
 
@@ -193,6 +186,14 @@ void Engine::log(const std::string& line) {
 }
 
 bool Engine::start(std::string& error) {
+  // Neither port has any authentication: they must not be reachable from
+  // another machine. Refused here, so that the reason reaches the log.
+  for (const auto* host : {&options_.nfsHost, &options_.controlHost}) {
+    if (!QHostAddress(QString::fromStdString(*host)).isLoopback()) {
+      error = "refusing to listen on " + *host + ": not a loopback address";
+      return false;
+    }
+  }
   if (!nfs_.listen(QHostAddress(QString::fromStdString(options_.nfsHost)), options_.nfsPort)) {
     error = "cannot listen for NFS on " + options_.nfsHost + ":" + std::to_string(options_.nfsPort) + ": " +
             nfs_.errorString().toStdString();

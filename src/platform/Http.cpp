@@ -216,15 +216,6 @@ QCoro::Task<HttpResponse> HttpClient::head(QUrl url, double timeoutSeconds, Canc
   co_return co_await send(std::move(r), std::move(token));
 }
 
-QCoro::Task<HttpResponse> HttpClient::getRange(QUrl url, int64_t first, std::optional<int64_t> last,
-                                               double timeoutSeconds, CancelToken token) {
-  HttpRequest r;
-  r.url = std::move(url);
-  r.range = std::make_pair(first, last);
-  r.timeoutSeconds = timeoutSeconds;
-  co_return co_await send(std::move(r), std::move(token));
-}
-
 QCoro::Task<HttpResponse> HttpClient::postJson(QUrl url, const Json& body, double timeoutSeconds, CancelToken token) {
   HttpRequest r;
   r.url = std::move(url);

@@ -78,8 +78,6 @@ class HttpClient {
 
   QCoro::Task<HttpResponse> get(QUrl url, double timeoutSeconds = 60, CancelToken token = CancelToken::none());
   QCoro::Task<HttpResponse> head(QUrl url, double timeoutSeconds = 60, CancelToken token = CancelToken::none());
-  QCoro::Task<HttpResponse> getRange(QUrl url, int64_t first, std::optional<int64_t> last, double timeoutSeconds = 60,
-                                     CancelToken token = CancelToken::none());
   QCoro::Task<HttpResponse> postJson(QUrl url, const Json& body, double timeoutSeconds = 60,
                                      CancelToken token = CancelToken::none());
 

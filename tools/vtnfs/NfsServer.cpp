@@ -113,17 +113,23 @@ void NfsServer::accept() {
         return socket->bytesToWrite() <= kMaxUnsentBytes && pending->inFlight < kMaxCallsInFlight;
       };
       bool waitingForBytes = false;
+      // Drops what was parsed and takes the next piece from the socket;
+      // false when nothing more has come.
+      const auto readMore = [&] {
+        buf.erase(0, pending->pos);
+        pending->pos = 0;
+        waitingForBytes = socket->bytesAvailable() == 0;
+        if (waitingForBytes) return false;
+        const QByteArray data = socket->read(kReadPiece);
+        buf.append(data.constData(), static_cast<size_t>(data.size()));
+        return true;
+      };
       do {
         pending->again = false;
         waitingForBytes = false;
         while (roomForMore()) {
           if (buf.size() - pending->pos < 4) {
-            buf.erase(0, pending->pos);
-            pending->pos = 0;
-            waitingForBytes = socket->bytesAvailable() == 0;
-            if (waitingForBytes) break;
-            const QByteArray data = socket->read(kReadPiece);
-            buf.append(data.constData(), static_cast<size_t>(data.size()));
+            if (!readMore()) break;
             continue;
           }
           const auto* b = reinterpret_cast<const unsigned char*>(buf.data() + pending->pos);
@@ -135,14 +141,8 @@ void NfsServer::accept() {
             socket->abort();
             return;
           }
-          if (buf.size() - pending->pos - 4 < length) {
-            // The rest of this record is still on its way.
-            buf.erase(0, pending->pos);
-            pending->pos = 0;
-            waitingForBytes = socket->bytesAvailable() == 0;
-            if (waitingForBytes) break;
-            const QByteArray data = socket->read(kReadPiece);
-            buf.append(data.constData(), static_cast<size_t>(data.size()));
+          if (buf.size() - pending->pos - 4 < length) {  // the rest of this record is still on its way
+            if (!readMore()) break;
             continue;
           }
           pending->record.append(buf, pending->pos + 4, length);

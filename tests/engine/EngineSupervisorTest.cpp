@@ -78,7 +78,7 @@ struct App {
     env.prepareLibrary = libraryPreparer(plex, library, env.log);
     env.playbackActive = [this] { return playback; };
     env.probeFolder = [](std::string, double) -> QCoro::Task<bool> { co_return true; };
-    env.mediaServerAccessProblem = [](const std::string&) { return std::nullopt; };
+    env.mediaServerAccessProblem = [this](const std::string&) { return plexProblem; };
     supervisor = std::make_unique<EngineSupervisor>(config, library, std::move(env));
     supervisor->movie().paths.nfsAddress = "127.0.0.1:" + std::to_string(nfsPort);
     QObject::connect(supervisor.get(), &EngineSupervisor::stateChanged,
@@ -94,6 +94,7 @@ struct App {
       if (l.second.find(text) != std::string::npos) out.push_back(l);
     return out;
   }
+  std::optional<std::string> plexProblem;  // what the readability check finds
   bool everRunning() const {
     return std::any_of(stateTimes.begin(), stateTimes.end(), [](auto& s) { return s.second == EngineState::running; });
   }
@@ -179,7 +180,14 @@ TEST_F(EngineSupervisorTest, ANewApplicationProcessAdoptsTheRunningEngineAndRepl
   int enginePid = 0;
   {
     App first(home.path(), clock, mounter, control, nfs);
+    first.plexProblem = "the account \"plex\" may not enter /home/u";
     ASSERT_TRUE(first.startUntil(EngineState::running));
+    // Running all the same, with the reason Plex sees nothing right after the ready line.
+    const auto ready = std::find_if(first.lines.begin(), first.lines.end(),
+                                    [](const auto& l) { return l.second.find(" ready — ") != std::string::npos; });
+    ASSERT_TRUE(ready != first.lines.end() && ready + 1 != first.lines.end());
+    EXPECT_EQ((ready + 1)->second, "[supervisor] warning: Plex can't read the library folder: " + *first.plexProblem);
+    EXPECT_EQ(first.supervisor->mediaServerAccessProblem(EngineKind::movie), first.plexProblem);
     enginePid = *first.supervisor->movie().runningPid();
     first.supervisor.reset();  // the application quits; the engine stays
   }

@@ -283,8 +283,8 @@ TEST(NfsServer, AClientThatDoesntReadItsRepliesCantMakeTheServerHoldThem) {
   QTcpSocket socket;
   socket.setReadBufferSize(64 << 10);  // this end holds nothing either: unread replies stay in the kernel
   ASSERT_TRUE(connectTo(socket, server));
-  // 300 reads of 1 MiB, sent at once and left unread for a while.
-  constexpr int kCalls = 300;
+  // 200 reads of 1 MiB, sent at once and left unread for a while.
+  constexpr int kCalls = 200;
   std::string calls;
   for (uint32_t xid = 1; xid <= kCalls; ++xid) {
     calls += framedRead(xid, id, 0, 1 << 20);
@@ -292,15 +292,16 @@ TEST(NfsServer, AClientThatDoesntReadItsRepliesCantMakeTheServerHoldThem) {
   const int64_t before = residentBytes();
   socket.write(calls.data(), static_cast<qint64>(calls.size()));
   vt::test::settle(1500);
-  EXPECT_LT(residentBytes() - before, int64_t{120} << 20) << "replies piled up in the server";
-  // Reading drains them, and every reply comes whole.
+  EXPECT_LT(residentBytes() - before, int64_t{80} << 20) << "replies piled up in the server";
+  // Reading drains them: every byte of every reply arrives.
+  socket.setReadBufferSize(0);
   int64_t received = 0;
   ASSERT_TRUE(vt::test::spinUntil(
       [&] {
         received += socket.readAll().size();
         return received >= int64_t{kCalls} * (1 << 20);
       },
-      30000))
+      90000))
       << received;
 }
 

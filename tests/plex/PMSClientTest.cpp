@@ -118,8 +118,10 @@ TEST(PlexLibrarySetup, GivesUpOnAStalledServerAfterEightSeconds) {
     co_await prepareLibrarySection(client, true, "/data/Library TV", {}, log, CancelToken::none());
     done = true;
   });
-  ASSERT_TRUE(test::spinUntil([&] { return !lines.empty(); }));  // verified, then the PUT hangs
-  test::settle(20);
+  // Verified, then the PUT hangs: time moves only once the server holds it.
+  ASSERT_TRUE(test::spinUntil([&] {
+    return std::any_of(plex.requests().begin(), plex.requests().end(), [](const auto& r) { return r.method == "PUT"; });
+  }));
   clock.advance(7.9);
   test::settle(20);
   EXPECT_FALSE(done);

@@ -26,7 +26,11 @@ inline EngineEntry entry(const std::string& name, const std::string& url = "", c
 // Bytes that differ from one offset and one 4 KiB page to the next.
 inline QByteArray pattern(int n, int seed) {
   QByteArray b(n, '\0');
-  for (int i = 0; i < n; ++i) b[i] = static_cast<char>((i * 131 + seed + i / 4096) & 0xff);
+  // Unsigned, so the products of large offsets wrap instead of overflowing.
+  for (int i = 0; i < n; ++i) {
+    const auto u = static_cast<unsigned>(i);
+    b[i] = static_cast<char>((u * 131u + static_cast<unsigned>(seed) + u / 4096u) & 0xffu);
+  }
   return b;
 }
 

@@ -1,102 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <sstream>
-
-#include "cli/Verbs.h"
-#include "fakes/FakeCinemeta.h"
-#include "fakes/FakeFileHost.h"
-#include "fakes/FakeRealDebrid.h"
-#include "fakes/FakeStreamAddon.h"
-#include "platform/Http.h"
-#include "platform/Log.h"
-#include "platform/SerialFileWriter.h"
-#include "sources/providers/ProviderRegistry.h"
-#include "sources/ranking/RankingSettings.h"
-#include "sources/resolve/StremioResolver.h"
-#include "support/PauseClock.h"
-#include "support/TestKit.h"
+#include "ResolverWorld.h"
 
 using namespace vt;
+using namespace vt::test::resolver;
 using test::FakeCinemeta;
 using test::FakeRealDebrid;
 using test::FakeStreamAddon;
-using Family = FakeStreamAddon::Family;
 using Kind = ResolveError::Kind;
 
-namespace {
-
-const std::string kHashA = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
-const std::string kHashB = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb";
-constexpr int64_t kFilm = 4'200'000'000;
-
-// Three local services, a CDN, and the resolver's stores; the add-on address carries the RD key.
-struct World {
-  FakeRealDebrid rd;
-  FakeStreamAddon torrentio{Family::torrentio};
-  FakeStreamAddon comet{Family::comet};
-  FakeCinemeta cinemeta;
-  test::FakeHttpServer cdn;
-  test::TestHome home;
-  test::PauseClock clock;
-  ManualClock cacheClock;
-  HttpClient http{clock, HttpClient::Session::ephemeral};
-  ResolveCache cache{home.file("resolve-cache.json"), cacheClock};
-  ProviderHealth health{clock};
-  StreamProviderRegistry registry;
-  ResolverServices services{http,
-                            cache,
-                            health,
-                            registry,
-                            nullptr,
-                            cinemeta.base(),
-                            rd.restBase(),
-                            comet.baseUrl().toString().toStdString(),
-                            "placeholder.invalid",
-                            "slate.invalid"};
-  std::vector<std::string> lines;
-  ScopedLogSink sink{[this](std::string_view l) { lines.emplace_back(l); }};
-
-  World() { torrentio.config = "realdebrid=" + rd.key; }
-
-  StremioResolver resolver(bool allowTS = false) { return StremioResolver(services, torrentio.base(), allowTS); }
-  void useComet() { registry.update({*StreamProvider::comet(rd.key, services.cometHost, true)}, rd.key); }
-
-  template <class T>
-  T run(QCoro::Task<T> task) {
-    return test::drive(clock, std::move(task));
-  }
-
-  // A film file on the CDN and an add-on link that redirects to it.
-  std::string cdnFilm(const std::string& name, int64_t size = kFilm) {
-    const QString path = QString::fromStdString("/films/" + name);
-    test::serveGenerated(cdn, path, size);
-    const QString link = QString::fromStdString("/links/" + name);
-    test::redirect(cdn, link, cdn.url(path).toString());
-    return cdn.url(link).toString().toStdString();
-  }
-
-  bool logged(std::string_view needle) const {
-    return std::any_of(lines.begin(), lines.end(), [&](const auto& l) { return l.find(needle) != std::string::npos; });
-  }
-};
-
-CachedStream row(std::string name, std::string filename, std::string provider = "torrentio",
-                 std::optional<int64_t> bytes = std::nullopt, std::string title = {}) {
-  CachedStream s;
-  s.name = std::move(name);
-  s.filename = std::move(filename);
-  s.url = "https://addon.invalid/x";
-  s.bytes = bytes;
-  s.provider = std::move(provider);
-  if (!title.empty()) s.title = std::move(title);
-  return s;
-}
-template <class T>
-std::string why(const Result<T, ResolveError>& r) {
-  return r ? std::string("ok") : message(r.error());
-}
-
-}  // namespace
 
 TEST(StremioResolver, ReadsLinksIdsAndEpisodeKeys) {
   using P = std::pair<std::string, std::string>;
@@ -389,37 +301,4 @@ TEST(ResolveCache, FileFormatFreshnessAndOneWriteAfterTwoSeconds) {
   ASSERT_TRUE(writeFileAtomically(path, "{not json"));
   ResolveCache broken(path, clock);
   EXPECT_FALSE(test::runTask(broken.entry("movie/tt2")));
-}
-
-TEST(ResolveVerb, PrintsTheCandidatesThenTheTitleOrTheError) {
-  World w;
-  const std::string name = "Inception.2010.1080p.BluRay.x264-GRP.mkv";
-  w.torrentio.setReleases("movie", "tt1375666",
-                          {{name, kFilm, kHashA}, {"Inception.2010.720p.WEB.x264-ABC.mkv", 2'000'000'000, kHashB}});
-  // The add-on links lead to the CDN, as Torrentio's redirect to the debrid host.
-  w.torrentio.onPrefix("GET", "/" + QString::fromStdString(w.torrentio.config) + "/resolve/",
-                       [&](const auto&, auto& reply) {
-                         reply.send(302, {}, {{"Location", QByteArray::fromStdString(w.cdnFilm(name))}});
-                       });
-  std::ostringstream out;
-  const int status = w.run(cli::resolveLink(w.resolver(), rankerFor(QualityLevel::balanced), "tt1375666", out));
-  std::istringstream lines(out.str());
-  std::vector<Json> rows;
-  for (std::string line; std::getline(lines, line);) rows.push_back(*json::parse(line));
-  ASSERT_EQ(rows.size(), 3u) << out.str();
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(rows[0]["filename"], name) << "1080p ranks first at balanced";
-  EXPECT_EQ(rows[0]["size"], "4.20 GB");
-  EXPECT_EQ(rows[0]["provider"], "torrentio");
-  EXPECT_EQ(rows[0]["isCached"], true);
-  EXPECT_TRUE(rows[0]["score"].is_number_integer());
-  EXPECT_EQ(rows[2]["title"]["name"], "Inception (2010) {imdb-tt1375666}.mkv");
-  EXPECT_EQ(rows[2]["title"]["size"], kFilm);
-
-  std::ostringstream cams;
-  w.torrentio.setReleases("movie", "tt6751668", {{"Parasite.2019.HDCAM.x264-AAA.mkv", kFilm, kHashB}});
-  EXPECT_EQ(w.run(cli::resolveLink(w.resolver(), rankerFor(QualityLevel::balanced), "tt6751668", cams)), 1);
-  EXPECT_EQ(cams.str(),
-            "{\"error\":\"Only camera recordings so far. Turn on \\\"Allow camera recordings\\\" in "
-            "Settings → Quality to see them.\"}\n");
 }

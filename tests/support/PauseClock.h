@@ -53,10 +53,10 @@ class PauseClock final : public Clock {
 };
 
 // Runs a task to its end on the event loop, sleeping through its pauses in
-// virtual time. A flow that doesn't end within 10 s of real time fails the
-// test and is cancelled.
+// virtual time. A flow that doesn't end within `limitMs` of real time fails
+// the test and is cancelled.
 template <class T>
-T drive(PauseClock& clock, QCoro::Task<T> task) {
+T drive(PauseClock& clock, QCoro::Task<T> task, int limitMs = 10000) {
   std::optional<T> out;
   auto job = Job::start([&](CancelToken) -> QCoro::Task<> {
     auto value = co_await std::move(task);
@@ -68,7 +68,7 @@ T drive(PauseClock& clock, QCoro::Task<T> task) {
     QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
     if (out) break;
     if (auto pause = clock.sleeping()) clock.manual.advance(*pause);
-    if (guard.elapsed() > 10000) {
+    if (guard.elapsed() > limitMs) {
       ADD_FAILURE() << "the flow did not end";
       job.cancel();
       spinUntil([&] { return out.has_value(); }, 2000);

@@ -11,6 +11,7 @@
 #include "platform/Log.h"
 #include "platform/Redaction.h"
 #include "platform/Settings.h"
+#include "platform/Text.h"
 #include "sources/StreamProviders.h"
 #include "sources/providers/ProviderRegistry.h"
 #include "sources/ranking/PickHistory.h"
@@ -21,64 +22,80 @@ namespace vt::cli {
 namespace {
 
 constexpr char kVerb[] = "resolve";
-// The picks tried in rank order, as the collection passes try them.
-constexpr size_t kPicks = 4;
 
 void printError(std::ostream& out, const std::string& text) { out << json::encode(Json{{"error", text}}) << '\n'; }
 
+std::string outcomeLine(const ResolveOutcome& o) {
+  JsonWriter w;
+  w.beginObject();
+  w.key("outcome");
+  w.value(name(o.kind));
+  switch (o.kind) {
+    case ResolveOutcome::Kind::resolved:
+      w.key("title");
+      writeLibraryTitle(w, *o.title);
+      break;
+    case ResolveOutcome::Kind::noStream:
+      w.key("streamsSeen");
+      w.value(static_cast<int64_t>(o.streamsSeen));
+      break;
+    case ResolveOutcome::Kind::unreleased:
+      if (o.released) {
+        w.key("released");
+        w.value(*o.released);
+      }
+      w.key("year");
+      w.value(o.year);
+      break;
+    case ResolveOutcome::Kind::transient:
+      break;
+  }
+  w.endObject();
+  return w.str();
+}
+
 }  // namespace
 
-QCoro::Task<int> resolveLink(StremioResolver resolver, StreamRanker ranker, std::string link, std::ostream& out) {
-  auto resolution = co_await resolver.resolve(link);
-  if (!resolution) {
-    printError(out, message(resolution.error()));
+QCoro::Task<int> resolveLink(StreamResolver& resolver, QUrl addon, bool allowTS, StreamRanker ranker, std::string link,
+                             std::ostream& out, std::ostream& err) {
+  const auto parsed = StremioResolver::parseLink(link);
+  if (!parsed) {
+    printError(out, message(ResolveError::of(ResolveError::Kind::badLink)));
     co_return 1;
   }
-  const auto pickable = resolution->pickable();
-  for (const auto& scored : ranker.rankScored(pickable, resolution->runtimeMinutes, true)) {
-    const auto& c = pickable[scored.index];
-    Json row = Json::object();
-    row["filename"] = c.filename;
-    json::put(row, "size", c.size);
-    row["isCached"] = c.isCached;
-    row["provider"] = std::string(rawValue(c.provider));
-    json::put(row, "seeders", c.seeders);
-    row["score"] = scored.score;
-    out << json::encode(row) << '\n';
-  }
-  if (resolution->streams.empty()) {
-    const bool onlyRecordings = resolution->recordings > 0 && !resolver.allowTS();
-    printError(out, message(ResolveError::of(onlyRecordings ? ResolveError::Kind::onlyRecordings
-                                                            : ResolveError::Kind::noPlayableStream)));
-    co_return 1;
-  }
-
-  // Cached picks first; with none, the best uncached one.
-  auto picks = ranker.rank(pickable, resolution->runtimeMinutes, false);
-  if (picks.size() > kPicks) picks.resize(kPicks);
-  if (picks.empty()) {
-    picks = ranker.rank(pickable, resolution->runtimeMinutes, true);
-    if (picks.size() > 1) picks.resize(1);
-  }
-  ResolveError last = ResolveError::of(ResolveError::Kind::noPlayableStream);
-  for (const auto& pick : picks) {
-    auto title = co_await resolver.materialise(pick, *resolution);
-    if (title) {
-      title->mirrorURLs = StremioResolver::alternates(pick, resolution->streams);
-      JsonWriter w;
-      w.beginObject();
-      w.key("title");
-      writeLibraryTitle(w, *title);
-      w.endObject();
-      out << w.str() << '\n';
-      co_return 0;
+  resolver.onResolution = [&out, &ranker](const StremioResolver::Resolution& resolution) {
+    const auto pickable = resolution.pickable();
+    for (const auto& scored : ranker.rankScored(pickable, resolution.runtimeMinutes, true)) {
+      const auto& c = pickable[scored.index];
+      Json row = Json::object();
+      row["filename"] = c.filename;
+      json::put(row, "size", c.size);
+      row["isCached"] = c.isCached;
+      row["provider"] = std::string(rawValue(c.provider));
+      json::put(row, "seeders", c.seeders);
+      row["score"] = scored.score;
+      out << json::encode(row) << '\n';
     }
-    last = title.error();
-    // A bad candidate lets the next one try; anything else ends the search.
-    if (last.kind != ResolveError::Kind::noPlayableStream) break;
+  };
+  const auto& [type, id] = *parsed;
+  ResolveOutcome outcome;
+  if (type == "series") {
+    const auto parts = splitAny(id, ":");
+    const auto season = parts.size() == 3 ? parseAsciiInt(parts[1]) : std::nullopt;
+    const auto episode = parts.size() == 3 ? parseAsciiInt(parts[2]) : std::nullopt;
+    if (!season || !episode) {
+      printError(out, message(ResolveError::of(ResolveError::Kind::episodeRequired)));
+      co_return 1;
+    }
+    outcome = co_await resolver.resolveEpisode(parts[0], *season, *episode, addon, ranker, allowTS);
+  } else {
+    // The user asked for this one title: an uncached release is better than none.
+    outcome = co_await resolver.resolveMovie(id, addon, ranker, allowTS, true);
   }
-  printError(out, message(last));
-  co_return 1;
+  resolver.onResolution = nullptr;
+  if (outcome.cause) err << "why: " << message(*outcome.cause) << '\n';
+  out << outcomeLine(outcome) << '\n';
+  co_return outcome.kind == ResolveOutcome::Kind::resolved ? 0 : 1;
 }
 
 Verb resolveVerb() {
@@ -88,8 +105,10 @@ Verb resolveVerb() {
       "Resolves a Stremio link or IMDb id (\"tt0111161\", \"tt0903747:1:2\") with the configured add-ons,\n"
       "Real-Debrid key and quality, and prints JSON lines: one per candidate in rank order (\"filename\",\n"
       "\"size\", \"isCached\", \"provider\", \"seeders\", \"score\"), then {\"title\":{...}} with the title as the\n"
-      "library would hold it, or {\"error\":\"...\"}. What the resolver does is logged on standard error.\n"
-      "Nothing is added to the library. Exit status 0 for a title, 1 otherwise.",
+      "library would hold it, as the last line {\"outcome\":...}: \"resolved\" with \"title\", \"noStream\" with\n"
+      "\"streamsSeen\", \"unreleased\" with \"released\" and \"year\", or \"transient\" (try again later). What the\n"
+      "resolver does, and why it ended, is logged on standard error. Nothing is added to the library; the\n"
+      "add-on rows are remembered in the resolve cache of --home. Exit status 0 for a title, 1 otherwise.",
       {{"--level", "LEVEL", "fast, balanced, high or best (default: the quality setting)"},
        {"--allow-recordings", "", "accept camera recordings (default: the allowTS setting)"}},
       [](const Arguments& args, Io& io) {
@@ -123,8 +142,11 @@ Verb resolveVerb() {
         ResolveCache cache(dataFolder(args.home) + "/" + ResolveCache::kFileName, systemClock());
         const auto services = ResolverServices::standard(http, cache, ProviderHealth::shared(),
                                                          StreamProviderRegistry::shared(), nullptr);
-        StremioResolver resolver(services, *addon, args.has("--allow-recordings") || config.allowTS());
-        return QCoro::waitFor(resolveLink(resolver, ranker, args.operands[0], io.out));
+        StreamResolver resolver(services);
+        const int status = QCoro::waitFor(resolveLink(resolver, *addon, args.has("--allow-recordings") || config.allowTS(),
+                                                      ranker, args.operands[0], io.out, io.err));
+        cache.flushNow();
+        return status;
       },
       "LINK"};
 }

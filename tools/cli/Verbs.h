@@ -11,7 +11,7 @@
 #include "platform/Paths.h"
 #include "sources/StreamCandidate.h"
 #include "sources/ranking/StreamRanker.h"
-#include "sources/resolve/StremioResolver.h"
+#include "sources/resolve/StreamResolver.h"
 #include "sources/release/Quality.h"
 
 namespace vt::cli {
@@ -44,10 +44,12 @@ std::optional<QualityLevel> qualityLevelFromName(const std::string& name);
 // application's own. Writes go through AppConfig.
 int configCommand(const Arguments& args, Io& io);
 
-// resolve: the candidates of a link in rank order as JSON lines, then the
-// first pick that materialises as {"title": ...} (0), or {"error": ...} (1).
+// resolve: the candidates of a link in rank order as JSON lines, then one
+// line for the outcome: {"outcome":"resolved","title":{...}} (0), or
+// "noStream", "unreleased", "transient" (1). Why it ended goes to `err`.
 // Nothing is written to the library.
-QCoro::Task<int> resolveLink(StremioResolver resolver, StreamRanker ranker, std::string link, std::ostream& out);
+QCoro::Task<int> resolveLink(StreamResolver& resolver, QUrl addon, bool allowTS, StreamRanker ranker, std::string link,
+                             std::ostream& out, std::ostream& err);
 
 // setup-mount: what the kernel NFS client needs so that `user` can mount the
 // library folders without root, readable by the media server's account.

@@ -127,10 +127,19 @@ QCoro::Task<void> ResolveCache::store(std::string key, std::vector<CachedStream>
 void ResolveCache::scheduleFlush() {
   if (flushPending_) return;
   flushPending_ = true;
-  flushTimer_ = clock_.schedule(kFlushDelay, [this] {
-    flushPending_ = false;
-    writer_.save(path_, [snapshot = entries_]() -> std::optional<std::string> { return encode(snapshot); });
-  });
+  flushTimer_ = clock_.schedule(kFlushDelay, [this] { flush(); });
+}
+
+void ResolveCache::flush() {
+  flushPending_ = false;
+  writer_.save(path_, [snapshot = entries_]() -> std::optional<std::string> { return encode(snapshot); });
+}
+
+void ResolveCache::flushNow() {
+  if (!flushPending_) return;
+  clock_.cancelTimer(flushTimer_);
+  flush();
+  writer_.waitUntilIdle();
 }
 
 }  // namespace vt

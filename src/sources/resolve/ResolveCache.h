@@ -65,6 +65,8 @@ class ResolveCache {
 
   // Blocks until the last write handed over is on disk (tests, tools).
   void waitForWrites() { writer_.waitUntilIdle(); }
+  // A short-lived process writes what it stored before it ends, without the debounce.
+  void flushNow();
 
   // The file format: one object, key to {"streams", "storedAt", "schema"}.
   static std::string encode(const Entries& entries);
@@ -75,6 +77,7 @@ class ResolveCache {
  private:
   QCoro::Task<void> ensureLoaded();
   void scheduleFlush();
+  void flush();
 
   std::string path_;
   Clock& clock_;

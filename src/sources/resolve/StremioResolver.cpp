@@ -605,6 +605,7 @@ QCoro::Task<Result<StremioResolver::Resolution, ResolveError>> StremioResolver::
   Candidates found = candidates(*rows, std::nullopt, std::nullopt);
   Resolution r;
   r.title = skeleton.title + " - S" + twoDigits(season) + "E" + twoDigits(episode);
+  r.showTitle = skeleton.title;
   r.year = skeleton.year;
   r.id = seriesId;
   r.streams = std::move(found.streams);

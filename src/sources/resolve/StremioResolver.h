@@ -124,6 +124,7 @@ class StremioResolver {
 
   struct Resolution {
     std::string title, year, id;
+    std::string showTitle;  // an episode's series title, as its file name needs it; films: empty
     std::vector<StreamCandidate> streams;
     int rawStreamCount = 0;
     std::optional<int> runtimeMinutes;

@@ -104,11 +104,12 @@ Verb resolveVerb() {
       "resolve a title the way the library would, without adding it",
       "Resolves a Stremio link or IMDb id (\"tt0111161\", \"tt0903747:1:2\") with the configured add-ons,\n"
       "Real-Debrid key and quality, and prints JSON lines: one per candidate in rank order (\"filename\",\n"
-      "\"size\", \"isCached\", \"provider\", \"seeders\", \"score\"), then {\"title\":{...}} with the title as the\n"
-      "library would hold it, as the last line {\"outcome\":...}: \"resolved\" with \"title\", \"noStream\" with\n"
-      "\"streamsSeen\", \"unreleased\" with \"released\" and \"year\", or \"transient\" (try again later). What the\n"
-      "resolver does, and why it ended, is logged on standard error. Nothing is added to the library; the\n"
-      "add-on rows are remembered in the resolve cache of --home. Exit status 0 for a title, 1 otherwise.",
+      "\"size\", \"isCached\", \"provider\", \"seeders\", \"score\"), then one line for the outcome:\n"
+      "{\"outcome\":\"resolved\",\"title\":{...}} with the title as the library would hold it,\n"
+      "{\"outcome\":\"noStream\",\"streamsSeen\":N}, {\"outcome\":\"unreleased\",\"released\":...,\"year\":...} or\n"
+      "{\"outcome\":\"transient\"} (try again later). What the resolver does, and why it ended, is logged on\n"
+      "standard error. Nothing is added to the library; the add-on rows are kept in the resolve cache of\n"
+      "--home. Exit status 0 for a title, 1 otherwise.",
       {{"--level", "LEVEL", "fast, balanced, high or best (default: the quality setting)"},
        {"--allow-recordings", "", "accept camera recordings (default: the allowTS setting)"}},
       [](const Arguments& args, Io& io) {

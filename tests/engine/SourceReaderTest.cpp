@@ -98,3 +98,38 @@ TEST(SourceReader, GoingAwayClosesItsOpenRequestsAndCallsNothingAfterwards) {
   vt::test::settle(50);
   EXPECT_EQ(hookCalls, callsBefore);
 }
+
+TEST(SourceReader, AHostThatStallsOneFileDelaysOnlyThatFilesReads) {
+  vt::test::TestHome home;
+  vt::ManualClock clock;
+  vt::HttpClient http(clock);
+  vt::test::FakeHttpServer host;
+  host.on("GET", "/stalled", [](const auto&, vt::test::FakeHttpServer::Reply& reply) { reply.hold(); });
+  const QByteArray film = vt::test::pattern(static_cast<int>(2 * kChunk), 5);
+  vt::test::serveBytes(host, "/healthy", film);
+  auto stalled = vt::test::entry("Stalled.mkv", host.url("/stalled").toString().toStdString());
+  stalled.size = 64 * kChunk;
+  auto healthy = vt::test::entry("Healthy.mkv", host.url("/healthy").toString().toStdString());
+  healthy.size = film.size();
+  SourceReader reader(http, home.file("probe-cache"), {});
+
+  // Eight reads of the stalled file wait, more than a host's usual six connections.
+  std::vector<std::string> outs(8);
+  std::vector<vt::Job> waiting;
+  for (int i = 0; i < 8; ++i)
+    waiting.push_back(vt::Job::start([&, i](vt::CancelToken token) -> QCoro::Task<> {
+      co_await reader.read(stalled, stalled.size, static_cast<uint64_t>(i) * 8 * kChunk, 4096, outs[i], nullptr, token);
+    }));
+  ASSERT_TRUE(vt::test::spinUntil([&] { return host.requestsTo("/stalled").size() == 4; }));
+
+  std::optional<ReadResult> read;
+  std::string bytes;
+  const vt::Job other = vt::Job::start([&](vt::CancelToken token) -> QCoro::Task<> {
+    ReadResult r = co_await reader.read(healthy, healthy.size, 100, 4096, bytes, nullptr, token);
+    read = std::move(r);
+  });
+  ASSERT_TRUE(vt::test::spinUntil([&] { return read.has_value(); })) << "the healthy file waited on the stalled one";
+  EXPECT_TRUE(*read);
+  EXPECT_TRUE(bytes == film.mid(100, 4096).toStdString());
+  EXPECT_EQ(host.requestsTo("/stalled").size(), 4u) << "a file's own budget";
+}

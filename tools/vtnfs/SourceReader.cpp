@@ -86,6 +86,45 @@ void SourceReader::setBudgetBytes(int64_t bytes) {
   evict();
 }
 
+QCoro::Task<vt::HttpResponse> SourceReader::send(std::string entryName, vt::HttpRequest request,
+                                                 vt::CancelToken token) {
+  auto& slot = lanes_[entryName];
+  if (!slot) {
+    slot = std::make_shared<Lane>();
+    slot->http = std::make_unique<vt::HttpClient>(http_.clock(), vt::HttpClient::Session::ephemeral);
+  }
+  idleLanes_.remove(entryName);
+  const std::shared_ptr<Lane> lane = slot;
+  while (lane->sending >= kRequestsPerEntry) {
+    auto turn = std::make_shared<vt::Completion>();
+    lane->waiting.push_back(turn);
+    const bool woken = co_await turn->wait(token);
+    if (!woken) {
+      lane->waiting.remove(turn);
+      vt::HttpResponse cancelled;
+      cancelled.failure = vt::HttpFailure::cancelled;
+      cancelled.errorText = "cancelled";
+      co_return cancelled;
+    }
+  }
+  ++lane->sending;
+  vt::HttpResponse reply = co_await lane->http->send(std::move(request), token);
+  --lane->sending;
+  // The reader may be going (its jobs are cancelled first): touch only the lane then.
+  if (!lane->waiting.empty()) {
+    auto next = lane->waiting.front();
+    lane->waiting.pop_front();
+    next->fire();
+  } else if (lane->sending == 0 && !token.isCancelled()) {
+    idleLanes_.push_back(entryName);
+    while (idleLanes_.size() > kIdleLanes) {
+      lanes_.erase(idleLanes_.front());
+      idleLanes_.pop_front();
+    }
+  }
+  co_return reply;
+}
+
 void SourceReader::forget(const std::string& entryName) {
   sources_.erase(entryName);
   if (auto it = fds_.find(entryName); it != fds_.end()) {
@@ -277,7 +316,7 @@ QCoro::Task<SourceReader::Chunk> SourceReader::fetch(vt::EngineEntry entry, int6
     // Never more than the chunk: a source that ignores ranges would send the
     // whole film.
     request.maxBodyBytes = last - first + 1;
-    const vt::HttpResponse reply = co_await http_.send(std::move(request), token);
+    const vt::HttpResponse reply = co_await send(entry.name, std::move(request), token);
     if (token.isCancelled()) co_return Chunk();
 
     Chunk c;

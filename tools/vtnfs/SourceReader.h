@@ -40,6 +40,12 @@ class SourceReader {
   static constexpr off_t kLocalReadAhead = 8 << 20;  // bytes asked ahead of local reads
   static constexpr size_t kMemoryChunks = 16;
   static constexpr double kRequestTimeout = 30;
+  // Each entry reaches its sources over connections of its own, at most this
+  // many requests at a time, so that a host that stalls one file's requests
+  // holds only that file's reads, and a request's time limit starts when it
+  // is sent rather than while it waits for a connection.
+  static constexpr int kRequestsPerEntry = 4;
+  static constexpr size_t kIdleLanes = 32;  // idle entries' connections kept for their next read
 
   struct Hooks {
     std::function<void(const std::string&)> log;
@@ -89,6 +95,8 @@ class SourceReader {
   // The fetch of a chunk that is under way, or a new one started as a job.
   std::shared_ptr<Inflight> startFetch(const vt::EngineEntry& entry, int64_t index, const std::string& id);
   QCoro::Task<Chunk> fetch(vt::EngineEntry entry, int64_t index, vt::CancelToken token);
+  // One request of an entry, in its lane.
+  QCoro::Task<vt::HttpResponse> send(std::string entryName, vt::HttpRequest request, vt::CancelToken token);
   void readAhead(const vt::EngineEntry& entry, int64_t index);
 
   Chunk memoryGet(const std::string& id);
@@ -114,6 +122,15 @@ class SourceReader {
   std::unordered_map<std::string, int> fds_;
   // Chunks being written to the disk cache on a worker thread.
   std::set<std::string> writing_;
+  // An entry's own HTTP client, its requests under way and those waiting
+  // for a turn. Idle lanes beyond kIdleLanes close, least recently used first.
+  struct Lane {
+    std::unique_ptr<vt::HttpClient> http;
+    int sending = 0;
+    std::list<std::shared_ptr<vt::Completion>> waiting;
+  };
+  std::map<std::string, std::shared_ptr<Lane>> lanes_;
+  std::list<std::string> idleLanes_;  // least recently used first
   // Last, so that the jobs end while the rest of the reader still stands.
   vt::JobScope jobs_;
 };

@@ -4,7 +4,6 @@
 
 #include "ResolverWorld.h"
 #include "cli/Verbs.h"
-#include "core/LibraryStore.h"
 #include "sources/ranking/RankingSettings.h"
 #include "sources/resolve/StreamResolver.h"
 
@@ -101,6 +100,19 @@ TEST(StreamResolver, PicksAreTriedOneAfterTheOtherUntilOneIsPlayable) {
   const auto busy = w.film("tt1375666");
   EXPECT_EQ(busy.kind, O::transient);
   EXPECT_EQ(w.linkRequests.size(), 1u);
+
+  // Nothing cached: the best uncached release, and Real-Debrid still fetching it is no verdict either.
+  w.cinemeta.addMovie("tt0000105", "Rare", "2015", "100 min");
+  FakeStreamAddon::Release rare{"Rare.2015.1080p.WEB.x264-GRP.mkv", kFilm, kHashB};
+  rare.cached = false;
+  w.torrentio.setReleases("movie", "tt0000105", {rare, rare});
+  w.rd.releases[kHashB] = {"Rare", {{1, "/Rare.mkv", kFilm}}, {{"magnet_conversion", 1}, {"downloading", 0}}};
+  const auto fetching = w.film("tt0000105", false, true);
+  EXPECT_EQ(fetching.kind, O::transient);
+  EXPECT_EQ(fetching.cause->kind, ResolveError::Kind::stillDownloading);
+  EXPECT_EQ(std::count_if(w.rd.torrents.begin(), w.rd.torrents.end(), [](const auto& t) { return t.second.hash == kHashB; }),
+            1)
+      << "one uncached pick at most";
 }
 
 TEST(StreamResolver, A4KPickBringsTheFirst1080pAsItsCompanion) {
@@ -119,6 +131,7 @@ TEST(StreamResolver, A4KPickBringsTheFirst1080pAsItsCompanion) {
   EXPECT_EQ(alt.resolvedAt, w.clock.now());
   EXPECT_NE(alt.resolveURL.find(kHashB), std::string::npos);
   const auto companion = w.run(w.titles.companion("tt1375666", w.torrentio.base(), rankerFor(QualityLevel::best)));
+  ASSERT_TRUE(companion);
   EXPECT_EQ(companion->name, alt.name);
 
   w.cinemeta.addMovie("tt0000201", "Only UHD", "2021", "100 min");
@@ -163,6 +176,11 @@ TEST(StreamResolver, ReadinessAsksTheAccountThenWellKnownFilmsAndRemembersThreeM
   EXPECT_TRUE(w.run(w.titles.readiness(w.torrentio.base())));
   EXPECT_EQ(w.torrentio.streamRequests(), (std::vector<std::string>{"movie/tt0110912", "movie/tt0111161"}))
       << "the first film with streams ends the check";
+
+  // The rows are still fresh in the cache, but a dead add-on is a dead path.
+  w.torrentio.setFault(FakeStreamAddon::Fault::serverError);
+  w.clock.manual.advance(StreamResolver::kReadinessMemoSeconds);
+  EXPECT_FALSE(w.run(w.titles.readiness(w.torrentio.base())));
 }
 
 TEST(StreamResolver, OutcomesOfErrorsAndThePaceBounds) {
@@ -197,34 +215,32 @@ TEST(StreamResolver, ABatchOfFortyFilmsAsksEachAddOnOnceThenServesFromTheCache) 
     w.cinemeta.addMovie(id, "Film " + std::to_string(i), "2015", "100 min");
     w.torrentio.setReleases("movie", id, {{"Film." + std::to_string(i) + ".2015.1080p.WEB.x264-GRP.mkv", kFilm, kHashA}});
   }
-  test::TestHome home;
-  LibraryStore library(home.file("library.json"), w.cacheClock);
-  LibraryTitle held;
-  held.name = "Film 7 (2015) {imdb-" + ids[7] + "}.mp4";
-  library.upsert(held);
-
   ResolvePace pace;
   std::vector<std::string> arrived;
   const auto batch = w.run(w.titles.resolveBatch(ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false,
-                                                 &library, &pace, nullptr,
+                                                 &pace, nullptr,
                                                  [&](const LibraryTitle& t) { arrived.push_back(t.name); }),
                            60000);
   ASSERT_EQ(batch.resolved.size(), 40u);
   EXPECT_EQ(w.torrentio.streamRequests().size(), 40u);
   ASSERT_EQ(arrived.size(), 40u);
   EXPECT_EQ(arrived[0], "Film 0 (2015) {imdb-" + ids[0] + "}.mkv");
-  EXPECT_EQ(arrived[7], held.name) << "the published file keeps its name";
   EXPECT_EQ(w.clock.pauses.size(), 39u) << "a pause before every film but the first";
   EXPECT_EQ(pace.delay, 0.45);
 
-  // Fresh rows: no add-on is asked again. A stop ends the batch before its next item.
-  int calls = 0;
+  // Fresh rows: no add-on is asked again.
   const auto again = w.run(w.titles.resolveBatch(ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false,
-                                                 nullptr, &pace, [&] { return calls >= 5; },
-                                                 [&](const LibraryTitle&) { ++calls; }),
+                                                 &pace, nullptr, nullptr),
                            60000);
-  EXPECT_EQ(again.resolved.size(), 5u);
+  EXPECT_EQ(again.resolved.size(), 40u);
   EXPECT_EQ(w.torrentio.streamRequests().size(), 40u);
+
+  // A stop ends the batch before its next item.
+  int calls = 0;
+  const auto stopped = w.run(w.titles.resolveBatch(ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false,
+                                                   nullptr, [&] { return calls >= 5; },
+                                                   [&](const LibraryTitle&) { ++calls; }));
+  EXPECT_EQ(stopped.resolved.size(), 5u);
 }
 
 TEST(StreamResolver, ASchemaOneEntryIsNeverFreshButServesWhenNoAddOnAnswers) {
@@ -273,7 +289,9 @@ TEST(ResolveVerb, PrintsTheCandidatesThenOneLineForTheOutcome) {
   w.torrentio.setReleases("movie", "tt6751668", {{"Parasite.2019.HDCAM.x264-AAA.mkv", kFilm, kHashB}});
   EXPECT_EQ(verb("tt6751668", cams), 1);
   EXPECT_EQ(cams.str(), "{\"outcome\":\"unreleased\",\"year\":\"2019\"}\n");
-  std::ostringstream empty;
+  std::ostringstream empty, show;
   EXPECT_EQ(verb("tt0903747:1:9", empty), 1);
   EXPECT_EQ(empty.str(), "{\"outcome\":\"noStream\",\"streamsSeen\":0}\n");
+  EXPECT_EQ(verb("stremio:///detail/series/tt0903747", show), 1);
+  EXPECT_EQ(show.str(), "{\"outcome\":\"noStream\",\"streamsSeen\":-1}\n") << "the whole show is no episode";
 }

@@ -22,6 +22,9 @@ namespace vt::cli {
 namespace {
 
 constexpr char kVerb[] = "resolve";
+// As the collection passes resolve: cached releases only, so that what this
+// prints is what the library would get.
+constexpr bool kUncachedFallback = false;
 
 void printError(std::ostream& out, const std::string& text) { out << json::encode(Json{{"error", text}}) << '\n'; }
 
@@ -58,44 +61,47 @@ std::string outcomeLine(const ResolveOutcome& o) {
 
 QCoro::Task<int> resolveLink(StreamResolver& resolver, QUrl addon, bool allowTS, StreamRanker ranker, std::string link,
                              std::ostream& out, std::ostream& err) {
+  std::optional<ResolveOutcome> outcome;
+  std::optional<std::string> seriesId;
+  std::optional<int> season, episode;
   const auto parsed = StremioResolver::parseLink(link);
   if (!parsed) {
-    printError(out, message(ResolveError::of(ResolveError::Kind::badLink)));
-    co_return 1;
-  }
-  resolver.onResolution = [&out, &ranker](const StremioResolver::Resolution& resolution) {
-    const auto pickable = resolution.pickable();
-    for (const auto& scored : ranker.rankScored(pickable, resolution.runtimeMinutes, true)) {
-      const auto& c = pickable[scored.index];
-      Json row = Json::object();
-      row["filename"] = c.filename;
-      json::put(row, "size", c.size);
-      row["isCached"] = c.isCached;
-      row["provider"] = std::string(rawValue(c.provider));
-      json::put(row, "seeders", c.seeders);
-      row["score"] = scored.score;
-      out << json::encode(row) << '\n';
+    outcome = ResolveOutcome::of(ResolveError::of(ResolveError::Kind::badLink));
+  } else if (parsed->first == "series") {
+    const auto parts = splitAny(parsed->second, ":");
+    if (parts.size() == 3) {
+      seriesId = parts[0];
+      season = parseAsciiInt(parts[1]);
+      episode = parseAsciiInt(parts[2]);
     }
-  };
-  const auto& [type, id] = *parsed;
-  ResolveOutcome outcome;
-  if (type == "series") {
-    const auto parts = splitAny(id, ":");
-    const auto season = parts.size() == 3 ? parseAsciiInt(parts[1]) : std::nullopt;
-    const auto episode = parts.size() == 3 ? parseAsciiInt(parts[2]) : std::nullopt;
-    if (!season || !episode) {
-      printError(out, message(ResolveError::of(ResolveError::Kind::episodeRequired)));
-      co_return 1;
-    }
-    outcome = co_await resolver.resolveEpisode(parts[0], *season, *episode, addon, ranker, allowTS);
-  } else {
-    // The user asked for this one title: an uncached release is better than none.
-    outcome = co_await resolver.resolveMovie(id, addon, ranker, allowTS, true);
+    if (!season || !episode) outcome = ResolveOutcome::of(ResolveError::of(ResolveError::Kind::episodeRequired));
   }
-  resolver.onResolution = nullptr;
-  if (outcome.cause) err << "why: " << message(*outcome.cause) << '\n';
-  out << outcomeLine(outcome) << '\n';
-  co_return outcome.kind == ResolveOutcome::Kind::resolved ? 0 : 1;
+
+  if (!outcome) {
+    // The candidates as the resolver found them, before any pick.
+    resolver.onResolution = [&out, &ranker](const StremioResolver::Resolution& resolution) {
+      const auto pickable = resolution.pickable();
+      for (const auto& scored : ranker.rankScored(pickable, resolution.runtimeMinutes, true)) {
+        const auto& c = pickable[scored.index];
+        Json row = Json::object();
+        row["filename"] = c.filename;
+        json::put(row, "size", c.size);
+        row["isCached"] = c.isCached;
+        row["provider"] = std::string(rawValue(c.provider));
+        json::put(row, "seeders", c.seeders);
+        row["score"] = scored.score;
+        out << json::encode(row) << '\n';
+      }
+    };
+    if (seriesId)
+      outcome = co_await resolver.resolveEpisode(*seriesId, *season, *episode, addon, ranker, allowTS);
+    else
+      outcome = co_await resolver.resolveMovie(parsed->second, addon, ranker, allowTS, kUncachedFallback);
+    resolver.onResolution = nullptr;
+  }
+  if (outcome->cause) err << "why: " << message(*outcome->cause) << '\n';
+  out << outcomeLine(*outcome) << '\n';
+  co_return outcome->kind == ResolveOutcome::Kind::resolved ? 0 : 1;
 }
 
 Verb resolveVerb() {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "core/LibraryStore.h"
 #include "platform/Http.h"
 #include "platform/Log.h"
 #include "sources/providers/ProviderRegistry.h"
@@ -170,6 +169,7 @@ QCoro::Task<ResolveOutcome> StreamResolver::pickAndMaterialise(StremioResolver r
     auto title = co_await resolver.materialise(pick, resolution, token);
     if (title) {
       title->mirrorURLs = StremioResolver::alternates(pick, resolution.streams);
+      // A companion is a 1080p version of a 4K film; episodes have none.
       if (!episode && ReleaseParser::parse(pick.filename).resolution == "4K")
         title->altVersion = companionFrom(ranked, resolution);
       co_return ResolveOutcome::resolved(std::move(*title));
@@ -218,7 +218,9 @@ QCoro::Task<bool> StreamResolver::readiness(QUrl addon, CancelToken token) {
     accountOk = user && user->type == "premium" && user->premium > 0;
   }
   if (accountOk) {
+    // Rows remembered from earlier answers would hide a dead add-on.
     StremioResolver resolver(services_, addon, false);
+    resolver.setLiveOnly(true);
     for (const auto& film : wellKnownFilms()) {
       if (token.isCancelled()) co_return false;
       auto resolution = co_await resolver.resolve("detail/movie/" + film, token);
@@ -235,31 +237,28 @@ QCoro::Task<bool> StreamResolver::readiness(QUrl addon, CancelToken token) {
 }
 
 QCoro::Task<ResolveBatch> StreamResolver::resolveBatch(std::vector<std::string> ids, QUrl addon, StreamRanker ranker,
-                                                       bool allowTS, const LibraryStore* store, ResolvePace* pace,
+                                                       bool allowTS, ResolvePace* pace,
                                                        std::function<bool()> shouldStop,
                                                        std::function<void(const LibraryTitle&)> onResolved,
                                                        CancelToken token) {
   ResolveBatch batch;
-  for (size_t i = 0; i < ids.size(); ++i) {
-    if (token.isCancelled() || (shouldStop && shouldStop())) break;
+  const auto stopping = [&] { return token.isCancelled() || (shouldStop && shouldStop()); };
+  for (size_t i = 0; i < ids.size() && !stopping(); ++i) {
     if (i > 0 && pace) {
       co_await services_.http.clock().sleep(pace->pause(), token);
-      if (token.isCancelled() || (shouldStop && shouldStop())) break;
+      if (stopping()) break;
     }
     const std::string& id = ids[i];
     auto outcome = co_await resolveMovie(id, addon, ranker, allowTS, false, token);
-    if (token.isCancelled()) break;
+    // A stop ends the batch with what it has: a title that came in is kept,
+    // an outcome the stop cut short is not counted.
+    if (token.isCancelled() && outcome.kind != Outcome::resolved) break;
     if (pace) pace->note(outcome.kind);
     switch (outcome.kind) {
-      case Outcome::resolved: {
-        LibraryTitle title = std::move(*outcome.title);
-        // The library may have changed during the resolve: read it now.
-        if (store)
-          if (const auto* held = store->titleByImdb(id)) title.name = held->name;
-        batch.resolved.push_back(title);
+      case Outcome::resolved:
+        batch.resolved.push_back(std::move(*outcome.title));
         if (onResolved) onResolved(batch.resolved.back());
         break;
-      }
       case Outcome::noStream:
         batch.noStream.push_back({id, outcome.streamsSeen});
         break;

@@ -16,8 +16,6 @@
 
 namespace vt {
 
-class LibraryStore;
-
 // What resolving a title came to. The four kinds are the whole contract
 // towards callers: each remembers them its own way (cooling for noStream,
 // the release gate for unreleased, attempt counts for transient).
@@ -103,15 +101,16 @@ class StreamResolver {
   QCoro::Task<std::optional<AltStreamVersion>> companion(std::string id, QUrl addon, StreamRanker ranker,
                                                          CancelToken token = CancelToken::none());
   // Whether the whole path (the account, the add-ons) is alive, so that a
-  // title without streams can be told from a dead path. Remembered 180 s.
+  // title without streams can be told from a dead path. Asks the add-ons
+  // live, never the resolve cache. The answer, false too, is remembered 180 s.
   QCoro::Task<bool> readiness(QUrl addon, CancelToken token = CancelToken::none());
 
   // Films one at a time, in order: the stop check before each item, the
   // pace's pause before every item from the second on, `onResolved` as each
-  // title comes in. A title the library already holds for the id keeps its
-  // name, so the published file stays the same file.
+  // title comes in. The library is not touched: the caller adds the titles,
+  // and the library's upsert keeps the name a published title already has.
   QCoro::Task<ResolveBatch> resolveBatch(std::vector<std::string> ids, QUrl addon, StreamRanker ranker, bool allowTS,
-                                         const LibraryStore* store, ResolvePace* pace,
+                                         ResolvePace* pace,
                                          std::function<bool()> shouldStop,
                                          std::function<void(const LibraryTitle&)> onResolved,
                                          CancelToken token = CancelToken::none());

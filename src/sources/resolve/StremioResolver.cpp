@@ -379,7 +379,9 @@ QCoro::Task<Result<std::vector<CachedStream>, ResolveError>> StremioResolver::st
                                                                                          std::string id,
                                                                                          CancelToken token) {
   const std::string key = type + "/" + id;
-  if (auto fresh = co_await services_.cache.fresh(key)) {
+  std::optional<std::vector<CachedStream>> fresh;
+  if (!liveOnly_) fresh = co_await services_.cache.fresh(key);
+  if (fresh) {
     logLine("[resolve] " + key + " cache-fresh " + std::to_string(fresh->size()) + " streams");
     co_return std::move(*fresh);
   }
@@ -432,7 +434,9 @@ QCoro::Task<Result<std::vector<CachedStream>, ResolveError>> StremioResolver::st
     logLine("[resolve] " + key + " barren, but an addon never answered — not a no-source verdict");
   }
 
-  if (auto remembered = co_await services_.cache.entry(key)) {
+  std::optional<ResolveCache::Entry> remembered;
+  if (!liveOnly_) remembered = co_await services_.cache.entry(key);
+  if (remembered) {
     logLine("[resolve] " + key + " no addon answered — serving " + std::to_string(remembered->streams.size()) +
             " remembered streams");
     co_return std::move(remembered->streams);

@@ -149,6 +149,9 @@ class StremioResolver {
 
   const QUrl& addonURL() const { return addonURL_; }
   bool allowTS() const { return allowTS_; }
+  // Rows only from add-ons that answer now, never from the resolve cache:
+  // for checks of whether the path itself is alive.
+  void setLiveOnly(bool liveOnly) { liveOnly_ = liveOnly; }
 
   // ("movie" or "series", id) from a Stremio link, a "tt…:season:episode"
   // or an IMDb id; percent-encoding is removed first.
@@ -216,6 +219,7 @@ class StremioResolver {
   const ResolverServices& services_;
   QUrl addonURL_;
   bool allowTS_;
+  bool liveOnly_ = false;
 };
 
 }  // namespace vt

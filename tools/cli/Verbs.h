@@ -62,11 +62,23 @@ struct MountSetup {
 };
 int setupMount(const MountSetup& setup, Io& io);
 
+// subtitle: a subtitle file's bytes and the language tag its decoding takes.
+struct SubtitleFile {
+  std::string bytes;
+  std::optional<std::string> language;
+};
+// check: one JSON object with what reading the file found; the shape gate's
+// refusal only with the film's length.
+int subtitleCheck(const SubtitleFile& file, std::optional<double> filmSeconds, std::ostream& out);
+// fit: the cues as SRT with the fit applied.
+int subtitleFit(const SubtitleFile& file, double scale, int64_t offsetMs, std::ostream& out);
+
 // The verb table entries.
 Verb releaseVerb();
 Verb rankVerb();
 Verb configVerb();
 Verb resolveVerb();
 Verb setupMountVerb();
+Verb subtitleVerb();
 
 }  // namespace vt::cli

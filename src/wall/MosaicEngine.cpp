@@ -316,6 +316,7 @@ void MosaicEngine::relayoutInPlace() {
   const auto anchor = wall_.anchorAt(scroll_.y);
   const bool end = atEnd();
   wall_.recompute(viewW_);
+  reserveScratch();
   if (end) {
     scroll_.y = maxScroll();
   } else if (anchor) {
@@ -368,6 +369,7 @@ void MosaicEngine::installWall(WallChange& change, double now) {
   wall_.chapters = std::move(change.chapters);
   wall_.films = std::move(change.films);
   wall_.recompute(viewW_);
+  reserveScratch();
   hasWall_ = true;
 
   if (end) {
@@ -424,6 +426,18 @@ void MosaicEngine::installWall(WallChange& change, double now) {
     if (slots_.count(key)) return true;
     return fans && (slots_.count(key ^ kCardSalt1) || slots_.count(key ^ kCardSalt2));
   });
+}
+
+void MosaicEngine::reserveScratch() {
+  // Room for the cells of the view and its margins, and for the zones ahead
+  // and behind, with slack for rows cut short by chapter ends: the frame then
+  // never grows a list.
+  const float pitch = std::max(wall_.rowPitch(), 1.0f);
+  const auto rows = static_cast<size_t>(std::ceil((viewH_ + 2.0f * pitch) / pitch)) + 3;
+  const auto cols = static_cast<size_t>(std::max(wall_.columns, 1));
+  cells_.reserve(cols * rows * 2);
+  order_.reserve(cols * rows * 2);
+  wanted_.reserve(cols * (rows + 16) * 2);
 }
 
 void MosaicEngine::drainArrivals() {

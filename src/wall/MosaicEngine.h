@@ -187,6 +187,7 @@ class MosaicEngine {
   void takeSize(const SizeChange& size, bool& insetChanged);
   void relayoutInPlace();
   void installWall(WallChange& change, double now);
+  void reserveScratch();
   void drainArrivals();
   void stepScroll(const Inbox& in, double step);
   void takeHoverIntent(const Inbox& in, double t);

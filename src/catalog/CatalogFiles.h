@@ -1,0 +1,69 @@
+#pragma once
+
+// The catalog's seven files, byte for byte. Each is compact JSON with keys in
+// a fixed order, absent optionals left out, dates as seconds since
+// 2001-01-01 UTC, UUIDs in upper case and sets as arrays sorted ascending, so
+// that reading a file and writing it again gives the same bytes.
+//
+// Decoding is strict: a wrong type, a missing required key, an unknown source
+// kind or refresh interval, or an id that is not a UUID fails the whole file.
+
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "catalog/CatalogTypes.h"
+#include "platform/Result.h"
+
+namespace vt {
+
+struct CatalogFileError {
+  std::string text;
+};
+inline std::string message(const CatalogFileError& e) { return e.text; }
+
+template <class T>
+using CatalogDecoded = Result<T, CatalogFileError>;
+
+using MetaCache = std::map<std::string, CatalogMeta>;
+using RevealedIds = std::map<std::string, std::set<std::string>>;
+
+namespace catalogfile {
+
+inline constexpr const char* kCollections = "collections.json";
+inline constexpr const char* kMeta = "catalog-meta.json";
+inline constexpr const char* kMaterialised = "materialised.json";
+inline constexpr const char* kOwnedGroupings = "owned-groupings.json";
+inline constexpr const char* kStaging = "staging.json";
+inline constexpr const char* kStagingRevealed = "staging-revealed.json";
+inline constexpr const char* kStreamVetting = "stream-vetting.json";
+
+// collections.json: an array of collections.
+std::string encodeCollections(const std::vector<CatalogCollection>& collections);
+CatalogDecoded<std::vector<CatalogCollection>> decodeCollections(std::string_view text);
+
+// catalog-meta.json: an object from IMDb id to its record, ids ascending.
+std::string encodeMetas(const MetaCache& metas);
+CatalogDecoded<MetaCache> decodeMetas(std::string_view text);
+
+// materialised.json (in order) and staging.json (a set): arrays of UUIDs.
+std::string encodeUuidList(const std::vector<std::string>& ids);
+std::string encodeUuidSet(const std::set<std::string>& ids);
+CatalogDecoded<std::vector<std::string>> decodeUuidList(std::string_view text);
+
+// owned-groupings.json: an array of names, ascending.
+std::string encodeTextSet(const std::set<std::string>& names);
+CatalogDecoded<std::set<std::string>> decodeTextSet(std::string_view text);
+
+// staging-revealed.json: [uuid1, [ids], uuid2, [ids], ...], UUIDs ascending.
+std::string encodeRevealed(const RevealedIds& revealed);
+CatalogDecoded<RevealedIds> decodeRevealed(std::string_view text);
+
+// stream-vetting.json: {"vetted":{...},"failed":{...},"failCounts":{...},"seriesComplete":{...}}.
+std::string encodeVetting(const StreamVetting& vetting);
+CatalogDecoded<StreamVetting> decodeVetting(std::string_view text);
+
+}  // namespace catalogfile
+}  // namespace vt

@@ -226,18 +226,6 @@ void writeDate(JsonWriter& w, std::string_view key, const std::optional<Date>& d
   writeDate(w, *d);
 }
 
-void writeSource(JsonWriter& w, const CollectionSource& s) {
-  w.beginObject();
-  w.field("kind", kindName(s.kind));
-  if (s.kind == CollectionSource::Kind::stremioCatalog) {
-    w.field("addonBaseURL", s.addonBaseURL);
-    w.field("type", s.type);
-    w.field("catalogId", s.catalogId);
-    w.field("genre", s.genre);
-  }
-  w.endObject();
-}
-
 template <class Range>
 void writeStrings(JsonWriter& w, const Range& values) {
   w.beginArray();
@@ -293,6 +281,18 @@ void writeMap(JsonWriter& w, const std::map<std::string, int>& map) {
 }
 
 }  // namespace
+
+void writeSource(JsonWriter& w, const CollectionSource& s) {
+  w.beginObject();
+  w.field("kind", kindName(s.kind));
+  if (s.kind == CollectionSource::Kind::stremioCatalog) {
+    w.field("addonBaseURL", s.addonBaseURL);
+    w.field("type", s.type);
+    w.field("catalogId", s.catalogId);
+    w.field("genre", s.genre);
+  }
+  w.endObject();
+}
 
 std::string encodeCollections(const std::vector<CatalogCollection>& collections) {
   size_t reserve = 64;

@@ -19,6 +19,8 @@
 
 namespace vt {
 
+class JsonWriter;
+
 struct CatalogFileError {
   std::string text;
 };
@@ -39,6 +41,9 @@ inline constexpr const char* kOwnedGroupings = "owned-groupings.json";
 inline constexpr const char* kStaging = "staging.json";
 inline constexpr const char* kStagingRevealed = "staging-revealed.json";
 inline constexpr const char* kStreamVetting = "stream-vetting.json";
+
+// A collection's source as the object under "source".
+void writeSource(JsonWriter& w, const CollectionSource& source);
 
 // collections.json: an array of collections.
 std::string encodeCollections(const std::vector<CatalogCollection>& collections);

@@ -60,11 +60,15 @@ struct MountSetup {
 };
 int setupMount(const MountSetup& setup, Io& io);
 
+// catalog: the collections of `directory` as JSON lines, loaded read-only.
+int listCatalog(const std::string& directory, std::ostream& out);
+
 // The verb table entries.
 Verb releaseVerb();
 Verb rankVerb();
 Verb configVerb();
 Verb resolveVerb();
 Verb setupMountVerb();
+Verb catalogVerb();
 
 }  // namespace vt::cli

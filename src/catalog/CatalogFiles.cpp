@@ -1,11 +1,18 @@
 #include "catalog/CatalogFiles.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cmath>
 
 #include <simdjson.h>
 
 #include "platform/Json.h"
 #include "platform/JsonWriter.h"
+#include "platform/SerialFileWriter.h"
 
 namespace vt::catalogfile {
 
@@ -197,11 +204,14 @@ CatalogMeta readMeta(element e, std::string_view what) {
 
 // Parses `text` and hands its root to `read`; any failure becomes the error.
 template <class T, class Read>
-CatalogDecoded<T> decodeWith(std::string_view text, Read read) {
+CatalogDecoded<T> decodeWith(const std::string& text, Read read) {
   simdjson::dom::parser parser;
-  simdjson::padded_string padded(text);
   element root;
-  if (auto error = parser.parse(padded).get(root)) return Failure(CatalogFileError{simdjson::error_message(error)});
+  // In place when the text has the padding the parser reads past its end.
+  const auto error = text.capacity() - text.size() >= simdjson::SIMDJSON_PADDING
+                         ? parser.parse(text.data(), text.size(), false).get(root)
+                         : parser.parse(text).get(root);
+  if (error) return Failure(CatalogFileError{simdjson::error_message(error)});
   try {
     return read(root);
   } catch (const DecodeError& e) {
@@ -282,6 +292,35 @@ void writeMap(JsonWriter& w, const std::map<std::string, int>& map) {
 
 }  // namespace
 
+std::optional<std::string> readPaddedFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    ::close(fd);
+    return std::nullopt;
+  }
+  // One byte more than the size tells whether the file grew meanwhile.
+  const size_t want = static_cast<size_t>(std::max<off_t>(st.st_size, 0)) + 1;
+  std::string out;
+  out.reserve(want + simdjson::SIMDJSON_PADDING);
+  out.resize(want);
+  size_t used = 0;
+  bool ok = true;
+  while (used < want) {
+    const ssize_t n = ::read(fd, out.data() + used, want - used);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) ok = false;
+    if (n <= 0) break;
+    used += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  if (!ok) return std::nullopt;
+  if (used == want) return readFile(path);  // it grew: read it the plain way
+  out.resize(used);
+  return out;
+}
+
 void writeSource(JsonWriter& w, const CollectionSource& s) {
   w.beginObject();
   w.field("kind", kindName(s.kind));
@@ -304,7 +343,7 @@ std::string encodeCollections(const std::vector<CatalogCollection>& collections)
   return w.take();
 }
 
-CatalogDecoded<std::vector<CatalogCollection>> decodeCollections(std::string_view text) {
+CatalogDecoded<std::vector<CatalogCollection>> decodeCollections(const std::string& text) {
   return decodeWith<std::vector<CatalogCollection>>(text, [](element root) {
     std::vector<CatalogCollection> out;
     for (auto item : readArray(root, "collections")) out.push_back(readCollection(item));
@@ -323,13 +362,12 @@ std::string encodeMetas(const MetaCache& metas) {
   return w.take();
 }
 
-CatalogDecoded<MetaCache> decodeMetas(std::string_view text) {
+CatalogDecoded<MetaCache> decodeMetas(const std::string& text) {
   return decodeWith<MetaCache>(text, [](element root) {
     MetaCache out;
-    auto hint = out.end();
     // Our own files hold the ids in ascending order, so each goes at the end.
     for (auto field : readObject(root, "metas"))
-      hint = out.insert_or_assign(hint, std::string(field.key), readMeta(field.value, field.key));
+      out.insert_or_assign(out.end(), std::string(field.key), readMeta(field.value, field.key));
     return out;
   });
 }
@@ -346,7 +384,7 @@ std::string encodeUuidSet(const std::set<std::string>& ids) {
   return w.take();
 }
 
-CatalogDecoded<std::vector<std::string>> decodeUuidList(std::string_view text) {
+CatalogDecoded<std::vector<std::string>> decodeUuidList(const std::string& text) {
   return decodeWith<std::vector<std::string>>(
       text, [](element root) { return readStringArray<std::vector<std::string>>(root, "ids", readUuid); });
 }
@@ -357,7 +395,7 @@ std::string encodeTextSet(const std::set<std::string>& names) {
   return w.take();
 }
 
-CatalogDecoded<std::set<std::string>> decodeTextSet(std::string_view text) {
+CatalogDecoded<std::set<std::string>> decodeTextSet(const std::string& text) {
   return decodeWith<std::set<std::string>>(
       text, [](element root) { return readStringArray<std::set<std::string>>(root, "names", readString); });
 }
@@ -373,7 +411,7 @@ std::string encodeRevealed(const RevealedIds& revealed) {
   return w.take();
 }
 
-CatalogDecoded<RevealedIds> decodeRevealed(std::string_view text) {
+CatalogDecoded<RevealedIds> decodeRevealed(const std::string& text) {
   return decodeWith<RevealedIds>(text, [](element root) {
     RevealedIds out;
     const auto flat = readArray(root, "revealed");
@@ -407,7 +445,7 @@ std::string encodeVetting(const StreamVetting& vetting) {
   return w.take();
 }
 
-CatalogDecoded<StreamVetting> decodeVetting(std::string_view text) {
+CatalogDecoded<StreamVetting> decodeVetting(const std::string& text) {
   return decodeWith<StreamVetting>(text, [](element root) {
     StreamVetting v;
     bool vetted = false, failed = false;

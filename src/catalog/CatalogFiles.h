@@ -9,6 +9,7 @@
 // kind or refresh interval, or an id that is not a UUID fails the whole file.
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -42,33 +43,38 @@ inline constexpr const char* kStaging = "staging.json";
 inline constexpr const char* kStagingRevealed = "staging-revealed.json";
 inline constexpr const char* kStreamVetting = "stream-vetting.json";
 
+// A whole file, read with spare capacity after its bytes so that the
+// decoders below parse it in place; none when it can't be read. Decoders
+// copy a text that lacks that room.
+std::optional<std::string> readPaddedFile(const std::string& path);
+
 // A collection's source as the object under "source".
 void writeSource(JsonWriter& w, const CollectionSource& source);
 
 // collections.json: an array of collections.
 std::string encodeCollections(const std::vector<CatalogCollection>& collections);
-CatalogDecoded<std::vector<CatalogCollection>> decodeCollections(std::string_view text);
+CatalogDecoded<std::vector<CatalogCollection>> decodeCollections(const std::string& text);
 
 // catalog-meta.json: an object from IMDb id to its record, ids ascending.
 std::string encodeMetas(const MetaCache& metas);
-CatalogDecoded<MetaCache> decodeMetas(std::string_view text);
+CatalogDecoded<MetaCache> decodeMetas(const std::string& text);
 
 // materialised.json (in order) and staging.json (a set): arrays of UUIDs.
 std::string encodeUuidList(const std::vector<std::string>& ids);
 std::string encodeUuidSet(const std::set<std::string>& ids);
-CatalogDecoded<std::vector<std::string>> decodeUuidList(std::string_view text);
+CatalogDecoded<std::vector<std::string>> decodeUuidList(const std::string& text);
 
 // owned-groupings.json: an array of names, ascending.
 std::string encodeTextSet(const std::set<std::string>& names);
-CatalogDecoded<std::set<std::string>> decodeTextSet(std::string_view text);
+CatalogDecoded<std::set<std::string>> decodeTextSet(const std::string& text);
 
 // staging-revealed.json: [uuid1, [ids], uuid2, [ids], ...], UUIDs ascending.
 std::string encodeRevealed(const RevealedIds& revealed);
-CatalogDecoded<RevealedIds> decodeRevealed(std::string_view text);
+CatalogDecoded<RevealedIds> decodeRevealed(const std::string& text);
 
 // stream-vetting.json: {"vetted":{...},"failed":{...},"failCounts":{...},"seriesComplete":{...}}.
 std::string encodeVetting(const StreamVetting& vetting);
-CatalogDecoded<StreamVetting> decodeVetting(std::string_view text);
+CatalogDecoded<StreamVetting> decodeVetting(const std::string& text);
 
 }  // namespace catalogfile
 }  // namespace vt

@@ -3,6 +3,7 @@
 #include <QDateTime>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <unordered_set>
@@ -126,11 +127,11 @@ void CatalogStore::keepUnreadable(const std::string& path, const char* fileName)
 }
 
 template <class T>
-std::optional<T> CatalogStore::readFileOf(const char* fileName, CatalogDecoded<T> (*decode)(std::string_view),
+std::optional<T> CatalogStore::readFileOf(const char* fileName, CatalogDecoded<T> (*decode)(const std::string&),
                                           bool keepAside) {
   const auto path = pathOf(fileName);
   if (!options_.readOnly) removeInterruptedWrites(path);
-  const auto text = readFile(path);
+  const auto text = catalogfile::readPaddedFile(path);
   if (!text) return std::nullopt;
   auto decoded = decode(*text);
   if (decoded) return std::move(*decoded);
@@ -145,7 +146,7 @@ void CatalogStore::load() {
   using namespace catalogfile;
   // 1. The files, each only if it reads.
   if (auto v = readFileOf(kCollections, decodeCollections, true)) collections_ = std::move(*v);
-  if (auto v = readFileOf(kMeta, decodeMetas, false)) metaCache_ = std::move(*v);
+  if (auto v = readFileOf(kMeta, decodeMetas, false)) metaCache_ = std::make_shared<MetaCache>(std::move(*v));
   if (auto v = readFileOf(kMaterialised, decodeUuidList, true)) materialisedIds_ = std::move(*v);
   if (auto v = readFileOf(kOwnedGroupings, decodeTextSet, false)) ownedGroupings_ = std::move(*v);
   if (auto v = readFileOf(kStaging, decodeUuidList, false)) stagingIds_ = std::set<std::string>(v->begin(), v->end());
@@ -314,8 +315,18 @@ CatalogCollection* CatalogStore::find(std::string_view id) {
 }
 
 const CatalogMeta* CatalogStore::meta(std::string_view imdbId) const {
-  auto it = metaCache_.find(std::string(imdbId));
-  return it == metaCache_.end() ? nullptr : &it->second;
+  auto it = metaCache_->find(std::string(imdbId));
+  return it == metaCache_->end() ? nullptr : &it->second;
+}
+
+MetaCache& CatalogStore::mutableMetas() {
+  if (metaCache_.use_count() > 1) {
+    metaCache_ = std::make_shared<MetaCache>(*metaCache_);
+  } else {
+    // A save that held it is done reading: its release pairs with this.
+    std::atomic_thread_fence(std::memory_order_acquire);
+  }
+  return *metaCache_;
 }
 
 std::optional<CollectionPlexDelivery> CatalogStore::delivery(std::string_view id) const {
@@ -403,7 +414,12 @@ void CatalogStore::deleteCollection(const std::string& id) {
   std::unordered_set<std::string_view> held;
   for (const auto& c : collections_)
     for (const auto& item : c.itemImdbIds) held.insert(item);
-  if (std::erase_if(metaCache_, [&](const auto& e) { return !held.count(e.first); }) > 0) scheduleMetaSave();
+  const bool stale =
+      std::any_of(metaCache_->begin(), metaCache_->end(), [&](const auto& e) { return !held.count(e.first); });
+  if (stale) {
+    std::erase_if(mutableMetas(), [&](const auto& e) { return !held.count(e.first); });
+    scheduleMetaSave();
+  }
   pruneVetting();
 }
 
@@ -459,10 +475,11 @@ std::vector<std::string> CatalogStore::takeRetiredPlexGroupings() {
 
 void CatalogStore::mergeMeta(const std::vector<CatalogMeta>& metas) {
   if (metas.empty()) return;
+  auto& cache = mutableMetas();
   for (const auto& incoming : metas) {
-    auto it = metaCache_.find(incoming.id);
-    if (it == metaCache_.end()) {
-      metaCache_.emplace(incoming.id, incoming);
+    auto it = cache.find(incoming.id);
+    if (it == cache.end()) {
+      cache.emplace(incoming.id, incoming);
       continue;
     }
     CatalogMeta merged = incoming;
@@ -477,9 +494,19 @@ void CatalogStore::mergeMeta(const std::vector<CatalogMeta>& metas) {
 }
 
 void CatalogStore::fillMeta(const std::vector<CatalogMeta>& metas) {
+  // A copy only when something is new to the cache.
+  auto needs = [this](const CatalogMeta& incoming) {
+    const auto* stored = meta(incoming.id);
+    if (!stored) return true;
+    return (isEmpty(stored->released) && !isEmpty(incoming.released)) ||
+           (isEmpty(stored->posterURL) && !isEmpty(incoming.posterURL)) ||
+           (isEmpty(stored->mediaType) && !isEmpty(incoming.mediaType));
+  };
+  if (std::none_of(metas.begin(), metas.end(), needs)) return;
+  auto& cache = mutableMetas();
   bool any = false;
   for (const auto& incoming : metas) {
-    auto [it, added] = metaCache_.try_emplace(incoming.id, incoming);
+    auto [it, added] = cache.try_emplace(incoming.id, incoming);
     if (added) {
       any = true;
       continue;
@@ -564,8 +591,9 @@ void CatalogStore::scheduleMetaSave() {
 
 void CatalogStore::writeMetas() {
   if (options_.readOnly) return;
-  metaWriter_.save(pathOf(catalogfile::kMeta),
-                   [snapshot = metaCache_] { return std::optional(catalogfile::encodeMetas(snapshot)); });
+  metaWriter_.save(pathOf(catalogfile::kMeta), [snapshot = std::shared_ptr<const MetaCache>(metaCache_)] {
+    return std::optional(catalogfile::encodeMetas(*snapshot));
+  });
 }
 
 void CatalogStore::waitForSaves() {

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -47,7 +48,7 @@ class CatalogStore : public QObject, public CatalogPort {
   // ---- Reading. ----
   const std::vector<CatalogCollection>& collections() const { return collections_; }
   const CatalogCollection* collection(std::string_view id) const;
-  const MetaCache& metaCache() const { return metaCache_; }
+  const MetaCache& metaCache() const { return *metaCache_; }
   const CatalogMeta* meta(std::string_view imdbId) const;
   const std::vector<std::string>& materialisedIds() const { return materialisedIds_; }
   const std::set<std::string>& stagingIds() const { return stagingIds_; }
@@ -126,7 +127,7 @@ class CatalogStore : public QObject, public CatalogPort {
  private:
   void load();
   template <class T>
-  std::optional<T> readFileOf(const char* fileName, CatalogDecoded<T> (*decode)(std::string_view), bool keepAside);
+  std::optional<T> readFileOf(const char* fileName, CatalogDecoded<T> (*decode)(const std::string&), bool keepAside);
   void keepUnreadable(const std::string& path, const char* fileName);
   bool deduplicateAtLoad();
   bool capAtLoad();
@@ -148,7 +149,10 @@ class CatalogStore : public QObject, public CatalogPort {
   Options options_;
 
   std::vector<CatalogCollection> collections_;
-  MetaCache metaCache_;
+  // Shared with a pending save, which then costs the main thread no copy;
+  // a change while a save still holds it works on a copy of its own.
+  std::shared_ptr<MetaCache> metaCache_ = std::make_shared<MetaCache>();
+  MetaCache& mutableMetas();
   std::vector<std::string> materialisedIds_;
   std::set<std::string> stagingIds_;
   RevealedIds stagedRevealedIds_;

@@ -9,7 +9,7 @@ namespace {
 
 // Decodes and encodes again; the text must come back byte for byte.
 template <class T>
-void expectRoundTrip(CatalogDecoded<T> (*decode)(std::string_view), std::string (*encode)(const T&),
+void expectRoundTrip(CatalogDecoded<T> (*decode)(const std::string&), std::string (*encode)(const T&),
                      const std::string& text) {
   auto decoded = decode(text);
   ASSERT_TRUE(decoded) << message(decoded.error()) << "\n" << text;

@@ -7,6 +7,7 @@
 
 #include "app/SingleInstance.h"
 #include "app/VantoryApp.h"
+#include "catalog/CatalogStore.h"
 #include "engine/EngineSupervisor.h"
 #include "platform/Http.h"
 #include "platform/Mounts.h"
@@ -139,6 +140,10 @@ int main(int argc, char** argv) {
       co_return true;
     };
     return std::make_unique<vt::EngineSupervisor>(config, library, std::move(env));
+  };
+  // The catalog of followed lists, loaded from the data folder at creation.
+  wiring.makeCatalog = [](const std::string& directory, vt::AppConfig& config) {
+    return std::make_unique<vt::CatalogStore>(directory, vt::systemClock(), &config);
   };
   // The poller finds a moved server again through the account. Its probes
   // carry the token, so they go without the shared cache and cookies.

@@ -72,6 +72,8 @@ struct SubtitleFile {
 int subtitleCheck(const SubtitleFile& file, std::optional<double> filmSeconds, std::ostream& out);
 // fit: the cues as SRT with the fit applied.
 int subtitleFit(const SubtitleFile& file, double scale, int64_t offsetMs, std::ostream& out);
+// catalog: the collections of `directory` as JSON lines, loaded read-only.
+int listCatalog(const std::string& directory, std::ostream& out);
 
 // The verb table entries.
 Verb releaseVerb();
@@ -80,5 +82,6 @@ Verb configVerb();
 Verb resolveVerb();
 Verb setupMountVerb();
 Verb subtitleVerb();
+Verb catalogVerb();
 
 }  // namespace vt::cli

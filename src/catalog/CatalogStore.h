@@ -1,0 +1,178 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <QObject>
+
+#include "catalog/CatalogFiles.h"
+#include "catalog/CatalogTypes.h"
+#include "core/CatalogPort.h"
+#include "platform/Clock.h"
+#include "platform/SerialFileWriter.h"
+
+namespace vt {
+
+class AppConfig;
+
+struct CatalogStoreOptions {
+  // Loads and repairs in memory only: no file is written, moved or removed
+  // (the command-line tool's look at a store).
+  bool readOnly = false;
+};
+
+// The collections the user follows, the records of their titles, which of
+// them are published to Plex and how far, and the memory of what resolved.
+// Kept in seven files in the data folder; loaded and repaired synchronously
+// at creation, saved in the background after each change. Main thread only.
+class CatalogStore : public QObject, public CatalogPort {
+  Q_OBJECT
+ public:
+  using Options = CatalogStoreOptions;
+
+  // Seconds a metadata change waits for more before catalog-meta.json is written.
+  static constexpr double kMetaSaveDelay = 0.3;
+  // Seconds after creation before the scheduled refreshes may run.
+  static constexpr double kRefreshDeferral = 120;
+  static constexpr int kNameLength = 25;
+
+  CatalogStore(std::string directory, Clock& clock, AppConfig* config = nullptr, Options options = {});
+  ~CatalogStore() override;
+
+  // ---- Reading. ----
+  const std::vector<CatalogCollection>& collections() const { return collections_; }
+  const CatalogCollection* collection(std::string_view id) const;
+  const MetaCache& metaCache() const { return *metaCache_; }
+  const CatalogMeta* meta(std::string_view imdbId) const;
+  const std::vector<std::string>& materialisedIds() const { return materialisedIds_; }
+  const std::set<std::string>& stagingIds() const { return stagingIds_; }
+  const RevealedIds& stagedRevealedIds() const { return stagedRevealedIds_; }
+  const std::set<std::string>& ownedGroupings() const { return ownedGroupings_; }
+  const StreamVetting& streamVetting() const { return streamVetting_; }
+  const std::vector<std::string>& retiredPlexGroupings() const { return retiredPlexGroupings_; }
+  std::optional<CollectionPlexDelivery> delivery(std::string_view id) const;
+  std::optional<Date> refreshDeferredUntil() const { return refreshDeferredUntil_; }
+  bool isMaterialised(std::string_view id) const;
+
+  // The collections in store order that are published to Plex; the same
+  // without the library collection.
+  std::vector<CatalogCollection> materialisedCollectionList() const;
+  std::vector<CatalogCollection> publishedLists() const;
+  // Every member of every published collection: the ids nothing may prune.
+  std::set<std::string> wantedIds() const;
+  // The library collection, made published first if it is not.
+  std::optional<CatalogCollection> libraryCollection();
+
+  // `base` trimmed and cut to 25 characters, with " 2", " 3", ... when a
+  // collection already has that name in any case.
+  static std::string uniqueName(std::string_view base, const std::vector<CatalogCollection>& existing);
+  std::string uniqueName(std::string_view base) const { return uniqueName(base, collections_); }
+
+  // ---- Changes. Each saves its files as its last step. ----
+  void upsert(CatalogCollection collection);
+  // Refused silently for the library and watchlist collections.
+  void deleteCollection(const std::string& id);
+  void setResolvePaused(bool paused, const std::string& id);
+  void setLastPublished(Date date, const std::set<std::string>& ids);
+  void setPlexRatingKey(std::optional<std::string> key, const std::string& id);
+  void addOwnedGrouping(const std::string& name);
+  void removeOwnedGrouping(const std::string& name);
+  void setDelivery(const std::string& id, CollectionPlexDelivery value);
+  // Stores a new list of folded-away Plex collection names, if it differs.
+  void setRetiredPlexGroupings(std::vector<std::string> names);
+
+  // Rows from an add-on: the incoming record wins, but a missing poster,
+  // release text or media type keeps the stored one.
+  void mergeMeta(const std::vector<CatalogMeta>& metas);
+  // Watchlist, manual additions and backfill: the stored record wins; only
+  // its empty poster, release text or media type take the incoming value.
+  void fillMeta(const std::vector<CatalogMeta>& metas);
+
+  // Adds the two system collections when they are missing; true if it did.
+  bool ensureSystemCollections();
+  // Folds every manual collection into the library collection; true if any.
+  bool foldLegacyCollections();
+  // Drops vetting entries of ids that no collection holds any more.
+  void pruneVetting();
+
+  void setOnPublishedCatalogSynced(std::function<void(const std::string&)> fn) {
+    onPublishedCatalogSynced_ = std::move(fn);
+  }
+  void setOnPublishedMembershipShrunk(std::function<void()> fn) { onPublishedMembershipShrunk_ = std::move(fn); }
+
+  // Blocks until every save handed to a writer is on disk; a pending
+  // debounced metadata save is not started by this (tests, tools).
+  void waitForSaves();
+  const std::string& directory() const { return directory_; }
+  std::string pathOf(const char* fileName) const;
+
+  // ---- CatalogPort. ----
+  void deferRefresh(Date until) override { refreshDeferredUntil_ = until; }
+  QCoro::Task<> materialiseExisting() override;
+  std::vector<std::string> takeRetiredPlexGroupings() override;
+  std::set<std::string> protectedIds() const override { return wantedIds(); }
+  std::vector<MaterialisedCollection> materialisedCollections() const override;
+  bool isStaging(const std::string& collectionId) const override { return stagingIds_.count(collectionId) > 0; }
+  void finishStaging(const std::string& collectionId) override;
+
+ signals:
+  void changed();
+
+ private:
+  void load();
+  template <class T>
+  std::optional<T> readFileOf(const char* fileName, CatalogDecoded<T> (*decode)(const std::string&), bool keepAside);
+  void keepUnreadable(const std::string& path, const char* fileName);
+  bool deduplicateAtLoad();
+  bool capAtLoad();
+  CatalogCollection* find(std::string_view id);
+
+  void saveCollections();
+  void saveMaterialised();
+  void saveStaging();
+  void saveRevealed();
+  void saveOwnedGroupings();
+  void saveVetting();
+  void scheduleMetaSave();
+  void writeMetas();
+  void save(SerialFileWriter& writer, const char* fileName, SerialFileWriter::Producer produce);
+
+  std::string directory_;
+  Clock& clock_;
+  AppConfig* config_;
+  Options options_;
+
+  std::vector<CatalogCollection> collections_;
+  // Shared with a pending save, which then costs the main thread no copy;
+  // a change while a save still holds it works on a copy of its own.
+  std::shared_ptr<MetaCache> metaCache_ = std::make_shared<MetaCache>();
+  MetaCache& mutableMetas();
+  std::vector<std::string> materialisedIds_;
+  std::set<std::string> stagingIds_;
+  RevealedIds stagedRevealedIds_;
+  std::set<std::string> fetchingIds_;
+  std::map<std::string, CollectionPlexDelivery> plexDelivery_;
+  std::function<void(const std::string&)> onPublishedCatalogSynced_;
+  std::function<void()> onPublishedMembershipShrunk_;
+  std::set<std::string> ownedGroupings_;
+  std::optional<Clock::TimerId> saveMetaTimer_;
+  std::optional<Date> refreshDeferredUntil_;
+  std::vector<std::string> retiredPlexGroupings_;
+  StreamVetting streamVetting_;
+
+  SerialFileWriter collectionsWriter_;
+  SerialFileWriter materialisedWriter_;
+  SerialFileWriter stagingWriter_;
+  SerialFileWriter revealedWriter_;
+  SerialFileWriter metaWriter_;
+  SerialFileWriter ownedWriter_;
+  SerialFileWriter vettingWriter_;
+};
+
+}  // namespace vt

@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "app/VantoryApp.h"
+#include "catalog/CatalogStore.h"
+#include "cli/Cli.h"
+#include "cli/Verbs.h"
+#include "platform/Clock.h"
+#include "platform/SerialFileWriter.h"
+#include "support/TestKit.h"
+
+using namespace vt;
+using namespace vt::catalogfile;
+
+namespace {
+
+// What the start-up asked of the engine and of Plex.
+struct Recorder {
+  std::set<std::string> pruneKept;
+  std::vector<std::string> deleted;
+};
+
+CatalogCollection collectionOf(std::string name, CollectionSource source, std::vector<std::string> items) {
+  CatalogCollection c;
+  c.id = newCollectionId();
+  c.name = std::move(name);
+  c.source = std::move(source);
+  c.itemImdbIds = std::move(items);
+  return c;
+}
+
+// A data folder with a published catalog, an unpublished one, a published
+// manual list to fold and repeated ids.
+struct Home {
+  test::TestHome home;
+  CatalogCollection published =
+      collectionOf("Popular movies", CollectionSource::stremioCatalog("u", "movie", "top"), {"tt1", "tt2", "tt1"});
+  CatalogCollection quiet = collectionOf("Quiet", CollectionSource::stremioCatalog("u", "movie", "year"), {"tt3"});
+  CatalogCollection manual = collectionOf("Old picks", CollectionSource::manual(), {"tt4"});
+
+  Home() {
+    writeFileAtomically(home.file(kCollections), encodeCollections({published, quiet, manual}));
+    writeFileAtomically(home.file(kMaterialised), encodeUuidList({published.id, manual.id}));
+    writeFileAtomically(home.file(kStaging), encodeUuidSet({published.id}));
+  }
+};
+
+}  // namespace
+
+TEST(CatalogInTheApp, TheStartUpProtectsPublishedMembersAndRetiresFoldedLists) {
+  Home data;
+  ManualClock clock{1000};
+  auto recorder = std::make_shared<Recorder>();
+  AppWiring w;
+  w.paths = AppPaths::forTestHome(data.home.path());
+  w.clock = &clock;
+  w.installHttpCache = false;
+  struct EngineHandle final : EnginePort {
+    std::shared_ptr<Recorder> r;
+    explicit EngineHandle(std::shared_ptr<Recorder> rec) : r(std::move(rec)) {}
+    void attach(CatalogPort&) override {}
+    QCoro::Task<> prepare(bool) override { co_return; }
+    QCoro::Task<> start() override { co_return; }
+    EngineState movieState() const override { return EngineState::stopped; }
+    void pruneOrphans(const std::set<std::string>& ids) override { r->pruneKept = ids; }
+    std::vector<std::string> collectionsMissingTitles(CatalogPort&) override { return {}; }
+    void resolveAndPublish(const std::vector<std::string>&, CatalogPort&, const std::set<std::string>&, bool) override {
+    }
+    void kickPlexSync() override {}
+    void measureLink(double) override {}
+    void stopLogTails() override {}
+    void stopPlayIntentHook() override {}
+    void shutdownForTestHome() override {}
+  };
+  struct PlexHandle final : PlexServerAccess {
+    std::shared_ptr<Recorder> r;
+    explicit PlexHandle(std::shared_ptr<Recorder> rec) : r(std::move(rec)) {}
+    QCoro::Task<std::optional<PlexProbeFailure>> probe() override { co_return std::nullopt; }
+    QCoro::Task<bool> ensureMovieSection(std::string, std::string) override { co_return true; }
+    QCoro::Task<bool> refreshSection(std::string) override { co_return true; }
+    QCoro::Task<bool> deleteCollectionNamed(std::string name) override {
+      r->deleted.push_back(name);
+      co_return true;
+    }
+  };
+  w.makeEngine = [recorder](auto&&...) { return std::make_unique<EngineHandle>(recorder); };
+  w.plexAccess = [recorder](auto&&...) { return std::make_unique<PlexHandle>(recorder); };
+  CatalogStore* store = nullptr;
+  w.makeCatalog = [&](const std::string& directory, AppConfig& config) {
+    auto made = std::make_unique<CatalogStore>(directory, clock, &config);
+    store = made.get();
+    return made;
+  };
+  VantoryApp app(std::move(w));
+  ASSERT_NE(store, nullptr);
+  test::runTask(app.bootstrap());
+  test::settle(20);
+
+  // The folded list made the library published, so its ids are protected too.
+  EXPECT_EQ(recorder->pruneKept, (std::set<std::string>{"tt1", "tt2", "tt4"}));
+  EXPECT_EQ(recorder->deleted, (std::vector<std::string>{"Old picks"}));
+  EXPECT_EQ(store->refreshDeferredUntil(), 1120.0);
+  ASSERT_EQ(app.catalog().materialisedCollections().size(), 2u);
+  EXPECT_TRUE(app.catalog().isStaging(data.published.id));
+  store->waitForSaves();
+}
+
+TEST(CatalogInTheApp, TheToolListsTheCollectionsAndChangesNothing) {
+  Home data;
+  const auto before = readFile(data.home.file(kCollections));
+  std::istringstream in;
+  std::ostringstream out, err;
+  cli::Io io{in, out, err};
+  ASSERT_EQ(cli::run({"catalog", "--home", data.home.path()}, io), 0) << err.str();
+
+  std::vector<std::string> lines;
+  std::istringstream rows(out.str());
+  for (std::string line; std::getline(rows, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 4u) << out.str();
+  EXPECT_TRUE(lines[0].starts_with(R"({"id":")")) << lines[0];
+  EXPECT_NE(lines[0].find(R"("name":"Plex Watchlist","source":{"kind":"watchlist"},"items":[],"pinned":[],)"
+                          R"("materialised":false,"staged":false})"),
+            std::string::npos)
+      << lines[0];
+  EXPECT_EQ(lines[1],
+            R"({"id":")" + data.published.id +
+                R"(","name":"Popular movies","source":{"kind":"stremioCatalog","addonBaseURL":"u","type":"movie",)"
+                R"("catalogId":"top"},"items":["tt1","tt2"],"pinned":[],"materialised":true,"staged":true})");
+  EXPECT_NE(lines[2].find(R"("name":"Quiet")"), std::string::npos);
+  EXPECT_NE(lines[3].find(R"("name":"All titles","source":{"kind":"library"},"items":["tt4"],"pinned":[],)"
+                          R"("materialised":true,"staged":false})"),
+            std::string::npos)
+      << lines[3];
+  EXPECT_EQ(err.str(), "[CatalogStore] deduped \"Popular movies\": 3 → 2 item(s)\n");
+
+  // Nothing was written, moved or added.
+  EXPECT_EQ(readFile(data.home.file(kCollections)), before);
+  std::set<std::string> files;
+  for (const auto& e : std::filesystem::directory_iterator(data.home.path())) files.insert(e.path().filename());
+  EXPECT_EQ(files, (std::set<std::string>{kCollections, kMaterialised, kStaging}));
+}

@@ -21,7 +21,7 @@ Json rows(int from, int count) {
 struct Catalogs {
   FakeCatalogAddon addon{"cfg=1"};
   test::FakeCinemeta cinemeta;
-  test::PauseClock clock;
+  test::PauseClock clock{5};  // the pause is 1.5 s; request time limits are 10 s and more
   HttpClient http{clock, HttpClient::Session::ephemeral};
   StremioCatalogClient client{http, cinemeta.base()};
 

@@ -97,11 +97,15 @@ MosaicEngine::MosaicEngine(Clock& clock, std::unique_ptr<MosaicRenderer> rendere
     : clock_(clock), renderer_(std::move(renderer)), workTime_(steadySeconds) {
   cards_ = std::max(options.cards, 1);
   captionHeight_ = options.captionHeight;
-  if (options.cellShape) {
+  // Shapes and scales that would divide by zero or turn the layout inside
+  // out keep the defaults.
+  if (options.cellShape && std::isfinite(options.cellShape->x) && options.cellShape->x >= 1 &&
+      std::isfinite(options.cellShape->y) && options.cellShape->y > 0) {
     wall_.targetWidth = options.cellShape->x;
     wall_.aspect = options.cellShape->y;
   }
-  renderer_->resize(options.width, options.height, options.scale);
+  const float scale = std::isfinite(options.scale) && options.scale > 0 ? options.scale : Options{}.scale;
+  renderer_->resize(options.width, options.height, scale);
   viewW_ = static_cast<float>(renderer_->pixelWidth()) / renderer_->scale();
   viewH_ = static_cast<float>(renderer_->pixelHeight()) / renderer_->scale();
   wall_.recompute(viewW_);
@@ -115,11 +119,13 @@ MosaicEngine::MosaicEngine(Clock& clock, std::unique_ptr<MosaicRenderer> rendere
 // ---- Inbox, arrivals and readers -------------------------------------------
 
 void MosaicEngine::addScroll(float dy, bool ended) {
+  if (!std::isfinite(dy)) dy = 0;  // one broken event must not break the wall for good
   std::lock_guard lock(inboxLock_);
   inbox_.scroll.push_back({dy, ended});
 }
 
 void MosaicEngine::pointerMoved(float x, float y) {
+  if (!std::isfinite(x) || !std::isfinite(y)) return;
   std::lock_guard lock(inboxLock_);
   inbox_.pointer = std::optional<MosaicPoint>(MosaicPoint{x, y});
 }
@@ -501,7 +507,7 @@ void MosaicEngine::stepScroll(const Inbox& in, double step) {
       scroll_.coasting = false;
     }
   }
-  if (scroll_.y < 0) {
+  if (!(scroll_.y >= 0)) {  // NaN too
     scroll_ = MosaicScroll{};
   } else if (scroll_.y > maxScroll()) {
     scroll_ = MosaicScroll{maxScroll(), 0, false};
@@ -771,7 +777,10 @@ void MosaicEngine::drawFan(const MosaicPlaced& cell, float y, float lift, const 
     renderer_->addInstance(card, texture);
 
     if (cell.inPlex) {
-      MosaicInstance scrim = instance(ox, oy + fan.cardH * 0.75f, fan.cardW, fan.cardH * 0.25f);
+      // The lowest quarter of the card as it lies: its corner turned about the card's.
+      const float down = fan.cardH * 0.75f;
+      MosaicInstance scrim =
+          instance(ox - down * std::sin(rotation), oy + down * std::cos(rotation), fan.cardW, fan.cardH * 0.25f);
       setTint(scrim, kAccent[0], kAccent[1], kAccent[2], 0.55f + 0.15f * lift);
       scrim.corner = corner;
       scrim.rotation = rotation;

@@ -14,7 +14,7 @@ struct MosaicInstance {
   float blur = 0;                // edge softness
   float stroke = 0;
   float textured = 0;  // 0.0 or 1.0
-  float rotation = 0;  // radians, positive turns clockwise on screen
+  float rotation = 0;  // radians about the rect's top-left corner, positive turns clockwise on screen
   float gradient = 0;  // 0.0 or 1.0: vertical fade
   float pad[2] = {0, 0};
 };

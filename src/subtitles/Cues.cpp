@@ -40,11 +40,6 @@ const Regex& timeLine() {
   return r;
 }
 
-const Regex& markup() {
-  static const Regex r("<[^>]+>|\\{\\\\[^}]*\\}");
-  return r;
-}
-
 const Regex& soundEffect() {
   static const Regex r("^\\s*[\\[\\(].*[\\]\\)]\\s*$|^\\s*[A-Z][A-Z '\\-]{2,}:");
   return r;
@@ -112,18 +107,38 @@ std::string cueLines(std::string_view rest) {
   return out;
 }
 
+// Deletes what the tag pattern "<[^>]+>|\{\\[^}]*\}" matches (HTML-style tags
+// and ASS override blocks), scanned by hand: the pattern is quadratic on runs
+// of unclosed "<" or "{\" and would give up on hostile lines with the tags
+// still in them. The markers are ASCII, so bytes of UTF-8 text are scanned
+// as they are.
 std::string withoutMarkup(std::string text) {
-  // A tag ends at ">" and an override block at "}": nothing after the last of
-  // them can match, and leaving that tail out keeps a run of unclosed "<" from
-  // costing the matcher quadratic time.
-  const size_t last = text.find_last_of(">}");
-  if (last == std::string::npos) return text;
-  const std::string_view head(text.data(), last + 1);
-  if (head.find_first_of("<{") == std::string_view::npos) return text;
-  auto cleaned = markup().tryReplaceAll(head, "");
-  if (!cleaned) return text;
-  cleaned->append(text, last + 1);
-  return std::move(*cleaned);
+  if (text.find_first_of("<{") == std::string::npos) return text;
+  std::string out;
+  out.reserve(text.size());
+  bool closesLeft[2] = {true, true};  // whether a ">" / "}" may still come
+  for (size_t i = 0; i < text.size();) {
+    const char c = text[i];
+    if (c == '<' && closesLeft[0]) {
+      const size_t close = text.find('>', i + 1);
+      if (close == std::string::npos) closesLeft[0] = false;
+      if (close != std::string::npos && close > i + 1) {
+        i = close + 1;
+        continue;
+      }
+    } else if (c == '{' && i + 1 < text.size() && text[i + 1] == '\\' && closesLeft[1]) {
+      const size_t close = text.find('}', i + 2);
+      if (close == std::string::npos) {
+        closesLeft[1] = false;
+      } else {
+        i = close + 1;
+        continue;
+      }
+    }
+    out.push_back(c);
+    ++i;
+  }
+  return out;
 }
 
 void parseBlock(std::string_view block, std::vector<EngineCue>& cues) {

@@ -29,10 +29,21 @@ int64_t fitted(int64_t ms, int64_t offsetMs, double scale) {
 
 // A text on one line: every line end with the blanks around it becomes one
 // blank.
+// Done by hand rather than with "\s*\n\s*", which is quadratic on a long run
+// of blanks without a line end.
 std::string folded(std::string_view text) {
-  if (text.find('\n') == std::string_view::npos) return std::string(trimmedUnicodeSpace(text));
-  static const Regex lineEnd("\\s*\\n\\s*");
-  return std::string(trimmedUnicodeSpace(lineEnd.replaceAll(text, " ")));
+  std::string out;
+  size_t from = 0;
+  while (from <= text.size()) {
+    const size_t end = std::min(text.find('\n', from), text.size());
+    const auto piece = trimmedUnicodeSpace(text.substr(from, end - from));
+    if (!piece.empty()) {
+      if (!out.empty()) out.push_back(' ');
+      out.append(piece);
+    }
+    from = end + 1;
+  }
+  return out;
 }
 
 }  // namespace

@@ -99,6 +99,19 @@ TEST(BadInput, LongLinesAndUnclosedMarkup) {
   EXPECT_EQ(cues[3].text, "tail");
   EXPECT_EQ(cues[4].text, "x");
   EXPECT_EQ(Emit::block(0, cues[0]).size(), 100000u + 33);
+
+  // Runs of unclosed markers with a closing mark of the other kind after them, and a tag after all.
+  std::string hostile;
+  for (int i = 0; i < 40; ++i)
+    hostile += srtBlock(i + 1, i * 1000, i * 1000 + 900,
+                        ">" + std::string(30000, '<') + "}" + std::string(30000, '{') + "\\>" + "<i>ok</i>");
+  const auto tagged = readFile(hostile);
+  ASSERT_EQ(tagged.size(), 40u);
+  EXPECT_TRUE(tagged[0].text == ">ok") << "the first \"<\" runs to the first \">\", as the tag pattern reads it";
+
+  // A long run of blanks before a line end folds into one blank.
+  const EngineCue spaced{1, 0, 1000, "a" + std::string(200000, ' ') + "x\ny"};
+  EXPECT_EQ(Emit::block(0, spaced), "1\n00:00:00,000 --> 00:00:01,000\na" + std::string(200000, ' ') + "x y\n");
 }
 
 TEST(BadInput, FiftyMegabytesAndRandomBytes) {

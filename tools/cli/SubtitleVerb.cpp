@@ -64,7 +64,8 @@ int subtitleCheck(const SubtitleFile& file, std::optional<double> filmSeconds, s
     const auto& first = cues.front();
     report["first"] = Json{{"n", first.n}, {"startMs", first.startMs}, {"endMs", first.endMs}, {"text", first.text}};
   }
-  if (filmSeconds) json::put(report, "refusal", Cues::shapeGate(cues, *filmSeconds));
+  // Without the film's length the coverage gate passes; the others still apply.
+  json::put(report, "refusal", Cues::shapeGate(cues, filmSeconds.value_or(0)));
   out << json::encode(report) << '\n';
   return 0;
 }
@@ -79,8 +80,8 @@ Verb subtitleVerb() {
           "read a subtitle file as the subtitle pipeline does: check it, or shift its times",
           "check FILE: decodes the file (a legacy code page chosen with --lang), repairs and parses it, and\n"
           "prints one JSON object: \"encoding\", \"cues\", \"dialogue\", \"speech\", \"soundEffects\",\n"
-          "\"watermarkRate\", \"first\" (the first cue, when there is one) and, with --duration, \"refusal\"\n"
-          "when the file can't be the film's full dialogue track.\n"
+          "\"watermarkRate\", \"first\" (the first cue, when there is one) and \"refusal\" when the file\n"
+          "can't be the film's full dialogue track (its coverage of the film is checked with --duration).\n"
           "fit FILE --scale S --offset MS: writes the cues as SRT on standard output with every time\n"
           "multiplied by S (truncated) and moved by MS milliseconds, never below 0.",
           {{"--lang", "TAG", "the language of the file, an ISO 639-2 code such as rus or zho (default: none)"},

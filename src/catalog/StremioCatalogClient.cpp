@@ -165,9 +165,13 @@ QCoro::Task<std::optional<std::vector<CatalogMeta>>> StremioCatalogClient::metas
   std::vector<CatalogMeta> out;
   std::set<std::string> seen;
   int skip = 0;
-  while (static_cast<int>(out.size()) < limit) {
+  // However an add-on pages, a walk ends: a cancel is seen before each page,
+  // and 500 pages are the most it reads.
+  for (int pages = 0; static_cast<int>(out.size()) < limit && pages < kMaxPages; ++pages) {
+    if (token.isCancelled()) co_return std::nullopt;
     auto page = co_await catalogPage(base, type, catalogId, genre, skip, token);
     if (!page) co_return std::nullopt;
+    if (onPage) onPage(skip, *page);
     if (page->empty()) break;
     for (auto& m : *page) {
       if (static_cast<int>(out.size()) >= limit) break;

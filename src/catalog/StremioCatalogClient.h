@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,15 +61,19 @@ class StremioCatalogClient {
   static constexpr double kMetaTimeout = 10;
   static constexpr double kStillsTimeout = 12;
   static constexpr double kSearchTimeout = 15;
+  static constexpr int kMaxPages = 500;
 
   StremioCatalogClient(HttpClient& http, QUrl cinemeta) : http_(http), cinemeta_(std::move(cinemeta)) {}
+
+  // Seen by the catalog verb: each page a walk reads, with its offset.
+  std::function<void(int skip, const std::vector<CatalogMeta>& page)> onPage;
 
   // One page; none when it failed twice (1.5 s apart) or didn't decode.
   QCoro::Task<std::optional<std::vector<CatalogMeta>>> catalogPage(QUrl base, std::string type, std::string catalogId,
                                                                    std::optional<std::string> genre, int skip,
                                                                    CancelToken token = CancelToken::none());
-  // Pages from the start until `limit` distinct ids or an empty page. All or
-  // nothing: one failed page fails the whole walk.
+  // Pages from the start until `limit` distinct ids, an empty page or 500
+  // pages. All or nothing: one failed page (or a cancel) fails the whole walk.
   QCoro::Task<std::optional<std::vector<CatalogMeta>>> metas(QUrl base, std::string type, std::string catalogId,
                                                              std::optional<std::string> genre, int limit,
                                                              CancelToken token = CancelToken::none());

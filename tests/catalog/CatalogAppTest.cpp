@@ -7,8 +7,11 @@
 #include "catalog/CatalogStore.h"
 #include "cli/Cli.h"
 #include "cli/Verbs.h"
+#include "fakes/FakeCatalogAddon.h"
+#include "platform/Http.h"
 #include "platform/Clock.h"
 #include "platform/SerialFileWriter.h"
+#include "support/PauseClock.h"
 #include "support/TestKit.h"
 
 using namespace vt;
@@ -140,4 +143,29 @@ TEST(CatalogInTheApp, TheToolListsTheCollectionsAndChangesNothing) {
   std::set<std::string> files;
   for (const auto& e : std::filesystem::directory_iterator(data.home.path())) files.insert(e.path().filename());
   EXPECT_EQ(files, (std::set<std::string>{kCollections, kMaterialised, kStaging}));
+}
+
+TEST(CatalogInTheApp, TheToolFetchesACatalogPageByPageAsARefreshWould) {
+  test::FakeCatalogAddon addon("cfg");
+  Json rows = Json::array();
+  for (int i = 0; i < 7; ++i) rows.push_back(Json{{"id", "tt" + std::to_string(4000000 + i % 5)}});
+  addon.setCatalog("movie", "top", "Science Fiction", rows);
+  addon.pageSize = 4;
+  test::PauseClock clock{5};  // the retry pause; not the request limits
+  HttpClient http(clock, HttpClient::Session::ephemeral);
+  StremioCatalogClient client(http, addon.base());
+  std::ostringstream out;
+  EXPECT_EQ(test::drive(clock, cli::fetchCatalog(client, addon.base(), "movie", "top", "Science Fiction", 50, out)), 0);
+  EXPECT_EQ(out.str(),
+            "{\"skip\":0,\"ids\":[\"tt4000000\",\"tt4000001\",\"tt4000002\",\"tt4000003\"]}\n"
+            "{\"skip\":4,\"ids\":[\"tt4000004\",\"tt4000000\",\"tt4000001\"]}\n"
+            "{\"skip\":7,\"ids\":[]}\n"
+            "{\"ids\":[\"tt4000000\",\"tt4000001\",\"tt4000002\",\"tt4000003\",\"tt4000004\"]}\n");
+  EXPECT_EQ(addon.catalogRequests().front(), "movie/top/genre=Science%20Fiction.json");
+
+  addon.failingSkips = {4};
+  std::ostringstream failed;
+  EXPECT_EQ(test::drive(clock, cli::fetchCatalog(client, addon.base(), "movie", "top", "Science Fiction", 50, failed)),
+            1);
+  EXPECT_NE(failed.str().find("{\"error\":"), std::string::npos);
 }

@@ -1,5 +1,6 @@
 #include "fakes/FakeCatalogAddon.h"
 
+#include <QTimer>
 #include <QUrl>
 
 namespace vt::test {
@@ -67,15 +68,18 @@ void FakeCatalogAddon::catalog(const Request& r, Reply& reply) {
     const auto it = searches_.find(type + "/" + extras["search"]);
     return reply.json(Json{{"metas", it == searches_.end() ? Json::array() : it->second}});
   }
-  const int skip = extras.count("skip") ? std::stoi(extras["skip"]) : 0;
-  if (failingSkips.count(skip)) return reply.send(503, "Service Unavailable");
+  const int skip = extras.count("skip") ? std::atoi(extras["skip"].c_str()) : 0;
+  if (failingSkips.count(skip) || failingOnceSkips.erase(skip)) return reply.send(503, "Service Unavailable");
+  if (garbledSkips.count(skip)) return reply.json(Json{{"metas", Json::array({Json{{"id", 7}, {"name", true}}})}});
   const auto it = catalogs_.find(type + "/" + id + "/" + (extras.count("genre") ? extras["genre"] : ""));
   if (it == catalogs_.end()) return reply.send(404, "Not Found");
   const Json& all = it->second;
   const int from = repeatFirstPage && skip < static_cast<int>(all.size()) ? 0 : skip;
   Json page = Json::array();
   for (int i = from; i < static_cast<int>(all.size()) && i < from + pageSize; ++i) page.push_back(all[i]);
-  reply.json(Json{{"metas", page}});
+  if (slowMs <= 0) return reply.json(Json{{"metas", page}});
+  auto later = reply;
+  QTimer::singleShot(slowMs, context_.get(), [later, page]() mutable { later.json(Json{{"metas", page}}); });
 }
 
 }  // namespace vt::test

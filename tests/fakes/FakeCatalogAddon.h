@@ -6,6 +6,10 @@
 #include <string>
 #include <vector>
 
+#include <memory>
+
+#include <QObject>
+
 #include "fakes/FakeHttpServer.h"
 
 namespace vt::test {
@@ -32,7 +36,10 @@ class FakeCatalogAddon : public FakeHttpServer {
 
   int pageSize = 100;
   std::set<int> failingSkips;      // pages at these offsets answer 503
+  std::set<int> failingOnceSkips;  // ... answer 503 once, then as usual
+  std::set<int> garbledSkips;      // ... answer rows of the wrong JSON types
   bool repeatFirstPage = false;    // every page but the empty end repeats the first
+  int slowMs = 0;                  // real time before each catalog answer
   std::optional<int> manifestStatus;
 
   // Catalog requests as their encoded path after "catalog/", in order.
@@ -46,6 +53,7 @@ class FakeCatalogAddon : public FakeHttpServer {
   std::map<std::string, std::vector<std::string>> genres_;
   std::map<std::string, Json> searches_;
   std::vector<std::string> catalogRequests_;
+  std::unique_ptr<QObject> context_ = std::make_unique<QObject>();  // for slow answers
 };
 
 }  // namespace vt::test

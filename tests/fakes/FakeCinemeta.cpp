@@ -38,8 +38,6 @@ FakeCinemeta::FakeCinemeta() {
   });
 }
 
-QUrl FakeCinemeta::base() const { return url("/"); }
-
 void FakeCinemeta::addMovie(const std::string& id, const std::string& name, const std::string& year,
                             const std::string& runtime, const std::string& released, const std::string& country) {
   Json m;

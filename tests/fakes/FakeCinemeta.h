@@ -4,20 +4,19 @@
 #include <optional>
 #include <string>
 
-#include "fakes/FakeHttpServer.h"
+#include "fakes/FakeCatalogAddon.h"
 
 namespace vt::test {
 
-// Cinemeta's meta resource on 127.0.0.1: "meta/<type>/<id>.json" gives
+// Cinemeta on 127.0.0.1: its list catalogs and search as any catalog add-on
+// serves them, and its meta resource: "meta/<type>/<id>.json" gives
 // {"meta": {...}} in Cinemeta's spelling, 404 for ids it does not know.
 // It starts with a few real records whose runtimes read as Cinemeta writes
 // them ("148 min", "1h 28min").
-class FakeCinemeta : public FakeHttpServer {
+class FakeCinemeta : public FakeCatalogAddon {
  public:
   FakeCinemeta();
 
-  // "http://127.0.0.1:<port>/"
-  QUrl base() const;
 
   // A film record; empty texts leave their keys out.
   void addMovie(const std::string& id, const std::string& name, const std::string& year, const std::string& runtime,

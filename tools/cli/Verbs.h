@@ -11,6 +11,7 @@
 #include "platform/Paths.h"
 #include "sources/StreamCandidate.h"
 #include "sources/ranking/StreamRanker.h"
+#include "catalog/StremioCatalogClient.h"
 #include "sources/resolve/StreamResolver.h"
 #include "sources/release/Quality.h"
 
@@ -74,6 +75,10 @@ int subtitleCheck(const SubtitleFile& file, std::optional<double> filmSeconds, s
 int subtitleFit(const SubtitleFile& file, double scale, int64_t offsetMs, std::ostream& out);
 // catalog: the collections of `directory` as JSON lines, loaded read-only.
 int listCatalog(const std::string& directory, std::ostream& out);
+// catalog --fetch: each page of an add-on catalog as {"skip":N,"ids":[...]},
+// then the ids a walk to `limit` gives, or an error line (1).
+QCoro::Task<int> fetchCatalog(StremioCatalogClient& client, QUrl base, std::string type, std::string catalogId,
+                              std::optional<std::string> genre, int limit, std::ostream& out);
 
 // The verb table entries.
 Verb releaseVerb();

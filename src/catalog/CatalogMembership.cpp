@@ -21,28 +21,29 @@ bool isSystem(const CatalogCollection& c) {
 }
 
 // The ids the store files a library title under: the id its collections list
-// (the series for an episode) and every id a reveal may name for it.
+// (the series for an episode), and for an episode its key, which a reveal
+// may name instead.
 struct TitleIds {
   std::string catalogId;
-  std::vector<std::string> ids;
+  std::optional<std::string> episodeKey;
+
+  bool revealedIn(const std::set<std::string>& revealed) const {
+    return revealed.count(catalogId) || (episodeKey && revealed.count(*episodeKey));
+  }
 };
 
 std::optional<TitleIds> titleIdsOf(const LibraryTitle& t) {
   if (t.seriesImdbId && !t.seriesImdbId->empty()) {
     const auto& series = *t.seriesImdbId;
-    TitleIds out{series, {series}};
     if (t.season && t.episode)
-      out.ids.push_back(series + ":" + std::to_string(*t.season) + ":" + std::to_string(*t.episode));
-    else if (auto key = episodeKeyOf(t.name, series))
-      out.ids.push_back(std::move(*key));
-    return out;
+      return TitleIds{series, series + ":" + std::to_string(*t.season) + ":" + std::to_string(*t.episode)};
+    return TitleIds{series, episodeKeyOf(t.name, series)};
   }
+  auto id = imdbIdOf(t.name);
+  if (!id) return std::nullopt;
   // An episode stored without its series id still names it in its path.
-  if (auto key = episodeKeyOf(t.name)) {
-    if (auto series = seriesIdOf(*key)) return TitleIds{*series, {*series, std::move(*key)}};
-  }
-  if (auto id = imdbIdOf(t.name)) return TitleIds{*id, {*id}};
-  return std::nullopt;
+  if (auto key = episodeKeyOf(t.name, *id)) return TitleIds{*id, std::move(key)};
+  return TitleIds{std::move(*id), std::nullopt};
 }
 
 }  // namespace
@@ -287,9 +288,7 @@ bool CatalogStore::holdsBack(const LibraryTitle& title) const {
   for (const auto& holder : holders) {
     const auto revealed = stagedRevealedIds_.find(holder);
     if (revealed == stagedRevealedIds_.end()) return true;
-    const bool shown = std::any_of(ids->ids.begin(), ids->ids.end(),
-                                   [&](const std::string& id) { return revealed->second.count(id) > 0; });
-    if (!shown) return true;
+    if (!ids->revealedIn(revealed->second)) return true;
   }
   return false;
 }

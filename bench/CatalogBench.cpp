@@ -2,7 +2,9 @@
 // full metadata record and half of them vetted, and saves it. Targets on the
 // 2-core machine: a load with its repairs under 150 ms; a save, encoded and
 // written off the main thread, under 100 ms, with the snapshot the main
-// thread takes for it a small part of that.
+// thread takes for it a small part of that. Asking whether staging holds back
+// each of 100,000 library titles, with half the lists staged, takes under
+// 100 ms, the index of who holds what rebuilt included.
 #include <benchmark/benchmark.h>
 
 #include <QCoreApplication>
@@ -127,6 +129,37 @@ void BM_SaveInTheBackground(benchmark::State& state) {
   state.counters["MB"] = bytes / 1e6;
 }
 BENCHMARK(BM_SaveInTheBackground)->Unit(benchmark::kMillisecond)->Iterations(10);
+
+// A manifest build's question for every title, right after a change of
+// membership, so that the index is built again within the timing.
+void BM_HoldsBack(benchmark::State& state) {
+  ManualClock clock;
+  CatalogStore store(fixture().path, clock);
+  std::vector<std::string> lists;
+  for (const auto& c : store.collections())
+    if (c.source.kind == CollectionSource::Kind::stremioCatalog) lists.push_back(c.id);
+  for (size_t k = 0; k < lists.size(); k += 2) {
+    store.dematerialise(lists[k]);
+    store.materialise(*store.collection(lists[k]));
+    const auto& items = store.collection(lists[k])->itemImdbIds;
+    store.noteRevealed(std::set<std::string>(items.begin(), items.begin() + items.size() / 2), lists[k]);
+  }
+  std::vector<LibraryTitle> titles(100000);
+  for (size_t n = 0; n < titles.size(); ++n)
+    titles[n].name = "A film called number " + std::to_string(n) + " (2001) {imdb-" + imdbId(int(n)) + "}.mkv";
+  const auto touched = *store.collection(lists[1]);
+  size_t hidden = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    store.upsert(touched);
+    store.waitForSaves();
+    state.ResumeTiming();
+    hidden = 0;
+    for (const auto& t : titles) hidden += store.holdsBack(t);
+  }
+  state.counters["hidden"] = static_cast<double>(hidden);
+}
+BENCHMARK(BM_HoldsBack)->Unit(benchmark::kMillisecond)->Iterations(10);
 
 }  // namespace
 

@@ -532,11 +532,6 @@ void CatalogStore::finishStaging(const std::string& collectionId) {
   if (stagingIds_.erase(collectionId)) saveStaging();
 }
 
-QCoro::Task<> CatalogStore::materialiseExisting() {
-  // The start-up pass over published lists comes with the membership rules.
-  co_return;
-}
-
 std::vector<MaterialisedCollection> CatalogStore::materialisedCollections() const {
   std::vector<MaterialisedCollection> out;
   for (const auto& c : materialisedCollectionList()) out.push_back(MaterialisedCollection{c.id, c.resolvePaused});
@@ -551,11 +546,13 @@ void CatalogStore::save(SerialFileWriter& writer, const char* fileName, SerialFi
 }
 
 void CatalogStore::saveCollections() {
+  invalidateHolderIndex();
   save(collectionsWriter_, catalogfile::kCollections,
        [snapshot = collections_] { return std::optional(catalogfile::encodeCollections(snapshot)); });
 }
 
 void CatalogStore::saveMaterialised() {
+  invalidateHolderIndex();
   save(materialisedWriter_, catalogfile::kMaterialised,
        [snapshot = materialisedIds_] { return std::optional(catalogfile::encodeUuidList(snapshot)); });
 }

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include <QObject>
@@ -20,6 +21,7 @@
 namespace vt {
 
 class AppConfig;
+class LibraryStore;
 
 struct CatalogStoreOptions {
   // Loads and repairs in memory only: no file is written, moved or removed
@@ -112,6 +114,56 @@ class CatalogStore : public QObject, public CatalogPort {
   const std::string& directory() const { return directory_; }
   std::string pathOf(const char* fileName) const;
 
+  // ---- Membership, staging and vetting. ----
+
+  // Seconds an id stays cooling after its latest failure, by its failure count.
+  static constexpr double kCoolingLadder[4] = {3600, 21600, 86400, 604800};
+  static double coolingTime(std::optional<int> failCount);
+  // Seconds a completed series rests, and a film seen only in cinemas.
+  static constexpr double kSeriesRest = 86400;
+  static constexpr double kCinemaRest = 43200;
+
+  // The members after a refresh: pins and staying ids keep their places, new
+  // ids go to the end up to `maxItems`, cooling ids stay out.
+  std::vector<std::string> reconcile(const std::vector<CatalogMeta>& fresh, const CatalogCollection& collection) const;
+  // The members a resolve pass settled on, cut to `maxItems`.
+  void replaceMembership(const std::vector<std::string>& ids, const std::string& collectionId);
+  // Appends the ids the collection lacks; returns how many were new.
+  int addItems(const std::vector<CatalogMeta>& metas, const std::string& collectionId);
+  void removeItem(const std::string& imdbId, const std::string& collectionId);
+  // Takes the id off every watchlist collection; returns those collections.
+  std::vector<CatalogCollection> removeFromWatchlist(const std::string& imdbId);
+  void setMaxItems(int count, const std::string& collectionId);
+  void touchChanged(const std::string& collectionId);
+  bool isOnWatchlist(std::string_view imdbId) const;
+  bool isOnList(std::string_view imdbId) const;
+  // Published collections other than the library that hold the id.
+  std::vector<CatalogCollection> publishedListsHolding(std::string_view imdbId) const;
+
+  // Release and cinema state of a listed title.
+  void noteRelease(const std::string& imdbId, const std::optional<std::string>& released, const std::string& year);
+  void markOnlyInCinemas(const std::string& imdbId);
+  bool isHeldByRelease(std::string_view imdbId) const;
+
+  // Staging: a collection published in waves shows Plex only what it revealed.
+  void materialise(const CatalogCollection& collection);
+  void dematerialise(const std::string& collectionId);
+  void noteRevealed(const std::set<std::string>& imdbIds, const std::string& collectionId);
+  bool holdsBack(const LibraryTitle& title) const override;
+  // Members of a published collection that still want a title in the library.
+  std::vector<std::string> unfinishedIds(const CatalogCollection& collection, const LibraryStore& library) const;
+  void unpauseIfDone(const std::string& collectionId, const LibraryStore& library);
+  int resolvedCount(const CatalogCollection& collection, const LibraryStore& library) const;
+
+  // Vetting: which ids resolved, which failed and how often.
+  bool isCooling(std::string_view id) const;
+  bool isVetted(std::string_view id) const;
+  bool isSeriesResting(std::string_view seriesId) const;
+  void markVetted(const std::string& id);
+  void markFailed(const std::string& id);
+  void markSeriesComplete(const std::string& seriesId);
+  void clearSeriesComplete(const std::string& seriesId);
+
   // ---- CatalogPort. ----
   void deferRefresh(Date until) override { refreshDeferredUntil_ = until; }
   QCoro::Task<> materialiseExisting() override;
@@ -173,6 +225,15 @@ class CatalogStore : public QObject, public CatalogPort {
   SerialFileWriter metaWriter_;
   SerialFileWriter ownedWriter_;
   SerialFileWriter vettingWriter_;
+
+  // Membership, staging and vetting.
+  // For each id, the published collections that hold it, in store order;
+  // built on demand and dropped whenever the members or the published set change.
+  using HolderIndex = std::unordered_map<std::string, std::vector<std::string>>;
+  mutable std::optional<HolderIndex> holderIndex_;
+  const HolderIndex& holderIndex() const;
+  void invalidateHolderIndex() { holderIndex_.reset(); }
+  void materialiseExistingNow();
 };
 
 }  // namespace vt

@@ -9,6 +9,7 @@
 
 #include <qcoro/qcorotask.h>
 
+#include "core/LibraryTitle.h"
 #include "platform/Date.h"
 
 namespace vt {
@@ -32,6 +33,9 @@ class CatalogPort {
   virtual std::vector<MaterialisedCollection> materialisedCollections() const = 0;
   virtual bool isStaging(const std::string& collectionId) const = 0;
   virtual void finishStaging(const std::string& collectionId) = 0;
+  // Whether staging keeps the title out of the folder Plex reads: a title
+  // only in lists still published in waves that haven't revealed it.
+  virtual bool holdsBack(const LibraryTitle&) const { return false; }
 };
 
 }  // namespace vt

@@ -57,6 +57,8 @@ EngineSupervisor::EngineSupervisor(AppConfig& config, LibraryStore& store, Engin
   hooks.applyConfig = [this] { kickPlexSync(); };
   hooks.playbackActive = [this] { return env_.playbackActive && env_.playbackActive(); };
   hooks.isHidden = env_.isHidden;
+  // Without a rule of its own the environment leaves it to the attached catalog.
+  if (!hooks.isHidden) hooks.isHidden = [this](const LibraryTitle& t) { return catalog_ && catalog_->holdsBack(t); };
   hooks.refreshItem = env_.refreshItem;
   hooks.log = env_.log;
   publisher_ = std::make_unique<ManifestPublisher>(store_, config_, *env_.clock, client_,

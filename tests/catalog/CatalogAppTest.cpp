@@ -7,8 +7,12 @@
 #include "catalog/CatalogStore.h"
 #include "cli/Cli.h"
 #include "cli/Verbs.h"
+#include "core/AppConfig.h"
+#include "core/LibraryStore.h"
+#include "engine/EngineSupervisor.h"
 #include "fakes/FakeCatalogAddon.h"
 #include "platform/Http.h"
+#include "platform/Settings.h"
 #include "platform/Clock.h"
 #include "platform/SerialFileWriter.h"
 #include "support/PauseClock.h"
@@ -101,12 +105,14 @@ TEST(CatalogInTheApp, TheStartUpProtectsPublishedMembersAndRetiresFoldedLists) {
   test::runTask(app.bootstrap());
   test::settle(20);
 
-  // The folded list made the library published, so its ids are protected too.
-  EXPECT_EQ(recorder->pruneKept, (std::set<std::string>{"tt1", "tt2", "tt4"}));
+  // The folded list made the library published, so its ids are protected
+  // too; the start-up pass published the quiet list, in waves.
+  EXPECT_EQ(recorder->pruneKept, (std::set<std::string>{"tt1", "tt2", "tt3", "tt4"}));
   EXPECT_EQ(recorder->deleted, (std::vector<std::string>{"Old picks"}));
   EXPECT_EQ(store->refreshDeferredUntil(), 1120.0);
-  ASSERT_EQ(app.catalog().materialisedCollections().size(), 2u);
+  ASSERT_EQ(app.catalog().materialisedCollections().size(), 3u);
   EXPECT_TRUE(app.catalog().isStaging(data.published.id));
+  EXPECT_TRUE(app.catalog().isStaging(data.quiet.id));
   store->waitForSaves();
 }
 
@@ -143,6 +149,40 @@ TEST(CatalogInTheApp, TheToolListsTheCollectionsAndChangesNothing) {
   std::set<std::string> files;
   for (const auto& e : std::filesystem::directory_iterator(data.home.path())) files.insert(e.path().filename());
   EXPECT_EQ(files, (std::set<std::string>{kCollections, kMaterialised, kStaging}));
+}
+
+TEST(CatalogInTheApp, TheEngineManifestHidesWhatStagingHoldsBack) {
+  Home data;
+  ManualClock clock{1000};
+  SettingsStore settings(data.home.file("settings.ini"));
+  AppConfig config(settings);
+  LibraryStore library(data.home.file("library.json"), clock);
+  for (const char* id : {"tt1", "tt3"}) {
+    LibraryTitle t;
+    t.name = std::string("Film (2001) {imdb-") + id + "}.mkv";
+    t.url = "https://cdn/" + std::string(id);
+    library.upsert(t);
+  }
+  HttpClient http(clock, HttpClient::Session::ephemeral);
+  EngineSupervisorEnvironment env;
+  env.clock = &clock;
+  env.http = &http;
+  env.dataDirectory = data.home.path();
+  EngineSupervisor engine(config, library, std::move(env));
+  CatalogStore store(data.home.path(), clock, &config);
+  engine.attach(store);
+  auto hidden = [&] {
+    std::map<std::string, bool> out;
+    for (const auto& e : engine.publisher().buildEntries().movie) out[e.name] = e.hidden;
+    return out;
+  };
+
+  // "Popular movies" is staged and has revealed nothing; "Quiet" isn't published.
+  EXPECT_EQ(hidden(),
+            (std::map<std::string, bool>{{"Film (2001) {imdb-tt1}.mkv", true}, {"Film (2001) {imdb-tt3}.mkv", false}}));
+  store.noteRevealed({"tt1"}, data.published.id);
+  EXPECT_FALSE(hidden().at("Film (2001) {imdb-tt1}.mkv"));
+  store.waitForSaves();
 }
 
 TEST(CatalogInTheApp, TheToolFetchesACatalogPageByPageAsARefreshWould) {

@@ -2,6 +2,7 @@
 // in waves (staging), and the memory of which ids resolved and which failed.
 
 #include <algorithm>
+#include <map>
 #include <unordered_set>
 
 #include "catalog/CatalogStore.h"
@@ -44,6 +45,25 @@ std::optional<TitleIds> titleIdsOf(const LibraryTitle& t) {
   // An episode stored without its series id still names it in its path.
   if (auto key = episodeKeyOf(t.name, *id)) return TitleIds{*id, std::move(key)};
   return TitleIds{std::move(*id), std::nullopt};
+}
+
+// A record for a title known only by its file: "Name (2001) {imdb-tt1}.mkv",
+// or the series folder "Name (2001) {imdb-tt1}/Season 01/...".
+CatalogMeta metaFromFileName(const std::string& id, std::string_view name, bool series) {
+  CatalogMeta m;
+  m.id = id;
+  const auto top = name.substr(0, name.find('/'));
+  auto stem = top.substr(0, top.find(" {imdb-"));
+  // "Name (2001)": the year in brackets at the end.
+  const auto open = stem.rfind(" (");
+  if (open != std::string_view::npos && stem.size() == open + 7 && stem.back() == ')' &&
+      std::all_of(stem.begin() + open + 2, stem.end() - 1, [](char c) { return c >= '0' && c <= '9'; })) {
+    m.year = std::string(stem.substr(open + 2, 4));
+    stem = stem.substr(0, open);
+  }
+  m.name = std::string(stem);
+  if (series) m.mediaType = "series";
+  return m;
 }
 
 }  // namespace
@@ -422,6 +442,29 @@ void CatalogStore::clearSeriesComplete(const std::string& seriesId) {
   if (!complete || !complete->erase(seriesId)) return;
   if (complete->empty()) complete.reset();
   saveVetting();
+}
+
+// ---- Library import. ----
+
+void CatalogStore::importLibrary(const std::set<std::string>& names, const LibraryStore& library) {
+  std::map<std::string, std::string> found;  // id -> the first name that gave it, in id order
+  for (const auto& name : names)
+    if (auto id = imdbIdOf(name)) found.emplace(std::move(*id), name);
+  if (found.empty()) return;
+  auto target = libraryCollection();
+  if (!target) return;
+  const std::unordered_set<std::string> held(target->itemImdbIds.begin(), target->itemImdbIds.end());
+  std::vector<CatalogMeta> metas;
+  for (const auto& [id, name] : found) {
+    if (held.count(id)) continue;
+    if (const auto* stored = meta(id)) {
+      metas.push_back(*stored);
+      continue;
+    }
+    const bool series = !library.titlesBySeries(id).empty() || episodeKeyOf(name, id).has_value();
+    metas.push_back(metaFromFileName(id, name, series));
+  }
+  addItems(metas, target->id);
 }
 
 }  // namespace vt

@@ -164,6 +164,11 @@ class CatalogStore : public QObject, public CatalogPort {
   void markSeriesComplete(const std::string& seriesId);
   void clearSeriesComplete(const std::string& seriesId);
 
+  // Files the titles of the engine's folders under the library collection:
+  // each name's IMDb id that the collection lacks, sorted; an id without a
+  // record gets one made from the file name.
+  void importLibrary(const std::set<std::string>& names, const LibraryStore& library);
+
   // ---- CatalogPort. ----
   void deferRefresh(Date until) override { refreshDeferredUntil_ = until; }
   QCoro::Task<> materialiseExisting() override;

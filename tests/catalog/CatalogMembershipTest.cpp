@@ -329,3 +329,20 @@ TEST(CatalogMembership, UnfinishedIdsLeaveOutTitlesNotYetOutRestingSeriesAndWhat
   f.store->libraryCollection();
   EXPECT_TRUE(f.store->unfinishedIds(f.get(lib), library).empty());
 }
+
+TEST(CatalogMembership, TheEnginesFilesJoinTheLibraryCollectionSortedWithRecordsMadeFromTheirNames) {
+  Fixture f;
+  LibraryStore library(f.home.file("library.json"), f.clock);
+  const auto lib = f.systemId(CollectionSource::Kind::library);
+  f.store->addItems(metas({"tt9"}), lib);
+  f.store->fillMeta({metaOf("tt2")});
+  f.store->importLibrary({"Film (2001) {imdb-tt2}.mkv", "Show (1999) {imdb-tt1}/Season 01/Show (1999) - s01e02.mkv",
+                          "Odd (name) {imdb-tt5}.mkv", "No tag (2001).mkv", "Again (2001) {imdb-tt9}.mkv"},
+                         library);
+  EXPECT_EQ(f.items(lib), (Ids{"tt9", "tt1", "tt2", "tt5"}));
+  EXPECT_TRUE(f.store->isMaterialised(lib));
+  EXPECT_EQ(*f.store->meta("tt1"), (CatalogMeta{"tt1", "Show", "1999", {}, {}, "series", {}}));
+  EXPECT_EQ(f.store->meta("tt2")->name, "Title tt2");  // a stored record stays
+  EXPECT_EQ(f.store->meta("tt5")->name, "Odd (name)");
+  EXPECT_EQ(f.store->meta("tt5")->year, "");
+}

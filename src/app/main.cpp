@@ -8,12 +8,15 @@
 #include "app/SingleInstance.h"
 #include "app/VantoryApp.h"
 #include "catalog/CatalogStore.h"
+#include "catalog/CatalogSync.h"
+#include "core/WatchlistPort.h"
 #include "engine/EngineSupervisor.h"
 #include "platform/Http.h"
 #include "platform/Mounts.h"
 #include "core/LibraryFolders.h"
 #include "core/LogFile.h"
 #include "platform/Clock.h"
+#include "platform/Endpoints.h"
 #include "plex/PlexAuth.h"
 #include "plex/PlexLibrarySetup.h"
 #include "sources/StreamProviders.h"
@@ -142,8 +145,15 @@ int main(int argc, char** argv) {
     return std::make_unique<vt::EngineSupervisor>(config, library, std::move(env));
   };
   // The catalog of followed lists, loaded from the data folder at creation.
+  // Its lists follow their sources from two minutes after start; the Plex
+  // Watchlist is a stand-in that fails until its client exists, so the
+  // Watchlist collection keeps its members.
+  static vt::UnavailableWatchlist watchlist;
   wiring.makeCatalog = [](const std::string& directory, vt::AppConfig& config) {
-    return std::make_unique<vt::CatalogStore>(directory, vt::systemClock(), &config);
+    auto store = std::make_unique<vt::CatalogStore>(directory, vt::systemClock(), &config);
+    vt::StremioCatalogClient client(vt::sharedHttpClient(), QUrl(QString::fromStdString(vt::endpoints().cinemeta)));
+    store->startFollowing(std::make_unique<vt::CatalogSync>(*store, client, watchlist, vt::systemClock(), &config));
+    return store;
   };
   // The poller finds a moved server again through the account. Its probes
   // carry the token, so they go without the shared cache and cookies.

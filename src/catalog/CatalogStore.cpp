@@ -12,6 +12,7 @@
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
+#include "catalog/CatalogSync.h"
 #include "platform/Log.h"
 
 namespace vt {
@@ -597,6 +598,17 @@ void CatalogStore::waitForSaves() {
   for (auto* w : {&collectionsWriter_, &materialisedWriter_, &stagingWriter_, &revealedWriter_, &metaWriter_,
                   &ownedWriter_, &vettingWriter_})
     w->waitUntilIdle();
+}
+
+void CatalogStore::startFollowing(std::unique_ptr<CatalogSync> sync) {
+  sync_ = std::move(sync);
+  if (sync_) sync_->startRefreshLoop();
+}
+
+void CatalogStore::catalogSynced(const std::string& id, bool shrunk) {
+  if (!isMaterialised(id)) return;
+  if (onPublishedCatalogSynced_) onPublishedCatalogSynced_(id);
+  if (shrunk && onPublishedMembershipShrunk_) onPublishedMembershipShrunk_();
 }
 
 }  // namespace vt

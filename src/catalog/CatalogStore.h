@@ -22,6 +22,7 @@ namespace vt {
 
 class AppConfig;
 class LibraryStore;
+class CatalogSync;
 
 struct CatalogStoreOptions {
   // Loads and repairs in memory only: no file is written, moved or removed
@@ -163,6 +164,13 @@ class CatalogStore : public QObject, public CatalogPort {
   void markFailed(const std::string& id);
   void markSeriesComplete(const std::string& seriesId);
   void clearSeriesComplete(const std::string& seriesId);
+  // ---- Following the lists' sources. ----
+  // Takes the refresh of the lists' sources over and starts its loop.
+  void startFollowing(std::unique_ptr<CatalogSync> sync);
+  CatalogSync* sync() const { return sync_.get(); }
+  // A refresh changed a list: Plex follows a published one, and a shrunk one
+  // lets go of what nothing holds any more.
+  void catalogSynced(const std::string& id, bool shrunk);
 
   // Files the titles of the engine's folders under the library collection:
   // each name's IMDb id that the collection lacks, sorted; an id without a
@@ -239,6 +247,8 @@ class CatalogStore : public QObject, public CatalogPort {
   const HolderIndex& holderIndex() const;
   void invalidateHolderIndex() { holderIndex_.reset(); }
   void materialiseExistingNow();
+  // Last: its loop ends while the store still stands.
+  std::unique_ptr<CatalogSync> sync_;
 };
 
 }  // namespace vt

@@ -1,0 +1,204 @@
+#include "catalog/CatalogSync.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "catalog/CatalogStore.h"
+#include "core/AppConfig.h"
+#include "core/WatchlistPort.h"
+#include "platform/Log.h"
+
+namespace vt {
+
+using Kind = CollectionSource::Kind;
+
+CatalogSync::CatalogSync(CatalogStore& store, StremioCatalogClient client, WatchlistPort& watchlist, Clock& clock,
+                         AppConfig* config)
+    : store_(store), client_(std::move(client)), watchlist_(watchlist), clock_(clock), config_(config) {}
+
+CatalogSync::~CatalogSync() = default;
+
+double CatalogSync::backoffSeconds(int failures) {
+  return std::min(kBackoffBase * std::pow(2.0, std::max(failures, 0)), kBackoffMax);
+}
+
+bool CatalogSync::isDue(const CatalogCollection& c, Date now) {
+  switch (c.source.kind) {
+    case Kind::watchlist:
+      return !c.lastSyncedAt || now - *c.lastSyncedAt >= kWatchlistEvery;
+    case Kind::library:
+    case Kind::manual:
+      return false;
+    case Kind::stremioCatalog: {
+      const QUrl url(QString::fromStdString(c.source.addonBaseURL), QUrl::StrictMode);
+      if (!url.isValid() || url.scheme().isEmpty()) return false;
+      return !c.lastSyncedAt || now - *c.lastSyncedAt >= seconds(c.refreshInterval);
+    }
+  }
+  return false;
+}
+
+std::vector<std::string> CatalogSync::membersOf(const std::vector<CatalogMeta>& metas,
+                                                const CatalogCollection& collection, bool reconcile) {
+  if (reconcile) return store_.reconcile(metas, collection);
+  std::vector<std::string> ids;
+  std::set<std::string> seen;
+  for (const auto& m : metas) {
+    if (static_cast<int>(ids.size()) >= collection.maxItems) break;
+    if (seen.insert(m.id).second) ids.push_back(m.id);
+  }
+  return ids;
+}
+
+QCoro::Task<bool> CatalogSync::syncCatalog(std::string id, bool reconcile, CancelToken token) {
+  const CatalogCollection* found = store_.collection(id);
+  if (!found || found->source.kind != Kind::stremioCatalog || fetchingIds_.count(id)) co_return false;
+  const QUrl base(QString::fromStdString(found->source.addonBaseURL), QUrl::StrictMode);
+  if (!base.isValid() || base.scheme().isEmpty()) co_return false;
+  const CollectionSource source = found->source;
+  const std::string name = found->name;
+  const int limit = found->maxItems + kFetchMargin;
+  fetchingIds_.insert(id);
+
+  auto metas = co_await client_.metas(base, source.type, source.catalogId, source.genre, limit, token);
+  if (token.isCancelled()) co_return false;
+  if (!metas || metas->empty()) {
+    logLine("[CatalogStore] syncCatalog: empty or failed fetch for " + name +
+            " — skipping reconcile to avoid data loss");
+    fetchingIds_.erase(id);
+    co_return false;
+  }
+  // The list may have gone or changed while the pages came in.
+  const CatalogCollection* current = store_.collection(id);
+  if (!current) {
+    fetchingIds_.erase(id);
+    co_return true;
+  }
+  CatalogCollection collection = *current;
+  const std::vector<std::string> members = membersOf(*metas, collection, reconcile);
+  const std::set<std::string> before(collection.itemImdbIds.begin(), collection.itemImdbIds.end());
+  const std::set<std::string> after(members.begin(), members.end());
+  const bool removed = std::any_of(before.begin(), before.end(), [&](const auto& i) { return !after.count(i); });
+  const bool added = std::any_of(after.begin(), after.end(), [&](const auto& i) { return !before.count(i); });
+  const Date now = clock_.now();
+  collection.itemImdbIds = members;
+  collection.lastSyncedAt = now;
+  if (added || removed) collection.lastChangedAt = now;
+  store_.upsert(collection);
+  store_.mergeMeta(*metas);
+  store_.catalogSynced(id, removed);
+  fetchingIds_.erase(id);
+  co_return true;
+}
+
+QCoro::Task<bool> CatalogSync::syncWatchlist(std::string id, CancelToken token) {
+  if (!config_ || config_->token().empty()) co_return false;
+  const CatalogCollection* found = store_.collection(id);
+  if (!found || found->source.kind != Kind::watchlist || fetchingIds_.count(id)) co_return false;
+  const int limit = found->maxItems;
+  fetchingIds_.insert(id);
+
+  auto fetched = co_await watchlist_.fetchWatchlist(limit, watchlistGuids_, token);
+  if (token.isCancelled()) co_return false;
+  if (!fetched) {
+    logLine("[CatalogStore] watchlist fetch failed — keeping existing membership: " + fetched.error());
+    fetchingIds_.erase(id);
+    co_return false;
+  }
+  watchlistGuids_ = fetched->knownIds;
+  std::vector<std::string> ids;
+  std::set<std::string> seen;
+  for (const auto& item : fetched->items)
+    if (seen.insert(item.imdbId).second) ids.push_back(item.imdbId);
+
+  const CatalogCollection* current = store_.collection(id);
+  if (!current) {
+    fetchingIds_.erase(id);
+    co_return true;
+  }
+  CatalogCollection collection = *current;
+  if (ids.empty() && !collection.itemImdbIds.empty() && !watchlistEmptyOnce_.count(id)) {
+    watchlistEmptyOnce_.insert(id);
+    fetchingIds_.erase(id);
+    co_return true;
+  }
+  watchlistEmptyOnce_.erase(id);
+  const std::set<std::string> before(collection.itemImdbIds.begin(), collection.itemImdbIds.end());
+  const bool removed = std::any_of(before.begin(), before.end(), [&](const auto& i) { return !seen.count(i); });
+  const Date now = clock_.now();
+  collection.lastSyncedAt = now;
+  if (before != seen) collection.lastChangedAt = now;
+  collection.itemImdbIds = ids;
+  store_.upsert(collection);
+
+  std::vector<CatalogMeta> metas;
+  std::vector<CatalogMeta> newPosters;
+  for (const auto& item : fetched->items) {
+    CatalogMeta m;
+    m.id = item.imdbId;
+    m.name = item.title;
+    m.year = item.year;
+    m.posterURL = item.posterURL;
+    m.mediaType = item.mediaType;
+    metas.push_back(m);
+  }
+  store_.fillMeta(metas);
+  // A poster that changed on Plex's side replaces the stored one.
+  for (const auto& m : metas)
+    if (const CatalogMeta* stored = store_.meta(m.id); stored && m.posterURL && stored->posterURL != m.posterURL) {
+      CatalogMeta changed = *stored;
+      changed.posterURL = m.posterURL;
+      newPosters.push_back(std::move(changed));
+    }
+  if (!newPosters.empty()) store_.mergeMeta(newPosters);
+  store_.catalogSynced(id, removed);
+  fetchingIds_.erase(id);
+  co_return true;
+}
+
+QCoro::Task<> CatalogSync::refreshTick(CancelToken token) {
+  if (const auto until = store_.refreshDeferredUntil(); until && clock_.now() < *until) co_return;
+  std::vector<CatalogCollection> due;
+  for (const auto& c : store_.collections())
+    if (isDue(c, clock_.now()) && !fetchingIds_.count(c.id)) due.push_back(c);
+  for (const auto& c : due) {
+    if (token.isCancelled()) co_return;
+    if (c.source.kind == Kind::watchlist) {
+      co_await syncWatchlist(c.id, token);
+      continue;
+    }
+    if (const auto it = backoff_.find(c.id);
+        it != backoff_.end() && clock_.now() - it->second.last < backoffSeconds(it->second.failures))
+      continue;
+    const bool ok = co_await syncCatalog(c.id, true, token);
+    if (token.isCancelled()) co_return;
+    if (ok) {
+      backoff_.erase(c.id);
+    } else {
+      auto& b = backoff_[c.id];
+      b.failures += 1;
+      b.last = clock_.now();
+    }
+  }
+}
+
+void CatalogSync::startRefreshLoop() {
+  jobs_.start([this](CancelToken token) -> QCoro::Task<> {
+    if (!co_await clock_.sleep(kFirstTick, token)) co_return;
+    while (!token.isCancelled()) {
+      co_await refreshTick(token);
+      if (!co_await clock_.sleep(kTick, token)) co_return;
+    }
+  });
+}
+
+void CatalogSync::applicationBecameActive() {
+  for (const auto& c : store_.collections()) {
+    if (c.source.kind != Kind::watchlist || fetchingIds_.count(c.id)) continue;
+    const std::string id = c.id;
+    jobs_.start([this, id](CancelToken token) -> QCoro::Task<> { co_await syncWatchlist(id, token); });
+    return;
+  }
+}
+
+}  // namespace vt

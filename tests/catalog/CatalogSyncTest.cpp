@@ -1,0 +1,225 @@
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "catalog/CatalogFiles.h"
+#include "catalog/CatalogStore.h"
+#include "catalog/CatalogSync.h"
+#include "core/AppConfig.h"
+#include "core/WatchlistPort.h"
+#include "fakes/FakeCatalogAddon.h"
+#include "fakes/FakeCinemeta.h"
+#include "platform/Http.h"
+#include "platform/Log.h"
+#include "platform/Settings.h"
+#include "support/PauseClock.h"
+
+using namespace vt;
+using test::FakeCatalogAddon;
+
+namespace {
+
+Json rows(const std::vector<int>& numbers) {
+  Json list = Json::array();
+  for (int n : numbers)
+    list.push_back(Json{{"id", "tt" + std::to_string(2000000 + n)}, {"name", "Film " + std::to_string(n)},
+                        {"poster", "https://img/" + std::to_string(n)}});
+  return list;
+}
+std::vector<int> range(int from, int count) {
+  std::vector<int> out;
+  for (int i = from; i < from + count; ++i) out.push_back(i);
+  return out;
+}
+std::string tt(int n) { return "tt" + std::to_string(2000000 + n); }
+
+// Answers from a script, one per fetch; a string is a failure.
+struct ScriptedWatchlist final : WatchlistPort {
+  std::deque<std::variant<std::vector<WatchlistItem>, std::string>> answers;
+  QCoro::Task<Result<WatchlistFetch, std::string>> fetchWatchlist(int, std::map<std::string, std::string> known,
+                                                                  CancelToken) override {
+    auto next = answers.front();
+    answers.pop_front();
+    if (auto* why = std::get_if<std::string>(&next)) co_return Failure{*why};
+    co_return WatchlistFetch{std::get<0>(next), std::move(known)};
+  }
+};
+
+QCoro::Task<bool> ticked(CatalogSync& sync) {
+  co_await sync.refreshTick();
+  co_return true;
+}
+
+struct Following {
+  test::TestHome home;
+  test::PauseClock clock{5};  // the page retry is the only pause; request limits are longer
+  std::unique_ptr<SettingsStore> settings = SettingsStore::openForTestHome(home.path());
+  AppConfig config{*settings};
+  FakeCatalogAddon addon{"cfg"};
+  HttpClient http{clock, HttpClient::Session::ephemeral};
+  CatalogStore store{home.path(), clock, &config};
+  ScriptedWatchlist watchlist;
+  CatalogSync sync{store, StremioCatalogClient(http, addon.base()), watchlist, clock, &config};
+  std::vector<std::string> lines;
+  ScopedLogSink sink{[this](std::string_view l) { lines.emplace_back(l); }};
+
+  std::string follow(int maxItems = 40) {
+    CatalogCollection c;
+    c.id = newCollectionId();
+    c.name = "Popular movies";
+    c.source = CollectionSource::stremioCatalog(addon.base().toString().toStdString(), "movie", "top");
+    c.maxItems = maxItems;
+    store.upsert(c);
+    return c.id;
+  }
+  const CatalogCollection& get(const std::string& id) { return *store.collection(id); }
+  template <class T>
+  T run(QCoro::Task<T> task) {
+    return test::drive(clock, std::move(task), 60000);
+  }
+  void tick() { test::drive(clock, ticked(sync), 60000); }
+};
+
+}  // namespace
+
+TEST(CatalogSync, AFetchReplacesMembersOnlyWhenItHasRows) {
+  Following f;
+  const auto id = f.follow(30);
+  f.addon.pageSize = 20;
+  f.addon.setCatalog("movie", "top", std::nullopt, rows(range(0, 60)));
+  EXPECT_TRUE(f.run(f.sync.syncCatalog(id, false)));
+  EXPECT_EQ(f.get(id).itemImdbIds.size(), 30u);
+  EXPECT_EQ(f.get(id).itemImdbIds.front(), tt(0));
+  EXPECT_EQ(f.addon.catalogRequests(), (std::vector<std::string>{"movie/top.json", "movie/top/skip=20.json"}))
+      << "maxItems + 10";
+  EXPECT_EQ(f.store.meta(tt(5))->name, "Film 5");
+  const auto changedAt = f.get(id).lastChangedAt;
+
+  // The same ids again: synced now, not changed.
+  f.clock.manual.advance(3600);
+  EXPECT_TRUE(f.run(f.sync.syncCatalog(id, false)));
+  EXPECT_EQ(f.get(id).lastSyncedAt, f.clock.now());
+  EXPECT_EQ(f.get(id).lastChangedAt, changedAt);
+
+  // A page that fails twice fails the walk: the members stay.
+  const auto before = f.get(id).itemImdbIds;
+  f.addon.setCatalog("movie", "top", std::nullopt, rows(range(100, 250)));
+  f.addon.failingSkips = {20};
+  EXPECT_FALSE(f.run(f.sync.syncCatalog(id, false)));
+  EXPECT_EQ(f.get(id).itemImdbIds, before);
+  EXPECT_EQ(f.lines.back(),
+            "[CatalogStore] syncCatalog: empty or failed fetch for Popular movies — skipping reconcile to avoid data loss");
+  f.addon.failingSkips.clear();
+  f.addon.failingOnceSkips = {0};
+  EXPECT_TRUE(f.run(f.sync.syncCatalog(id, false))) << "a 5xx then a 200 is one retry";
+  EXPECT_EQ(f.get(id).itemImdbIds.front(), tt(100));
+}
+
+TEST(CatalogSync, TicksFollowIntervalsDeferralAndTheBackoff) {
+  Following f;
+  const auto id = f.follow();
+  f.addon.setCatalog("movie", "top", std::nullopt, rows(range(0, 20)));
+  f.store.deferRefresh(f.clock.now() + 120);
+  f.tick();
+  EXPECT_TRUE(f.addon.catalogRequests().empty()) << "deferred";
+  f.clock.manual.advance(120);
+  f.tick();
+  EXPECT_EQ(f.addon.catalogRequests().size(), 2u);
+  f.clock.manual.advance(6 * 3600 - 1);
+  f.tick();
+  EXPECT_EQ(f.addon.catalogRequests().size(), 2u) << "six hours not yet over";
+
+  // A failing catalog waits 30, 60, ... seconds, at most 1,800.
+  f.addon.failingSkips = {0};
+  f.clock.manual.advance(1);
+  f.tick();
+  EXPECT_EQ(f.sync.backoff().at(id).failures, 1);
+  const size_t asked = f.addon.catalogRequests().size();
+  f.clock.manual.advance(29);
+  f.tick();
+  EXPECT_EQ(f.addon.catalogRequests().size(), asked);
+  f.clock.manual.advance(1);
+  f.tick();
+  EXPECT_EQ(f.sync.backoff().at(id).failures, 2);
+  EXPECT_EQ(CatalogSync::backoffSeconds(5), 480);
+  EXPECT_EQ(CatalogSync::backoffSeconds(8), 1800);
+  f.addon.failingSkips.clear();
+  f.clock.manual.advance(60);
+  f.tick();
+  EXPECT_FALSE(f.sync.backoff().count(id)) << "a success forgets the failures";
+}
+
+TEST(CatalogSync, TheWatchlistBelievesOnlyASecondEmptyAnswer) {
+  Following f;
+  std::string id;
+  for (const auto& c : f.store.collections())
+    if (c.source.kind == CollectionSource::Kind::watchlist) id = c.id;
+  ASSERT_FALSE(id.empty()) << "the system Watchlist collection";
+  EXPECT_FALSE(f.run(f.sync.syncWatchlist(id))) << "no Plex token";
+  f.config.setToken("tok");
+  const WatchlistItem dune{"tt1160419", "Dune", "2021", "https://img/dune", "movie"};
+  f.watchlist.answers = {std::vector<WatchlistItem>{dune}, std::string("Plex is down"), std::vector<WatchlistItem>{},
+                         std::vector<WatchlistItem>{}};
+  EXPECT_TRUE(f.run(f.sync.syncWatchlist(id)));
+  EXPECT_EQ(f.get(id).itemImdbIds, std::vector<std::string>{"tt1160419"});
+  EXPECT_EQ(f.store.meta("tt1160419")->posterURL, "https://img/dune");
+  EXPECT_FALSE(f.run(f.sync.syncWatchlist(id)));
+  EXPECT_EQ(f.lines.back(), "[CatalogStore] watchlist fetch failed — keeping existing membership: Plex is down");
+  EXPECT_TRUE(f.run(f.sync.syncWatchlist(id)));
+  EXPECT_EQ(f.get(id).itemImdbIds.size(), 1u) << "one empty answer is not believed";
+  EXPECT_TRUE(f.run(f.sync.syncWatchlist(id)));
+  EXPECT_TRUE(f.get(id).itemImdbIds.empty());
+
+  UnavailableWatchlist standIn;
+  EXPECT_FALSE(test::runTask(standIn.fetchWatchlist(10, {}, CancelToken::none()))) << "never an empty answer";
+}
+
+TEST(CatalogSync, AWeekOfFollowingACatalogEndsInTheFilesTheScheduleGives) {
+  Following f;
+  f.addon.pageSize = 100;
+  const auto id = f.follow(1990);  // fetches 2,000: twenty pages
+  // The add-on's list moves on by 40 titles a day and swaps two titles every six hours.
+  const auto listAt = [](Date elapsed) {
+    const int day = static_cast<int>(elapsed / 86400), quarter = static_cast<int>(elapsed / 21600);
+    std::vector<int> ids = range(day * 40, 2000);
+    std::swap(ids[quarter % 2000], ids[(quarter * 7 + 3) % 2000]);
+    return ids;
+  };
+  const Date start = f.clock.now();
+  f.store.deferRefresh(start + CatalogSync::kFirstTick);
+
+  // The reference: what following the schedule must give, by the membership rule.
+  CatalogCollection expected = f.get(id);
+  const auto follow = [&](Date at) {
+    std::vector<std::string> fresh;
+    for (int n : listAt(at - start)) fresh.push_back(tt(n));
+    fresh.resize(1990);
+    const std::set<std::string> keep(fresh.begin(), fresh.end());
+    std::vector<std::string> next;
+    for (const auto& i : expected.itemImdbIds)
+      if (keep.count(i)) next.push_back(i);
+    const std::set<std::string> held(next.begin(), next.end());
+    for (const auto& i : fresh)
+      if (!held.count(i)) next.push_back(i);
+    if (std::set<std::string>(next.begin(), next.end()) !=
+        std::set<std::string>(expected.itemImdbIds.begin(), expected.itemImdbIds.end()))
+      expected.lastChangedAt = at;
+    expected.itemImdbIds = next;
+    expected.lastSyncedAt = at;
+  };
+
+  for (Date t = 0; t <= 7 * 86400; t += CatalogSync::kTick) {
+    f.clock.manual.advance(t == 0 ? 0 : CatalogSync::kTick);
+    const bool due = t >= CatalogSync::kFirstTick && CatalogSync::isDue(f.get(id), f.clock.now());
+    if (static_cast<int64_t>(t) % 21600 == 0)  // the list changes at most every six hours
+      f.addon.setCatalog("movie", "top", std::nullopt, rows(listAt(f.clock.now() - start)));
+    if (due) follow(f.clock.now());
+    f.tick();
+  }
+  f.store.waitForSaves();
+  std::vector<CatalogCollection> all = f.store.collections();
+  for (auto& c : all)
+    if (c.id == id) c = expected;
+  EXPECT_TRUE(readFile(f.home.file(catalogfile::kCollections)) == catalogfile::encodeCollections(all));
+  EXPECT_EQ(f.addon.catalogRequests().size(), 28u * 20) << "every six hours, from the first tick on";
+}

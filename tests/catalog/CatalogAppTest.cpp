@@ -203,6 +203,17 @@ TEST(CatalogInTheApp, TheToolFetchesACatalogPageByPageAsARefreshWould) {
             "{\"ids\":[\"tt4000000\",\"tt4000001\",\"tt4000002\",\"tt4000003\",\"tt4000004\"]}\n");
   EXPECT_EQ(addon.catalogRequests().front(), "movie/top/genre=Science%20Fiction.json");
 
+  // The verb itself takes TYPE and ID after its flags.
+  std::stringstream in, verbOut, verbErr;
+  cli::Io io{in, verbOut, verbErr};
+  EXPECT_EQ(cli::run({"catalog", "--fetch", addon.base().toString().toStdString(), "movie", "top", "--genre",
+                      "Science Fiction", "--limit", "3"},
+                     io),
+            0)
+      << verbErr.str();
+  EXPECT_EQ(verbOut.str().substr(verbOut.str().rfind("{\"ids\"")),
+            "{\"ids\":[\"tt4000000\",\"tt4000001\",\"tt4000002\"]}\n");
+
   addon.failingSkips = {4};
   std::ostringstream failed;
   EXPECT_EQ(test::drive(clock, cli::fetchCatalog(client, addon.base(), "movie", "top", "Science Fiction", 50, failed)),

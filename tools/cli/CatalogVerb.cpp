@@ -1,4 +1,3 @@
-#include <QCoreApplication>
 #include <ostream>
 
 #include <qcoro/qcorotask.h>
@@ -111,17 +110,13 @@ Verb catalogVerb() {
               if (!n || *n < 1) return usageError(io, kVerb, "--limit takes a number of titles, not \"" + *text + "\"");
               limit = *n;
             }
-            // The coroutines need an event loop; a test process brings its own.
-            int argc = 1;
-            char name[] = "vantory-cli";
-            char* argv[] = {name, nullptr};
-            std::optional<QCoreApplication> app;
-            if (!QCoreApplication::instance()) app.emplace(argc, argv);
+            const VerbEventLoop loop;
             HttpClient http(systemClock(), HttpClient::Session::ephemeral);
             StremioCatalogClient client(http, QUrl(QString::fromStdString(endpoints().cinemeta)));
             return QCoro::waitFor(fetchCatalog(client, url, args.operands[0], args.operands[1], args.value("--genre"),
                                                limit, io.out));
-          }};
+          },
+          "[TYPE ID]"};
 }
 
 }  // namespace vt::cli

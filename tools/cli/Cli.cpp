@@ -1,5 +1,7 @@
 #include "cli/Cli.h"
 
+#include <QCoreApplication>
+
 #include <algorithm>
 #include <filesystem>
 #include <ostream>
@@ -154,5 +156,11 @@ std::unique_ptr<SettingsStore> openSettingsAt(const AppPaths& paths, HomeAccess 
 std::string dataFolder(const std::optional<std::string>& home) {
   return home ? AppPaths::forTestHome(*home).dataDirectory : AppPaths::fromEnvironment().dataDirectory;
 }
+
+VerbEventLoop::VerbEventLoop() {
+  if (!QCoreApplication::instance()) app_ = std::make_unique<QCoreApplication>(argc_, argv_);
+}
+
+VerbEventLoop::~VerbEventLoop() = default;
 
 }  // namespace vt::cli

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+class QCoreApplication;
+
 namespace vt {
 class SettingsStore;
 struct AppPaths;
@@ -89,5 +91,21 @@ std::unique_ptr<SettingsStore> openSettingsAt(const AppPaths& paths, HomeAccess 
 
 // The data folder of --home, or the application's own.
 std::string dataFolder(const std::optional<std::string>& home);
+
+// An event loop for a verb that runs coroutines, unless the process has one
+// already (a test does). Lives for the verb's run.
+class VerbEventLoop {
+ public:
+  VerbEventLoop();
+  ~VerbEventLoop();
+  VerbEventLoop(const VerbEventLoop&) = delete;
+  VerbEventLoop& operator=(const VerbEventLoop&) = delete;
+
+ private:
+  int argc_ = 1;
+  char name_[12] = "vantory-cli";
+  char* argv_[2] = {name_, nullptr};
+  std::unique_ptr<QCoreApplication> app_;
+};
 
 }  // namespace vt::cli

@@ -1,4 +1,3 @@
-#include <QCoreApplication>
 #include <ostream>
 
 #include <qcoro/qcorotask.h>
@@ -127,12 +126,7 @@ Verb resolveVerb() {
             return usageError(io, kVerb, "--level must be fast, balanced, high or best, not \"" + *name + "\"");
         }
 
-        // The coroutines need an event loop; a test process brings its own.
-        int argc = 1;
-        char name[] = "vantory-cli";
-        char* argv[] = {name, nullptr};
-        std::optional<QCoreApplication> app;
-        if (!QCoreApplication::instance()) app.emplace(argc, argv);
+        const VerbEventLoop loop;
 
         ScopedLogSink toStandardError([&io](std::string_view line) { io.err << redact(line) << '\n'; });
         const auto store = openSettings(args.home, HomeAccess::read);

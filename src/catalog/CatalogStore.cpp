@@ -109,7 +109,14 @@ CatalogStore::CatalogStore(std::string directory, Clock& clock, AppConfig* confi
 }
 
 CatalogStore::~CatalogStore() {
-  if (saveMetaTimer_) clock_.cancelTimer(*saveMetaTimer_);
+  sync_.reset();  // its refreshes end while the store stands
+  // The records changed in the last moments still reach their file; the
+  // other files' writers drain as they go.
+  if (saveMetaTimer_) {
+    clock_.cancelTimer(*saveMetaTimer_);
+    saveMetaTimer_.reset();
+    writeMetas();
+  }
 }
 
 std::string CatalogStore::pathOf(const char* fileName) const { return directory_ + "/" + fileName; }
@@ -146,7 +153,12 @@ std::optional<T> CatalogStore::readFileOf(const char* fileName, CatalogDecoded<T
 void CatalogStore::load() {
   using namespace catalogfile;
   // 1. The files, each only if it reads.
-  if (auto v = readFileOf(kCollections, decodeCollections, true)) collections_ = std::move(*v);
+  const bool hadCollections = std::filesystem::exists(pathOf(kCollections));
+  bool collectionsLost = false;
+  if (auto v = readFileOf(kCollections, decodeCollections, true))
+    collections_ = std::move(*v);
+  else
+    collectionsLost = hadCollections;
   if (auto v = readFileOf(kMeta, decodeMetas, false)) metaCache_ = std::make_shared<MetaCache>(std::move(*v));
   if (auto v = readFileOf(kMaterialised, decodeUuidList, true)) materialisedIds_ = std::move(*v);
   if (auto v = readFileOf(kOwnedGroupings, decodeTextSet, false)) ownedGroupings_ = std::move(*v);
@@ -160,8 +172,9 @@ void CatalogStore::load() {
   std::erase_if(stagingIds_, [&](const std::string& id) { return !existing.count(id); });
   std::erase_if(stagedRevealedIds_, [&](const auto& entry) { return !existing.count(entry.first); });
 
-  // 3. The vetting of current ids only.
-  pruneVetting();
+  // 3. The vetting of current ids only. When the lists didn't read, no id is
+  // current: the memory of what resolved is kept for the lists set aside.
+  if (!collectionsLost) pruneVetting();
 
   // 4. What is published and out of staging is fully in Plex.
   for (const auto& id : materialisedIds_)

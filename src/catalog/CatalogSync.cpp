@@ -16,7 +16,7 @@ CatalogSync::CatalogSync(CatalogStore& store, StremioCatalogClient client, Watch
                          AppConfig* config)
     : store_(store), client_(std::move(client)), watchlist_(watchlist), clock_(clock), config_(config) {}
 
-CatalogSync::~CatalogSync() = default;
+CatalogSync::~CatalogSync() { *alive_ = false; }
 
 double CatalogSync::backoffSeconds(int failures) {
   return std::min(kBackoffBase * std::pow(2.0, std::max(failures, 0)), kBackoffMax);
@@ -60,17 +60,22 @@ QCoro::Task<bool> CatalogSync::syncCatalog(std::string id, bool reconcile, Cance
   const int limit = found->maxItems + kFetchMargin;
   fetchingIds_.insert(id);
 
+  const auto alive = alive_;
   auto metas = co_await client_.metas(base, source.type, source.catalogId, source.genre, limit, token);
-  if (token.isCancelled()) co_return false;
+  if (!*alive) co_return false;  // the store went while the pages came in
+  if (token.isCancelled()) {
+    fetchingIds_.erase(id);
+    co_return false;
+  }
   if (!metas || metas->empty()) {
     logLine("[CatalogStore] syncCatalog: empty or failed fetch for " + name +
             " — skipping reconcile to avoid data loss");
     fetchingIds_.erase(id);
     co_return false;
   }
-  // The list may have gone or changed while the pages came in.
+  // The list may have gone, or been pointed elsewhere, while the pages came in.
   const CatalogCollection* current = store_.collection(id);
-  if (!current) {
+  if (!current || current->source != source) {
     fetchingIds_.erase(id);
     co_return true;
   }
@@ -98,13 +103,22 @@ QCoro::Task<bool> CatalogSync::syncWatchlist(std::string id, CancelToken token) 
   const int limit = found->maxItems;
   fetchingIds_.insert(id);
 
+  const auto alive = alive_;
   auto fetched = co_await watchlist_.fetchWatchlist(limit, watchlistGuids_, token);
-  if (token.isCancelled()) co_return false;
-  if (!fetched) {
-    logLine("[CatalogStore] watchlist fetch failed — keeping existing membership: " + fetched.error());
+  if (!*alive) co_return false;
+  if (token.isCancelled()) {
     fetchingIds_.erase(id);
     co_return false;
   }
+  if (!fetched) {
+    // Every 15 s the same failure would say nothing new: it is logged when it changes.
+    if (fetched.error() != lastWatchlistFailure_)
+      logLine("[CatalogStore] watchlist fetch failed — keeping existing membership: " + fetched.error());
+    lastWatchlistFailure_ = fetched.error();
+    fetchingIds_.erase(id);
+    co_return false;
+  }
+  lastWatchlistFailure_.clear();
   watchlistGuids_ = fetched->knownIds;
   std::vector<std::string> ids;
   std::set<std::string> seen;
@@ -161,8 +175,13 @@ QCoro::Task<> CatalogSync::refreshTick(CancelToken token) {
   std::vector<CatalogCollection> due;
   for (const auto& c : store_.collections())
     if (isDue(c, clock_.now()) && !fetchingIds_.count(c.id)) due.push_back(c);
+  const auto alive = alive_;
   for (const auto& c : due) {
-    if (token.isCancelled()) co_return;
+    if (!*alive || token.isCancelled()) co_return;
+    // What an earlier item awaited may have changed the store: look again.
+    if (const auto until = store_.refreshDeferredUntil(); until && clock_.now() < *until) co_return;
+    const CatalogCollection* live = store_.collection(c.id);
+    if (!live || !isDue(*live, clock_.now()) || fetchingIds_.count(c.id)) continue;
     if (c.source.kind == Kind::watchlist) {
       co_await syncWatchlist(c.id, token);
       continue;
@@ -171,7 +190,7 @@ QCoro::Task<> CatalogSync::refreshTick(CancelToken token) {
         it != backoff_.end() && clock_.now() - it->second.last < backoffSeconds(it->second.failures))
       continue;
     const bool ok = co_await syncCatalog(c.id, true, token);
-    if (token.isCancelled()) co_return;
+    if (!*alive || token.isCancelled()) co_return;
     if (ok) {
       backoff_.erase(c.id);
     } else {

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -76,6 +77,9 @@ class CatalogSync {
   std::map<std::string, Backoff> backoff_;
   std::set<std::string> watchlistEmptyOnce_;
   std::map<std::string, std::string> watchlistGuids_;
+  std::string lastWatchlistFailure_;
+  // False once this is going: a sync that a caller's token keeps alive touches nothing then.
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   JobScope jobs_;  // last: the loop ends while the rest still stands
 };
 

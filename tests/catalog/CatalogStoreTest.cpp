@@ -160,6 +160,18 @@ TEST(CatalogStore, ACorruptCollectionsFileIsKeptAsideAndTheSystemCollectionsStar
   auto rewritten = decodeCollections(f.file(kCollections));
   ASSERT_TRUE(rewritten);
   EXPECT_EQ(*rewritten, store->collections());
+
+  // Lists that didn't read don't take the memory of what resolved with them.
+  store->upsert(collectionOf("Popular", catalogSource(), {"tt9"}));
+  store->markVetted("tt9");
+  store->waitForSaves();
+  const std::string vetting = f.file(kStreamVetting);
+  store.reset();
+  f.write(kCollections, "[{");
+  auto again = f.open();
+  again->waitForSaves();
+  EXPECT_TRUE(again->streamVetting().vetted.count("tt9"));
+  EXPECT_EQ(f.file(kStreamVetting), vetting);
 }
 
 TEST(CatalogStore, UniqueNamesAreCutToTwentyFiveCharactersAndNumbered) {
@@ -328,6 +340,12 @@ TEST(CatalogStore, MergeMetaTakesTheIncomingRecordFillMetaKeepsTheStoredOne) {
   store->waitForSaves();
   EXPECT_EQ(f.file(kMeta), encodeMetas(store->metaCache()));
   EXPECT_EQ(f.clock.pendingTimers(), 0u);
+
+  // A change in the last moments before the store goes still reaches the file.
+  store->fillMeta({metaOf("tt2", "Late", "2002")});
+  const std::string late = encodeMetas(store->metaCache());
+  store.reset();
+  EXPECT_EQ(f.file(kMeta), late);
 }
 
 TEST(CatalogStore, DeletingAListTakesItOutEverywhereButSparesTheSystemCollections) {

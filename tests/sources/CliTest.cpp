@@ -208,3 +208,35 @@ TEST(Cli, SetupMountWritesTheFstabEntriesAndFolderRightsAndUndoesThemExactly) {
     EXPECT_EQ(st.st_mode & 0777, 0700u) << "plain mode bits again";
   }
 }
+
+TEST(Cli, SetupMountCheckSaysWhetherPlexCanReadEachLibraryFolder) {
+  test::TestHome root;
+  ::chmod(root.path().c_str(), 0755);  // the temporary folder itself is not the point here
+  const std::string closed = root.file("home-0700");
+  const std::string home = closed + "/data";
+  std::filesystem::create_directories(home + "/Library");
+  std::filesystem::create_directories(home + "/Library TV");
+  ::chmod(closed.c_str(), 0700);
+  const Account nobody{"nobody", 65534, 65534, {65534}};
+  std::stringstream in, out, err;
+  Io io{in, out, err};
+  EXPECT_EQ(checkMountAccess(AppPaths::forTestHome(home), nobody, io, "\n"), 1);
+  std::istringstream lines(out.str());
+  std::string first;
+  std::getline(lines, first);
+  const auto row = json::parse(first);
+  ASSERT_TRUE(row) << out.str();
+  EXPECT_EQ((*row)["folder"], home + "/Library");
+  EXPECT_EQ((*row)["readable"], false);
+  EXPECT_NE((*row)["problem"].get<std::string>().find(closed), std::string::npos) << first;
+
+  ::chmod(closed.c_str(), 0755);
+  std::stringstream open;
+  Io io2{in, open, err};
+  EXPECT_EQ(checkMountAccess(AppPaths::forTestHome(home), nobody, io2, "\n"), 0) << open.str();
+  EXPECT_EQ(open.str().find("problem"), std::string::npos);
+
+  std::stringstream none;
+  Io io3{in, none, err};
+  EXPECT_EQ(checkMountAccess(AppPaths::forTestHome(home), std::nullopt, io3, "\n"), 1);
+}

@@ -136,6 +136,30 @@ int setupMount(const MountSetup& setup, Io& io) {
   return 0;
 }
 
+int checkMountAccess(const AppPaths& paths, const std::optional<Account>& mediaServer, Io& io,
+                     const std::string& mountinfo) {
+  if (!mediaServer) {
+    io.out << json::encode(Json{{"error", "no Plex Media Server runs here and there is no \"plex\" account"}})
+           << '\n';
+    return 1;
+  }
+  const auto store = openSettingsAt(paths, HomeAccess::read);
+  AppConfig config(*store);
+  bool readable = true;
+  for (const auto kind : {EngineKind::movie, EngineKind::tv}) {
+    const auto folder = EngineInstancePaths::forKind(kind, paths.dataDirectory, config).mountPoint;
+    Json line{{"folder", folder}, {"account", mediaServer->name}};
+    const auto problem = readProblem(folder, *mediaServer, mountinfo);
+    line["readable"] = !problem;
+    if (problem) {
+      line["problem"] = problem->describe(*mediaServer);
+      readable = false;
+    }
+    io.out << json::encode(line) << '\n';
+  }
+  return readable ? 0 : 1;
+}
+
 Verb setupMountVerb() {
   return {kVerb,
           "let the kernel NFS client mount the library as you, readable by Plex (run once with sudo)",
@@ -143,11 +167,21 @@ Verb setupMountVerb() {
           "(\"Library\" and \"Library TV\" in the data folder) at the engines' ports, so that Vantory mounts\n"
           "them through the kernel's NFS client without root, and gives the Plex Media Server's account the\n"
           "right to enter the folders above them (an ACL entry u:plex:x). Prints what it changed; --remove\n"
-          "undoes exactly that. The user is --user, else the one who ran sudo.",
+          "undoes exactly that. The user is --user, else the one who ran sudo.\n"
+          "--check prints, for each library folder, whether the Plex Media Server's account can read it\n"
+          "(\"readable\") and, when not, what stops it and the fix (\"problem\"); exit status 0 when both\n"
+          "are readable.",
           {{"--user", "NAME", "whose library folders (default: $SUDO_USER)"},
            {"--remove", "", "undo what an earlier run changed"},
+           {"--check", "", "say whether Plex can read the library folders now; no sudo needed"},
            {"--fstab", "FILE", "the file to change instead of /etc/fstab"}},
           [](const Arguments& args, Io& io) {
+            if (args.has("--check")) {
+              const passwd* me = ::getpwuid(::getuid());
+              const auto paths = args.home ? AppPaths::forTestHome(*args.home)
+                                           : AppPaths::forUserHome(me ? me->pw_dir : std::getenv("HOME"));
+              return checkMountAccess(paths, mediaServerAccount(), io);
+            }
             std::string name = args.value("--user").value_or("");
             if (name.empty())
               if (const char* sudoUser = std::getenv("SUDO_USER")) name = sudoUser;

@@ -62,6 +62,11 @@ struct MountSetup {
   bool remove = false;
 };
 int setupMount(const MountSetup& setup, Io& io);
+// setup-mount --check: one JSON line per library folder of `paths`, with
+// whether `mediaServer` can read it and what stops it; 0 when both can.
+// `mountinfo` is the text of /proc/self/mountinfo (read when empty).
+int checkMountAccess(const AppPaths& paths, const std::optional<Account>& mediaServer, Io& io,
+                     const std::string& mountinfo = {});
 
 // subtitle: a subtitle file's bytes and the language tag its decoding takes.
 struct SubtitleFile {

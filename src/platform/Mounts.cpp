@@ -10,6 +10,9 @@
 #include <QStandardPaths>
 #include <sstream>
 
+#include "platform/Log.h"
+#include "platform/Text.h"
+
 namespace vt {
 
 namespace {
@@ -186,6 +189,11 @@ QCoro::Task<MountResult> LinuxLibraryMounter::mount(int port, std::string folder
   const QStringList args = {QStringLiteral("127.0.0.1:%1").arg(port), QString::fromStdString(folder)};
   auto r = co_await runCommand(QString::fromStdString(helper_), args, std::nullopt, token);
   if (r.status != 0 && !kernelOutput.empty()) r.output = kernelOutput + "\n" + r.output;
+  // A mount that worked may still say something worth knowing (mounted for
+  // this user only, say): its lines go to the log as the helper wrote them.
+  if (r.status == 0)
+    for (const auto& line : splitAny(r.output, "\n"))
+      if (const auto text = trimmed(line); !text.empty()) logLine(text);
   co_return fromCommand(r);
 }
 

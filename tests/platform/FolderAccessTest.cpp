@@ -7,7 +7,12 @@
 #include <QDir>
 #include <array>
 
+#include <algorithm>
+#include <filesystem>
+
 #include "platform/FolderAccess.h"
+#include "platform/Log.h"
+#include "platform/Mounts.h"
 #include "platform/SerialFileWriter.h"
 #include "support/TestKit.h"
 
@@ -68,4 +73,22 @@ TEST(FolderAccess, TheServerAccountIsTheOwnerOfTheRunningServer) {
       writeFileAtomically(proc + "/4242/cmdline", std::string("/usr/lib/plexmediaserver/Plex Media Server\0", 43)));
   ASSERT_EQ(::chown((proc + "/4242").c_str(), 65534, 65534), 0);
   EXPECT_EQ(mediaServerAccount(proc).value_or(Account{}).uid, 65534u);
+}
+
+TEST(LinuxLibraryMounter, WhatTheHelperSaysOnASuccessfulMountReachesTheLog) {
+  if (::geteuid() == 0) GTEST_SKIP() << "as root the kernel's NFS client is tried first";
+  test::TestHome home;
+  const std::string helper = home.file("vtnfs-mount");
+  ASSERT_TRUE(writeFileAtomically(
+      helper, "#!/bin/sh\necho 'vtnfs-mount: mounted for this user only (allow_other is not permitted)' >&2\nexit 0\n"));
+  ::chmod(helper.c_str(), 0755);
+  std::vector<std::string> lines;
+  ScopedLogSink sink([&](std::string_view l) { lines.emplace_back(l); });
+  LinuxLibraryMounter mounter(helper, home.file("no-fstab"));
+  const std::string folder = home.file("Library");
+  std::filesystem::create_directories(folder);
+  EXPECT_TRUE(test::runTask(mounter.mount(1, folder)));
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "vtnfs-mount: mounted for this user only (allow_other is not permitted)"),
+            lines.end());
 }

@@ -76,7 +76,8 @@ TEST(FolderAccess, TheServerAccountIsTheOwnerOfTheRunningServer) {
 }
 
 TEST(LinuxLibraryMounter, WhatTheHelperSaysOnASuccessfulMountReachesTheLog) {
-  if (::geteuid() == 0) GTEST_SKIP() << "as root the kernel's NFS client is tried first";
+  if (::geteuid() == 0 && (std::filesystem::exists("/sbin/mount.nfs") || std::filesystem::exists("/usr/sbin/mount.nfs")))
+    GTEST_SKIP() << "as root the kernel's NFS client is tried first";
   test::TestHome home;
   const std::string helper = home.file("vtnfs-mount");
   ASSERT_TRUE(writeFileAtomically(

@@ -13,8 +13,13 @@ namespace vt {
 using Kind = CollectionSource::Kind;
 
 CatalogSync::CatalogSync(CatalogStore& store, StremioCatalogClient client, WatchlistPort& watchlist, Clock& clock,
-                         AppConfig* config)
-    : store_(store), client_(std::move(client)), watchlist_(watchlist), clock_(clock), config_(config) {}
+                         AppConfig* config, PlexPosterPort* plexPosters)
+    : store_(store),
+      client_(std::move(client)),
+      watchlist_(watchlist),
+      clock_(clock),
+      config_(config),
+      plexPosters_(plexPosters) {}
 
 CatalogSync::~CatalogSync() { *alive_ = false; }
 
@@ -218,6 +223,45 @@ void CatalogSync::applicationBecameActive() {
     jobs_.start([this, id](CancelToken token) -> QCoro::Task<> { co_await syncWatchlist(id, token); });
     return;
   }
+}
+
+void CatalogSync::prefetchPosters(const std::string& collectionId) {
+  const CatalogCollection* c = store_.collection(collectionId);
+  if (!c || posterJobs_.count(collectionId)) return;
+  std::vector<std::string> missing;
+  for (size_t i = 0; i < c->itemImdbIds.size() && i < kPosterPrefetch; ++i) {
+    const CatalogMeta* m = store_.meta(c->itemImdbIds[i]);
+    if (!m || !m->posterURL || m->posterURL->empty()) missing.push_back(c->itemImdbIds[i]);
+  }
+  if (missing.empty()) return;
+  posterJobs_.insert(collectionId);
+  jobs_.start([this, collectionId, missing](CancelToken token) -> QCoro::Task<> {
+    std::map<std::string, std::string> found;
+    if (plexPosters_) found = co_await plexPosters_->posters(missing, token);
+    if (token.isCancelled()) co_return;
+    std::vector<CatalogMeta> records;  // from Cinemeta, for ids the store has no record of
+    for (const auto& id : missing) {
+      if (found.count(id)) continue;
+      const CatalogMeta* m = store_.meta(id);
+      const std::string type = m && m->mediaType ? *m->mediaType : "movie";
+      auto record = co_await client_.meta(type, id, token);
+      if (token.isCancelled()) co_return;
+      if (!record || !record->posterURL) continue;
+      found[id] = *record->posterURL;
+      records.push_back(std::move(*record));
+    }
+    // Only the poster changes; the records may have changed meanwhile.
+    std::vector<CatalogMeta> updated;
+    for (const auto& [id, url] : found)
+      if (const CatalogMeta* m = store_.meta(id)) {
+        CatalogMeta withPoster = *m;
+        withPoster.posterURL = url;
+        updated.push_back(std::move(withPoster));
+      }
+    if (!updated.empty()) store_.mergeMeta(updated);
+    if (!records.empty()) store_.fillMeta(records);
+    posterJobs_.erase(collectionId);
+  });
 }
 
 }  // namespace vt

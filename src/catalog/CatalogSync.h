@@ -19,6 +19,7 @@ namespace vt {
 
 class AppConfig;
 class CatalogStore;
+class PlexPosterPort;
 class WatchlistPort;
 
 // Keeps every followed list current: add-on catalogs by their interval, the
@@ -39,8 +40,10 @@ class CatalogSync {
     Date last = 0;
   };
 
+  static constexpr size_t kPosterPrefetch = 4;  // the first members, as a card shows them
+
   CatalogSync(CatalogStore& store, StremioCatalogClient client, WatchlistPort& watchlist, Clock& clock,
-              AppConfig* config = nullptr);
+              AppConfig* config = nullptr, PlexPosterPort* plexPosters = nullptr);
   ~CatalogSync();
   CatalogSync(const CatalogSync&) = delete;
   CatalogSync& operator=(const CatalogSync&) = delete;
@@ -61,6 +64,10 @@ class CatalogSync {
   void startRefreshLoop();
   // The application came to the front: the Watchlist is asked at once.
   void applicationBecameActive();
+  // Posters for the first members of a list that have none: from Plex when
+  // it has the title, else from Cinemeta. One job per list at a time.
+  void prefetchPosters(const std::string& collectionId);
+  bool prefetching(const std::string& collectionId) const { return posterJobs_.count(collectionId) > 0; }
 
   const std::map<std::string, Backoff>& backoff() const { return backoff_; }
 
@@ -78,6 +85,8 @@ class CatalogSync {
   std::set<std::string> watchlistEmptyOnce_;
   std::map<std::string, std::string> watchlistGuids_;
   std::string lastWatchlistFailure_;
+  PlexPosterPort* plexPosters_;
+  std::set<std::string> posterJobs_;
   // False once this is going: a sync that a caller's token keeps alive touches nothing then.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   JobScope jobs_;  // last: the loop ends while the rest still stands

@@ -1,8 +1,9 @@
 #pragma once
 
-// What the catalog needs of the user's Plex Watchlist. The Plex subsystem
-// implements it; until it does, a stand-in that always fails keeps the
-// Watchlist collection's members where they are.
+// What the catalog needs of Plex: the user's Watchlist, and the posters of
+// titles Plex already has. The Plex subsystem implements them; until it does,
+// stand-ins: a Watchlist that always fails keeps the Watchlist collection's
+// members where they are, and no Plex posters.
 
 #include <map>
 #include <optional>
@@ -37,6 +38,23 @@ class WatchlistPort {
   // Up to `limit` items in the Watchlist's order; a failure says why.
   virtual QCoro::Task<Result<WatchlistFetch, std::string>> fetchWatchlist(
       int limit, std::map<std::string, std::string> knownIds, CancelToken token = CancelToken::none()) = 0;
+};
+
+// Posters of listed titles that the local Plex server already has, as image
+// addresses, by IMDb id. The Plex subsystem implements it.
+class PlexPosterPort {
+ public:
+  virtual ~PlexPosterPort() = default;
+  virtual QCoro::Task<std::map<std::string, std::string>> posters(std::vector<std::string> imdbIds,
+                                                                  CancelToken token = CancelToken::none()) = 0;
+};
+
+// Until then: Plex knows no posters, and Cinemeta is asked for all of them.
+class NoPlexPosters final : public PlexPosterPort {
+ public:
+  QCoro::Task<std::map<std::string, std::string>> posters(std::vector<std::string>, CancelToken) override {
+    co_return std::map<std::string, std::string>{};
+  }
 };
 
 // The stand-in: every fetch fails, so nothing is ever emptied by it.

@@ -223,3 +223,46 @@ TEST(CatalogSync, AWeekOfFollowingACatalogEndsInTheFilesTheScheduleGives) {
   EXPECT_TRUE(readFile(f.home.file(catalogfile::kCollections)) == catalogfile::encodeCollections(all));
   EXPECT_EQ(f.addon.catalogRequests().size(), 28u * 20) << "every six hours, from the first tick on";
 }
+
+TEST(CatalogSync, PostersOfTheFirstMembersComeFromPlexThenCinemeta) {
+  Following f;
+  test::FakeCinemeta cinemeta;
+  Json show = cinemeta.metas.at("series/tt0903747");
+  show["poster"] = "https://img/bb";
+  cinemeta.setMeta("series", "tt0903747", show);
+  struct OnePoster final : PlexPosterPort {
+    QCoro::Task<std::map<std::string, std::string>> posters(std::vector<std::string>, CancelToken) override {
+      co_return std::map<std::string, std::string>{{"tt6751668", "http://plex/photo/parasite"}};
+    }
+  } plex;
+  CatalogSync sync(f.store, StremioCatalogClient(f.http, cinemeta.base()), f.watchlist, f.clock, &f.config, &plex);
+  const auto id = f.follow();
+  CatalogCollection c = f.get(id);
+  c.itemImdbIds = {"tt0000001", "tt1375666", "tt0903747", "tt6751668", "tt0110357"};
+  f.store.upsert(c);
+  CatalogMeta has;
+  has.id = "tt0000001";
+  has.name = "Has one";
+  has.posterURL = "https://img/has";
+  CatalogMeta show_;
+  show_.id = "tt0903747";
+  show_.name = "Breaking Bad";
+  show_.mediaType = "series";
+  CatalogMeta parasite;
+  parasite.id = "tt6751668";
+  parasite.name = "Parasite";
+  f.store.fillMeta({has, show_, parasite});
+
+  sync.prefetchPosters(id);
+  EXPECT_TRUE(sync.prefetching(id));
+  sync.prefetchPosters(id);  // one job per list
+  ASSERT_TRUE(test::spinUntil([&] { return !sync.prefetching(id); }));
+  EXPECT_EQ(f.store.meta("tt1375666")->posterURL, "https://images.metahub.space/poster/medium/tt1375666/img");
+  EXPECT_EQ(f.store.meta("tt1375666")->name, "Inception") << "a record Cinemeta gave";
+  EXPECT_EQ(f.store.meta("tt0903747")->posterURL, "https://img/bb") << "asked as a series";
+  EXPECT_EQ(f.store.meta("tt6751668")->posterURL, "http://plex/photo/parasite") << "Plex first, Cinemeta not asked";
+  EXPECT_EQ(f.store.meta("tt0110357"), nullptr) << "the fifth member waits for its card";
+  std::vector<std::string> asked;
+  for (const auto& r : cinemeta.requests()) asked.push_back(r.path.toStdString());
+  EXPECT_EQ(asked, (std::vector<std::string>{"/meta/movie/tt1375666.json", "/meta/series/tt0903747.json"}));
+}

@@ -21,9 +21,7 @@ std::vector<CatalogListRow> CinemetaLists::rows(std::string_view mediaType) cons
 QCoro::Task<> CinemetaLists::load() {
   if (loaded_ || buildingRows_) co_return;
   buildingRows_ = true;
-  const auto year = QDateTime::fromSecsSinceEpoch(static_cast<qint64>(unixSecondsFromDate(clock_.now())))
-                        .date()
-                        .year();
+  const auto year = QDateTime::fromSecsSinceEpoch(static_cast<qint64>(unixSecondsFromDate(clock_.now()))).date().year();
   // One manifest read serves both types.
   const auto alive = alive_;
   const CancelToken token = jobs_.token();

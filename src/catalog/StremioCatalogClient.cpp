@@ -141,9 +141,10 @@ std::optional<StremioManifest> StremioCatalogClient::decodeManifest(std::string_
   return manifest;
 }
 
-QCoro::Task<std::optional<std::vector<CatalogMeta>>> StremioCatalogClient::catalogPage(
-    QUrl base, std::string type, std::string catalogId, std::optional<std::string> genre, int skip,
-    CancelToken token) {
+QCoro::Task<std::optional<std::vector<CatalogMeta>>> StremioCatalogClient::catalogPage(QUrl base, std::string type,
+                                                                                       std::string catalogId,
+                                                                                       std::optional<std::string> genre,
+                                                                                       int skip, CancelToken token) {
   const auto url = pageURL(base, type, catalogId, genre, skip);
   if (!url) co_return std::nullopt;
   for (int attempt = 0; attempt < 2; ++attempt) {

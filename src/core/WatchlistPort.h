@@ -36,8 +36,9 @@ class WatchlistPort {
  public:
   virtual ~WatchlistPort() = default;
   // Up to `limit` items in the Watchlist's order; a failure says why.
-  virtual QCoro::Task<Result<WatchlistFetch, std::string>> fetchWatchlist(
-      int limit, std::map<std::string, std::string> knownIds, CancelToken token = CancelToken::none()) = 0;
+  virtual QCoro::Task<Result<WatchlistFetch, std::string>> fetchWatchlist(int limit,
+                                                                          std::map<std::string, std::string> knownIds,
+                                                                          CancelToken token = CancelToken::none()) = 0;
 };
 
 // Posters of listed titles that the local Plex server already has, as image

@@ -22,7 +22,8 @@ namespace {
 Json rows(const std::vector<int>& numbers) {
   Json list = Json::array();
   for (int n : numbers)
-    list.push_back(Json{{"id", "tt" + std::to_string(2000000 + n)}, {"name", "Film " + std::to_string(n)},
+    list.push_back(Json{{"id", "tt" + std::to_string(2000000 + n)},
+                        {"name", "Film " + std::to_string(n)},
                         {"poster", "https://img/" + std::to_string(n)}});
   return list;
 }
@@ -107,8 +108,9 @@ TEST(CatalogSync, AFetchReplacesMembersOnlyWhenItHasRows) {
   f.addon.failingSkips = {20};
   EXPECT_FALSE(f.run(f.sync.syncCatalog(id, false)));
   EXPECT_EQ(f.get(id).itemImdbIds, before);
-  EXPECT_EQ(f.lines.back(),
-            "[CatalogStore] syncCatalog: empty or failed fetch for Popular movies — skipping reconcile to avoid data loss");
+  EXPECT_EQ(
+      f.lines.back(),
+      "[CatalogStore] syncCatalog: empty or failed fetch for Popular movies — skipping reconcile to avoid data loss");
   f.addon.failingSkips.clear();
   f.addon.failingOnceSkips = {0};
   EXPECT_TRUE(f.run(f.sync.syncCatalog(id, false))) << "a 5xx then a 200 is one retry";

@@ -12,7 +12,8 @@ namespace {
 Json rows(int count) {
   Json list = Json::array();
   for (int n = 0; n < count; ++n)
-    list.push_back(Json{{"id", "tt" + std::to_string(3000000 + n)}, {"name", "Film " + std::to_string(n)},
+    list.push_back(Json{{"id", "tt" + std::to_string(3000000 + n)},
+                        {"name", "Film " + std::to_string(n)},
                         {"poster", "https://img/" + std::to_string(n)}});
   return list;
 }

@@ -14,7 +14,8 @@ namespace {
 Json rows(int from, int count) {
   Json list = Json::array();
   for (int i = from; i < from + count; ++i)
-    list.push_back(Json{{"id", "tt" + std::to_string(1000000 + i)}, {"type", "movie"}, {"name", "Film " + std::to_string(i)}});
+    list.push_back(
+        Json{{"id", "tt" + std::to_string(1000000 + i)}, {"type", "movie"}, {"name", "Film " + std::to_string(i)}});
   return list;
 }
 

@@ -16,8 +16,10 @@ FakeCatalogAddon::FakeCatalogAddon(std::string config) : config_(std::move(confi
     Json catalogs = Json::array();
     for (const auto& [key, list] : genres_) {
       const auto slash = key.find('/');
-      Json extra = Json::array({Json{{"name", "genre"}, {"options", list}, {"isRequired", false}}, Json{{"name", "skip"}}});
-      catalogs.push_back(Json{{"type", key.substr(0, slash)}, {"id", key.substr(slash + 1)}, {"name", key}, {"extra", extra}});
+      Json extra =
+          Json::array({Json{{"name", "genre"}, {"options", list}, {"isRequired", false}}, Json{{"name", "skip"}}});
+      catalogs.push_back(
+          Json{{"type", key.substr(0, slash)}, {"id", key.substr(slash + 1)}, {"name", key}, {"extra", extra}});
     }
     reply.json(Json{{"id", "org.vantory.fake-catalogs"},
                     {"version", "1.0.0"},

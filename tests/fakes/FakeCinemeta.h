@@ -17,7 +17,6 @@ class FakeCinemeta : public FakeCatalogAddon {
  public:
   FakeCinemeta();
 
-
   // A film record; empty texts leave their keys out.
   void addMovie(const std::string& id, const std::string& name, const std::string& year, const std::string& runtime,
                 const std::string& released = {}, const std::string& country = {});

@@ -76,12 +76,14 @@ TEST(FolderAccess, TheServerAccountIsTheOwnerOfTheRunningServer) {
 }
 
 TEST(LinuxLibraryMounter, WhatTheHelperSaysOnASuccessfulMountReachesTheLog) {
-  if (::geteuid() == 0 && (std::filesystem::exists("/sbin/mount.nfs") || std::filesystem::exists("/usr/sbin/mount.nfs")))
+  if (::geteuid() == 0 &&
+      (std::filesystem::exists("/sbin/mount.nfs") || std::filesystem::exists("/usr/sbin/mount.nfs")))
     GTEST_SKIP() << "as root the kernel's NFS client is tried first";
   test::TestHome home;
   const std::string helper = home.file("vtnfs-mount");
   ASSERT_TRUE(writeFileAtomically(
-      helper, "#!/bin/sh\necho 'vtnfs-mount: mounted for this user only (allow_other is not permitted)' >&2\nexit 0\n"));
+      helper,
+      "#!/bin/sh\necho 'vtnfs-mount: mounted for this user only (allow_other is not permitted)' >&2\nexit 0\n"));
   ::chmod(helper.c_str(), 0755);
   std::vector<std::string> lines;
   ScopedLogSink sink([&](std::string_view l) { lines.emplace_back(l); });
@@ -89,7 +91,7 @@ TEST(LinuxLibraryMounter, WhatTheHelperSaysOnASuccessfulMountReachesTheLog) {
   const std::string folder = home.file("Library");
   std::filesystem::create_directories(folder);
   EXPECT_TRUE(test::runTask(mounter.mount(1, folder)));
-  EXPECT_NE(std::find(lines.begin(), lines.end(),
-                      "vtnfs-mount: mounted for this user only (allow_other is not permitted)"),
-            lines.end());
+  EXPECT_NE(
+      std::find(lines.begin(), lines.end(), "vtnfs-mount: mounted for this user only (allow_other is not permitted)"),
+      lines.end());
 }

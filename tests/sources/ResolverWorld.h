@@ -19,7 +19,6 @@ namespace vt::test::resolver {
 
 using Family = FakeStreamAddon::Family;
 
-
 inline const std::string kHashA = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
 inline const std::string kHashB = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb";
 constexpr int64_t kFilm = 4'200'000'000;
@@ -76,7 +75,7 @@ struct World {
 };
 
 inline CachedStream row(std::string name, std::string filename, std::string provider = "torrentio",
-                 std::optional<int64_t> bytes = std::nullopt, std::string title = {}) {
+                        std::optional<int64_t> bytes = std::nullopt, std::string title = {}) {
   CachedStream s;
   s.name = std::move(name);
   s.filename = std::move(filename);
@@ -90,6 +89,5 @@ template <class T>
 inline std::string why(const Result<T, ResolveError>& r) {
   return r ? std::string("ok") : message(r.error());
 }
-
 
 }  // namespace vt::test::resolver

@@ -110,8 +110,9 @@ TEST(StreamResolver, PicksAreTriedOneAfterTheOtherUntilOneIsPlayable) {
   const auto fetching = w.film("tt0000105", false, true);
   EXPECT_EQ(fetching.kind, O::transient);
   EXPECT_EQ(fetching.cause->kind, ResolveError::Kind::stillDownloading);
-  EXPECT_EQ(std::count_if(w.rd.torrents.begin(), w.rd.torrents.end(), [](const auto& t) { return t.second.hash == kHashB; }),
-            1)
+  EXPECT_EQ(
+      std::count_if(w.rd.torrents.begin(), w.rd.torrents.end(), [](const auto& t) { return t.second.hash == kHashB; }),
+      1)
       << "one uncached pick at most";
 }
 
@@ -143,19 +144,19 @@ TEST(StreamResolver, A4KPickBringsTheFirst1080pAsItsCompanion) {
 
 TEST(StreamResolver, AnEpisodeIsNamedAsAPathUnderItsShow) {
   Titles w;
-  w.torrentio.setReleases("series", "tt0903747:1:2", {{"Breaking.Bad.S01E02.1080p.BluRay.x264-GRP.mp4", kFilm, kHashA}});
-  const auto ep = w.run(
-      w.titles.resolveEpisode("tt0903747", 1, 2, w.torrentio.base(), rankerFor(QualityLevel::balanced), false));
+  w.torrentio.setReleases("series", "tt0903747:1:2",
+                          {{"Breaking.Bad.S01E02.1080p.BluRay.x264-GRP.mp4", kFilm, kHashA}});
+  const auto ep =
+      w.run(w.titles.resolveEpisode("tt0903747", 1, 2, w.torrentio.base(), rankerFor(QualityLevel::balanced), false));
   ASSERT_EQ(ep.kind, O::resolved);
-  EXPECT_EQ(ep.title->name,
-            "Breaking Bad (2008–2013) {imdb-tt0903747}/Season 01/Breaking Bad (2008–2013) - s01e02.mkv")
+  EXPECT_EQ(ep.title->name, "Breaking Bad (2008–2013) {imdb-tt0903747}/Season 01/Breaking Bad (2008–2013) - s01e02.mkv")
       << "Cinemeta's year text, and always .mkv";
   EXPECT_EQ(ep.title->seriesImdbId, "tt0903747");
   EXPECT_EQ(ep.title->season, 1);
   EXPECT_EQ(ep.title->episode, 2);
 
-  const auto none = w.run(
-      w.titles.resolveEpisode("tt0903747", 1, 3, w.torrentio.base(), rankerFor(QualityLevel::balanced), false));
+  const auto none =
+      w.run(w.titles.resolveEpisode("tt0903747", 1, 3, w.torrentio.base(), rankerFor(QualityLevel::balanced), false));
   EXPECT_EQ(none.kind, O::noStream);
 }
 
@@ -213,14 +214,15 @@ TEST(StreamResolver, ABatchOfFortyFilmsAsksEachAddOnOnceThenServesFromTheCache) 
     const std::string id = "tt09" + std::to_string(10000 + i);
     ids.push_back(id);
     w.cinemeta.addMovie(id, "Film " + std::to_string(i), "2015", "100 min");
-    w.torrentio.setReleases("movie", id, {{"Film." + std::to_string(i) + ".2015.1080p.WEB.x264-GRP.mkv", kFilm, kHashA}});
+    w.torrentio.setReleases("movie", id,
+                            {{"Film." + std::to_string(i) + ".2015.1080p.WEB.x264-GRP.mkv", kFilm, kHashA}});
   }
   ResolvePace pace;
   std::vector<std::string> arrived;
-  const auto batch = w.run(w.titles.resolveBatch(ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false,
-                                                 &pace, nullptr,
-                                                 [&](const LibraryTitle& t) { arrived.push_back(t.name); }),
-                           60000);
+  const auto batch =
+      w.run(w.titles.resolveBatch(ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false, &pace, nullptr,
+                                  [&](const LibraryTitle& t) { arrived.push_back(t.name); }),
+            60000);
   ASSERT_EQ(batch.resolved.size(), 40u);
   EXPECT_EQ(w.torrentio.streamRequests().size(), 40u);
   ASSERT_EQ(arrived.size(), 40u);
@@ -229,17 +231,17 @@ TEST(StreamResolver, ABatchOfFortyFilmsAsksEachAddOnOnceThenServesFromTheCache) 
   EXPECT_EQ(pace.delay, 0.45);
 
   // Fresh rows: no add-on is asked again.
-  const auto again = w.run(w.titles.resolveBatch(ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false,
-                                                 &pace, nullptr, nullptr),
-                           60000);
+  const auto again = w.run(
+      w.titles.resolveBatch(ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false, &pace, nullptr, nullptr),
+      60000);
   EXPECT_EQ(again.resolved.size(), 40u);
   EXPECT_EQ(w.torrentio.streamRequests().size(), 40u);
 
   // A stop ends the batch before its next item.
   int calls = 0;
-  const auto stopped = w.run(w.titles.resolveBatch(ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false,
-                                                   nullptr, [&] { return calls >= 5; },
-                                                   [&](const LibraryTitle&) { ++calls; }));
+  const auto stopped = w.run(w.titles.resolveBatch(
+      ids, w.torrentio.base(), rankerFor(QualityLevel::balanced), false, nullptr, [&] { return calls >= 5; },
+      [&](const LibraryTitle&) { ++calls; }));
   EXPECT_EQ(stopped.resolved.size(), 5u);
 }
 
@@ -249,8 +251,8 @@ TEST(StreamResolver, ASchemaOneEntryIsNeverFreshButServesWhenNoAddOnAnswers) {
                           R"("url":"http://127.0.0.1:1/x","filename":"Inception.2010.1080p.BluRay.x264-GRP.mkv",)"
                           R"("bytes":4200000000,"infoHash":")" +
                           kHashA + R"(","provider":"torrentio"})";
-  ASSERT_TRUE(writeFileAtomically(w.home.file("resolve-cache.json"),
-                                  R"({"movie/tt1375666":{"streams":[)" + row + R"(],"storedAt":699999000.0,"schema":1}})"));
+  ASSERT_TRUE(writeFileAtomically(w.home.file("resolve-cache.json"), R"({"movie/tt1375666":{"streams":[)" + row +
+                                                                         R"(],"storedAt":699999000.0,"schema":1}})"));
   EXPECT_FALSE(w.run(w.cache.fresh("movie/tt1375666")));
   w.torrentio.setFault(FakeStreamAddon::Fault::serverError);
   StremioResolver resolver(w.services, w.torrentio.base(), false);
@@ -267,8 +269,8 @@ TEST(ResolveVerb, PrintsTheCandidatesThenOneLineForTheOutcome) {
                           {{name, kFilm, kHashA}, {"Inception.2010.720p.WEB.x264-ABC.mkv", 2'000'000'000, kHashB}});
   const auto verb = [&](const std::string& link, std::ostringstream& out) {
     std::ostringstream err;
-    return w.run(cli::resolveLink(w.titles, w.torrentio.base(), false, rankerFor(QualityLevel::balanced), link, out,
-                                  err));
+    return w.run(
+        cli::resolveLink(w.titles, w.torrentio.base(), false, rankerFor(QualityLevel::balanced), link, out, err));
   };
   std::ostringstream out;
   EXPECT_EQ(verb("tt1375666", out), 0);

@@ -9,7 +9,6 @@ using test::FakeRealDebrid;
 using test::FakeStreamAddon;
 using Kind = ResolveError::Kind;
 
-
 TEST(StremioResolver, ReadsLinksIdsAndEpisodeKeys) {
   using P = std::pair<std::string, std::string>;
   EXPECT_EQ(StremioResolver::parseLink("stremio:///detail/movie/tt1375666"), P("movie", "tt1375666"));

@@ -113,8 +113,8 @@ Verb catalogVerb() {
             const VerbEventLoop loop;
             HttpClient http(systemClock(), HttpClient::Session::ephemeral);
             StremioCatalogClient client(http, QUrl(QString::fromStdString(endpoints().cinemeta)));
-            return QCoro::waitFor(fetchCatalog(client, url, args.operands[0], args.operands[1], args.value("--genre"),
-                                               limit, io.out));
+            return QCoro::waitFor(
+                fetchCatalog(client, url, args.operands[0], args.operands[1], args.value("--genre"), limit, io.out));
           },
           "[TYPE ID]"};
 }

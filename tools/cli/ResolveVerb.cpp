@@ -144,8 +144,9 @@ Verb resolveVerb() {
         const auto services = ResolverServices::standard(http, cache, ProviderHealth::shared(),
                                                          StreamProviderRegistry::shared(), nullptr);
         StreamResolver resolver(services);
-        const int status = QCoro::waitFor(resolveLink(resolver, *addon, args.has("--allow-recordings") || config.allowTS(),
-                                                      ranker, args.operands[0], io.out, io.err));
+        const int status =
+            QCoro::waitFor(resolveLink(resolver, *addon, args.has("--allow-recordings") || config.allowTS(), ranker,
+                                       args.operands[0], io.out, io.err));
         cache.flushNow();
         return status;
       },

@@ -139,8 +139,7 @@ int setupMount(const MountSetup& setup, Io& io) {
 int checkMountAccess(const AppPaths& paths, const std::optional<Account>& mediaServer, Io& io,
                      const std::string& mountinfo) {
   if (!mediaServer) {
-    io.out << json::encode(Json{{"error", "no Plex Media Server runs here and there is no \"plex\" account"}})
-           << '\n';
+    io.out << json::encode(Json{{"error", "no Plex Media Server runs here and there is no \"plex\" account"}}) << '\n';
     return 1;
   }
   const auto store = openSettingsAt(paths, HomeAccess::read);

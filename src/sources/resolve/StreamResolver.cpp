@@ -132,8 +132,8 @@ QCoro::Task<ResolveOutcome> StreamResolver::resolveEpisode(std::string seriesId,
     co_return ResolveOutcome::noStream(0);
   }
   const std::string name = episodeFileName(resolution->showTitle, resolution->year, seriesId, season, episode);
-  auto outcome = co_await pickAndMaterialise(std::move(resolver), std::move(*resolution), std::move(ranker), false,
-                                             true, token);
+  auto outcome =
+      co_await pickAndMaterialise(std::move(resolver), std::move(*resolution), std::move(ranker), false, true, token);
   if (outcome.title) {
     auto& t = *outcome.title;
     t.name = name;

@@ -22,11 +22,11 @@ namespace vt {
 struct ResolveOutcome {
   enum class Kind { resolved, noStream, unreleased, transient };
   Kind kind = Kind::transient;
-  std::optional<LibraryTitle> title;     // resolved
-  int streamsSeen = 0;                   // noStream: raw rows, 0 for none, -1 when every pick failed
-  std::optional<std::string> released;   // unreleased
-  std::string year;                      // unreleased
-  std::optional<ResolveError> cause;     // what ended the search, when an error did (for messages)
+  std::optional<LibraryTitle> title;    // resolved
+  int streamsSeen = 0;                  // noStream: raw rows, 0 for none, -1 when every pick failed
+  std::optional<std::string> released;  // unreleased
+  std::string year;                     // unreleased
+  std::optional<ResolveError> cause;    // what ended the search, when an error did (for messages)
 
   static ResolveOutcome resolved(LibraryTitle title);
   static ResolveOutcome noStream(int streamsSeen, std::optional<ResolveError> cause = std::nullopt);
@@ -110,8 +110,7 @@ class StreamResolver {
   // title comes in. The library is not touched: the caller adds the titles,
   // and the library's upsert keeps the name a published title already has.
   QCoro::Task<ResolveBatch> resolveBatch(std::vector<std::string> ids, QUrl addon, StreamRanker ranker, bool allowTS,
-                                         ResolvePace* pace,
-                                         std::function<bool()> shouldStop,
+                                         ResolvePace* pace, std::function<bool()> shouldStop,
                                          std::function<void(const LibraryTitle&)> onResolved,
                                          CancelToken token = CancelToken::none());
 

@@ -21,6 +21,7 @@ Endpoints Endpoints::fromEnvironment() {
   take("VT_ENDPOINT_COMET", e.cometHost);
   take("VT_ENDPOINT_COMET_PLACEHOLDER", e.cometPlaceholderHost);
   take("VT_ENDPOINT_SLATE", e.slateHost);
+  take("VT_ENDPOINT_SUBTITLE_SERVICE", e.subtitleService);
   return e;
 }
 

@@ -25,6 +25,10 @@ struct Endpoints {
   // Rows and probes that reach them are not playable.
   std::string cometPlaceholderHost = "comet.elfhosted.com/placeholder";  // VT_ENDPOINT_COMET_PLACEHOLDER
   std::string slateHost = "static.real-debrid.com";                      // VT_ENDPOINT_SLATE
+  // Our own service for subtitle work: it carries the speech-to-text and
+  // model calls and shares proven results between installations. Empty means
+  // this installation has no such service (a deployment sets it).
+  std::string subtitleService;  // VT_ENDPOINT_SUBTITLE_SERVICE
 
   static Endpoints fromEnvironment();
 };

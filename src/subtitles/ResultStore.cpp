@@ -1,0 +1,206 @@
+#include "subtitles/ResultStore.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+
+#include "platform/SerialFileWriter.h"
+
+namespace vt {
+
+namespace {
+
+using json::optional;
+using json::put;
+using json::required;
+
+// The lock of one file path, for the life of the process. Paths are made
+// absolute first so that two spellings of one file share a lock.
+std::mutex& lockFor(const std::string& file) {
+  static std::mutex registryLock;
+  static std::map<std::string, std::unique_ptr<std::mutex>> locks;
+  std::error_code ec;
+  auto absolute = std::filesystem::absolute(file, ec);
+  const std::string key = ec ? file : absolute.lexically_normal().string();
+  std::lock_guard guard(registryLock);
+  auto& slot = locks[key];
+  if (!slot) slot = std::make_unique<std::mutex>();
+  return *slot;
+}
+
+bool writeAll(int fd, const std::string& bytes) {
+  size_t written = 0;
+  while (written < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    written += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// "<file>.tmp" written and synced, then renamed over the file in one step, so
+// a reader sees the old file or the new one whole.
+void replaceFile(const std::string& file, const std::string& bytes) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const fs::path target(file);
+  if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
+  const std::string tmp = file + ".tmp";
+  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return;
+  bool ok = writeAll(fd, bytes) && ::fdatasync(fd) == 0;
+  ok = (::close(fd) == 0) && ok;
+  ok = ok && ::rename(tmp.c_str(), file.c_str()) == 0;
+  if (!ok) ::unlink(tmp.c_str());
+}
+
+template <class T>
+std::map<std::string, T> readUnlocked(const std::string& file) {
+  std::map<std::string, T> out;
+  const auto bytes = readFile(file);
+  if (!bytes) return out;
+  const auto parsed = json::parse(*bytes);
+  if (!parsed || !parsed->is_object()) return out;
+  try {
+    for (const auto& [key, value] : parsed->items()) out.emplace(key, T::fromJson(value));
+  } catch (const std::exception&) {
+    out.clear();
+  }
+  return out;
+}
+
+template <class T>
+void writeUnlocked(const std::string& file, const std::map<std::string, T>& entries) {
+  Json object = Json::object();
+  for (const auto& [key, value] : entries) object[key] = value.toJson();
+  // nlohmann never escapes "/"; invalid UTF-8 is replaced rather than thrown.
+  replaceFile(file, object.dump(2, ' ', false, Json::error_handler_t::replace));
+}
+
+}  // namespace
+
+Json AssetEntry::toJson() const {
+  Json j = Json::object();
+  j["kind"] = kind;
+  j["imdb"] = imdb;
+  put(j, "title", title);
+  put(j, "outcome", outcome);
+  put(j, "why", why);
+  if (winner)
+    j["winner"] = Json{{"fileId", winner->fileId},
+                       {"release", winner->release},
+                       {"lang", winner->lang},
+                       {"verdict", winner->verdict},
+                       {"rank", winner->rank}};
+  if (fit)
+    j["fit"] = Json{{"scale", fit->scale}, {"offsetMs", fit->offsetMs}, {"residMs", fit->residMs}, {"pts", fit->pts}};
+  if (cues) {
+    Json list = Json::array();
+    for (const auto& c : *cues) list.push_back(Json{{"n", c.n}, {"start", c.start}, {"end", c.end}, {"text", c.text}});
+    j["cues"] = std::move(list);
+  }
+  if (timing) j["timing"] = Json{{"settled", timing->settled}, {"why", timing->why}, {"windows", timing->windows}};
+  if (bible) j["bible"] = Json{{"text", bible->text}, {"tgt", bible->tgt}};
+  j["createdAt"] = createdAt;
+  return j;
+}
+
+AssetEntry AssetEntry::fromJson(const Json& j) {
+  AssetEntry e;
+  e.kind = required<std::string>(j, "kind");
+  e.imdb = required<std::string>(j, "imdb");
+  e.title = optional<std::string>(j, "title");
+  e.outcome = optional<std::string>(j, "outcome");
+  e.why = optional<std::string>(j, "why");
+  if (auto it = j.find("winner"); it != j.end() && !it->is_null()) {
+    e.winner = Winner{required<std::string>(*it, "fileId"), required<std::string>(*it, "release"),
+                      required<std::string>(*it, "lang"), required<std::string>(*it, "verdict"),
+                      required<int64_t>(*it, "rank")};
+  }
+  if (auto it = j.find("fit"); it != j.end() && !it->is_null()) {
+    e.fit = Fit{required<double>(*it, "scale"), required<int64_t>(*it, "offsetMs"), required<int64_t>(*it, "residMs"),
+                required<int64_t>(*it, "pts")};
+  }
+  if (auto it = j.find("cues"); it != j.end() && !it->is_null()) {
+    if (!it->is_array()) throw DecodeError("\"cues\" is not an array");
+    std::vector<Cue> cues;
+    cues.reserve(it->size());
+    for (const auto& c : *it)
+      cues.push_back(Cue{required<int64_t>(c, "n"), required<int64_t>(c, "start"), required<int64_t>(c, "end"),
+                         required<std::string>(c, "text")});
+    e.cues = std::move(cues);
+  }
+  if (auto it = j.find("timing"); it != j.end() && !it->is_null()) {
+    e.timing =
+        Timing{required<bool>(*it, "settled"), required<std::string>(*it, "why"), required<int64_t>(*it, "windows")};
+  }
+  if (auto it = j.find("bible"); it != j.end() && !it->is_null()) {
+    e.bible = Bible{required<std::string>(*it, "text"), required<std::string>(*it, "tgt")};
+  }
+  e.createdAt = required<double>(j, "createdAt");
+  return e;
+}
+
+Json TranslationEntry::toJson() const {
+  Json m = Json::object();
+  for (const auto& [n, text] : map) m[n] = text;
+  Json j = Json::object();
+  j["map"] = std::move(m);
+  j["src"] = src;
+  j["tgt"] = tgt;
+  j["fileId"] = fileId;
+  j["createdAt"] = createdAt;
+  return j;
+}
+
+TranslationEntry TranslationEntry::fromJson(const Json& j) {
+  TranslationEntry e;
+  if (!j.is_object()) throw DecodeError("expected an object");
+  auto m = j.find("map");
+  if (m == j.end() || !m->is_object()) throw DecodeError("\"map\" is not an object");
+  for (const auto& [n, text] : m->items()) e.map[n] = json::as<std::string>(text, "map");
+  e.src = required<std::string>(j, "src");
+  e.tgt = required<std::string>(j, "tgt");
+  e.fileId = required<std::string>(j, "fileId");
+  e.createdAt = required<double>(j, "createdAt");
+  return e;
+}
+
+template <class T>
+typename Store<T>::Dictionary Store<T>::read() const {
+  std::lock_guard guard(lockFor(file_));
+  return readUnlocked<T>(file_);
+}
+
+template <class T>
+void Store<T>::write(const Dictionary& entries) const {
+  std::lock_guard guard(lockFor(file_));
+  writeUnlocked(file_, entries);
+}
+
+template <class T>
+void Store<T>::upsert(const std::string& key, T value) const {
+  std::lock_guard guard(lockFor(file_));
+  auto entries = readUnlocked<T>(file_);
+  entries.insert_or_assign(key, std::move(value));
+  writeUnlocked(file_, entries);
+}
+
+template <class T>
+void Store<T>::remove(const std::string& key) const {
+  std::lock_guard guard(lockFor(file_));
+  auto entries = readUnlocked<T>(file_);
+  if (entries.erase(key) > 0) writeUnlocked(file_, entries);
+}
+
+template class Store<AssetEntry>;
+template class Store<TranslationEntry>;
+
+}  // namespace vt

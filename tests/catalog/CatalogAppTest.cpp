@@ -12,6 +12,7 @@
 #include "engine/EngineSupervisor.h"
 #include "fakes/FakeCatalogAddon.h"
 #include "platform/Http.h"
+#include "platform/Mounts.h"
 #include "platform/Settings.h"
 #include "platform/Clock.h"
 #include "platform/SerialFileWriter.h"
@@ -164,9 +165,11 @@ TEST(CatalogInTheApp, TheEngineManifestHidesWhatStagingHoldsBack) {
     library.upsert(t);
   }
   HttpClient http(clock, HttpClient::Session::ephemeral);
+  LinuxLibraryMounter mounter;  // never asked: nothing starts here, but a supervisor needs one
   EngineSupervisorEnvironment env;
   env.clock = &clock;
   env.http = &http;
+  env.mounter = &mounter;
   env.dataDirectory = data.home.path();
   EngineSupervisor engine(config, library, std::move(env));
   CatalogStore store(data.home.path(), clock, &config);

@@ -142,7 +142,8 @@ std::string withoutMarkup(std::string text) {
 }
 
 void parseBlock(std::string_view block, std::vector<EngineCue>& cues) {
-  const auto m = timeLine().search(block);
+  auto scanned = scanTimeLine(block);
+  const auto m = scanned ? std::move(*scanned) : timeLine().search(block);
   if (!m) return;
   const auto start = timeOf(*m, 1);
   const auto end = timeOf(*m, 5);
@@ -169,6 +170,80 @@ bool watermarked(std::string_view text) {
 double roundedToFourPlaces(double value) { return std::round(value * 10000.0) / 10000.0; }
 
 }  // namespace
+
+const Regex& timeLinePattern() { return timeLine(); }
+
+// The time line found as the pattern above finds it, without the pattern's
+// per-call cost, for the common case where every character it looks at is
+// ASCII: there "\d" is [0-9] and "\s" is tab to carriage return (vertical
+// tab included) and blank, and each quantifier's greedy take is the only one that
+// can match, so trying each start in turn gives exactly the pattern's first
+// match. Outer none: a character outside ASCII was met, and the pattern
+// decides; inner none: no time line.
+std::optional<std::optional<Regex::Match>> scanTimeLine(std::string_view s) {
+  bool unsure = false;
+  const auto at = [&](size_t i) -> int {  // the byte, -1 past the end
+    if (i >= s.size()) return -1;
+    const auto c = static_cast<unsigned char>(s[i]);
+    if (c >= 0x80) unsure = true;
+    return c;
+  };
+  const auto digits = [&](size_t i, size_t most) {
+    size_t n = 0;
+    for (int c; n <= most && (c = at(i + n)) >= '0' && c <= '9';) ++n;
+    return n;  // most + 1 when the run is longer than allowed
+  };
+  const auto blanks = [&](size_t i) {
+    size_t n = 0;
+    for (int c; (c = at(i + n)) == ' ' || (c >= '\t' && c <= '\r');) ++n;
+    return n;
+  };
+  // One "H:MM:SS,mmm" at i with 1 to `hours` hour digits; the spans of its
+  // four fields, and where it ends.
+  using Span = std::optional<std::pair<size_t, size_t>>;
+  const auto stamp = [&](size_t i, bool last, Span* fields) -> std::optional<size_t> {
+    const size_t h = digits(i, 6);
+    if (h == 0 || h > 6 || at(i + h) != ':') return std::nullopt;
+    fields[0] = std::make_pair(i, i + h);
+    size_t p = i + h + 1;
+    if (digits(p, 2) != 2 || at(p + 2) != ':') return std::nullopt;
+    fields[1] = std::make_pair(p, p + 2);
+    p += 3;
+    if (digits(p, 2) != 2) return std::nullopt;
+    fields[2] = std::make_pair(p, p + 2);
+    p += 2;
+    if (const int c = at(p); c != ',' && c != '.') return std::nullopt;
+    ++p;
+    size_t ms = digits(p, 3);
+    if (ms == 0 || (ms > 3 && !last)) return std::nullopt;
+    ms = std::min<size_t>(ms, 3);
+    fields[3] = std::make_pair(p, p + ms);
+    return p + ms;
+  };
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (static_cast<unsigned char>(s[i]) >= 0x80) return std::nullopt;
+    Regex::Match m;
+    m.input = s;
+    m.spans.resize(9);
+    const auto first = stamp(i, false, &m.spans[1]);
+    if (unsure) return std::nullopt;
+    if (!first) continue;
+    size_t p = *first + blanks(*first);
+    if (at(p) != '-' || at(p + 1) != '-' || at(p + 2) != '>') {
+      if (unsure) return std::nullopt;
+      continue;
+    }
+    p += 3;
+    p += blanks(p);
+    const auto second = stamp(p, true, &m.spans[5]);
+    if (unsure) return std::nullopt;
+    if (!second) continue;
+    m.spans[0] = std::make_pair(i, *second);
+    return std::optional<Regex::Match>(std::move(m));
+  }
+  return std::optional<Regex::Match>();
+}
+
 
 std::vector<EngineCue> Cues::parse(std::string_view input) {
   const std::string text = normalisedLineEnds(input);

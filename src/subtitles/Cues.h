@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Regex.h"
+
 namespace vt {
 
 // One cue in the subtitle file's own clock.
@@ -72,6 +74,13 @@ class Cues {
   static constexpr double kMaximumWatermarkRate = 0.01;
   static constexpr int64_t kWatermarkWindow = 300;
 };
+
+// The time line of a block ("00:01:02,500 --> 00:01:04,000") as its pattern
+// finds it, and the same found by a scan that gives the pattern's answer
+// where every character it meets is ASCII (outer none elsewhere). Parsing
+// scans first; the pattern decides when the scan can't.
+const Regex& timeLinePattern();
+std::optional<std::optional<Regex::Match>> scanTimeLine(std::string_view block);
 
 // A number as the messages print it: the shortest text that reads back to the
 // same double, in the C locale, with ".0" after a whole number.

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "SubtitleFiles.h"
+#include "subtitles/Cues.h"
 #include "subtitles/Emit.h"
 
 using namespace vt;
@@ -192,4 +193,31 @@ TEST(BadInput, FuzzedFilesKeepTheParserPromises) {
     (void)Emit::applyFit(cues, -static_cast<int64_t>(rng() % 5000), 0.9 + (rng() % 200) / 1000.0);
     (void)Cues::watermarkRate(cues, 300);
   }
+}
+
+TEST(BadInput, TheTimeLineScanAgreesWithItsPatternWheneverItAnswers) {
+  // Pieces that make near-misses likely: digit runs of every length, both
+  // separators, every kind of blank, arrows that break off, and a little
+  // that isn't ASCII.
+  const std::vector<std::string> pieces = {"0", "12", "123", "1234", "1234567", ":", ",", ".", "-->", "->", "--",
+                                           " ", "\t", "\n", "\r", "\f", "\v", "x", "00:00:01,000", "99:99:99.9",
+                                           " --> ", "1:02:03.4-->5:06:07,890", "00:00:01,000 --> 00:00:02,000",
+                                           "\xc2\xa0", "\xd9\xa3", "é"};
+  std::mt19937 rng(61);
+  int answered = 0, found = 0;
+  for (int round = 0; round < 20000; ++round) {
+    std::string block;
+    const int n = 1 + static_cast<int>(rng() % 12);
+    for (int i = 0; i < n; ++i) block += pieces[rng() % pieces.size()];
+    const auto scanned = scanTimeLine(block);
+    if (!scanned) continue;
+    ++answered;
+    const auto regex = timeLinePattern().search(block);
+    ASSERT_EQ(scanned->has_value(), regex.has_value()) << "block: " << block;
+    if (!regex) continue;
+    ++found;
+    EXPECT_EQ((*scanned)->spans, regex->spans) << "block: " << block;
+  }
+  EXPECT_GT(answered, 5000);
+  EXPECT_GT(found, 1000) << "the rounds reach matches, not only misses";
 }

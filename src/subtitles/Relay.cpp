@@ -101,6 +101,8 @@ HttpRequest Relay::request(const std::string& route, Query query, double timeout
   HttpRequest req;
   req.url = url;
   req.timeoutSeconds = timeout;
+  // The service's own headers go to the service only, never to where a redirect points.
+  req.followRedirects = false;
   req.headers.emplace_back("Accept", "application/json");
   for (const auto& header : auth_) req.headers.push_back(header);
   return req;

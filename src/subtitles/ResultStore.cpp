@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -18,19 +19,16 @@ using json::optional;
 using json::put;
 using json::required;
 
-// The lock of one file path, for the life of the process. Paths are made
-// absolute first so that two spellings of one file share a lock.
-std::mutex& lockFor(const std::string& file) {
-  static std::mutex registryLock;
-  static std::map<std::string, std::unique_ptr<std::mutex>> locks;
-  std::error_code ec;
-  auto absolute = std::filesystem::absolute(file, ec);
-  const std::string key = ec ? file : absolute.lexically_normal().string();
-  std::lock_guard guard(registryLock);
-  auto& slot = locks[key];
-  if (!slot) slot = std::make_unique<std::mutex>();
-  return *slot;
+// One lock for every read-change-write of either file, for the life of the
+// process: jobs on worker threads share the two files.
+std::mutex& storeLock() {
+  static std::mutex lock;
+  return lock;
 }
+
+// A number the file can hold: JSON has no NaN or infinity, and a file that
+// held null there could not be read back.
+double finite(double value) { return std::isfinite(value) ? value : 0; }
 
 bool writeAll(int fd, const std::string& bytes) {
   size_t written = 0;
@@ -61,11 +59,17 @@ void replaceFile(const std::string& file, const std::string& bytes) {
   if (!ok) ::unlink(tmp.c_str());
 }
 
+// The entries; none when the file is there but can't be read (permissions,
+// too many open files), so that a write doesn't replace what it never saw.
 template <class T>
-std::map<std::string, T> readUnlocked(const std::string& file) {
+std::optional<std::map<std::string, T>> readUnlocked(const std::string& file) {
   std::map<std::string, T> out;
   const auto bytes = readFile(file);
-  if (!bytes) return out;
+  if (!bytes) {
+    std::error_code ec;
+    if (std::filesystem::exists(file, ec) || ec) return std::nullopt;
+    return out;
+  }
   const auto parsed = json::parse(*bytes);
   if (!parsed || !parsed->is_object()) return out;
   try {
@@ -100,7 +104,7 @@ Json AssetEntry::toJson() const {
                        {"verdict", winner->verdict},
                        {"rank", winner->rank}};
   if (fit)
-    j["fit"] = Json{{"scale", fit->scale}, {"offsetMs", fit->offsetMs}, {"residMs", fit->residMs}, {"pts", fit->pts}};
+    j["fit"] = Json{{"scale", finite(fit->scale)}, {"offsetMs", fit->offsetMs}, {"residMs", fit->residMs}, {"pts", fit->pts}};
   if (cues) {
     Json list = Json::array();
     for (const auto& c : *cues) list.push_back(Json{{"n", c.n}, {"start", c.start}, {"end", c.end}, {"text", c.text}});
@@ -108,7 +112,7 @@ Json AssetEntry::toJson() const {
   }
   if (timing) j["timing"] = Json{{"settled", timing->settled}, {"why", timing->why}, {"windows", timing->windows}};
   if (bible) j["bible"] = Json{{"text", bible->text}, {"tgt", bible->tgt}};
-  j["createdAt"] = createdAt;
+  j["createdAt"] = finite(createdAt);
   return j;
 }
 
@@ -156,7 +160,7 @@ Json TranslationEntry::toJson() const {
   j["src"] = src;
   j["tgt"] = tgt;
   j["fileId"] = fileId;
-  j["createdAt"] = createdAt;
+  j["createdAt"] = finite(createdAt);
   return j;
 }
 
@@ -175,29 +179,30 @@ TranslationEntry TranslationEntry::fromJson(const Json& j) {
 
 template <class T>
 typename Store<T>::Dictionary Store<T>::read() const {
-  std::lock_guard guard(lockFor(file_));
-  return readUnlocked<T>(file_);
+  std::lock_guard guard(storeLock());
+  return readUnlocked<T>(file_).value_or(Dictionary{});
 }
 
 template <class T>
 void Store<T>::write(const Dictionary& entries) const {
-  std::lock_guard guard(lockFor(file_));
+  std::lock_guard guard(storeLock());
   writeUnlocked(file_, entries);
 }
 
 template <class T>
 void Store<T>::upsert(const std::string& key, T value) const {
-  std::lock_guard guard(lockFor(file_));
+  std::lock_guard guard(storeLock());
   auto entries = readUnlocked<T>(file_);
-  entries.insert_or_assign(key, std::move(value));
-  writeUnlocked(file_, entries);
+  if (!entries) return;
+  entries->insert_or_assign(key, std::move(value));
+  writeUnlocked(file_, *entries);
 }
 
 template <class T>
 void Store<T>::remove(const std::string& key) const {
-  std::lock_guard guard(lockFor(file_));
+  std::lock_guard guard(storeLock());
   auto entries = readUnlocked<T>(file_);
-  if (entries.erase(key) > 0) writeUnlocked(file_, entries);
+  if (entries && entries->erase(key) > 0) writeUnlocked(file_, *entries);
 }
 
 template class Store<AssetEntry>;

@@ -4,7 +4,12 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cmath>
+
+#include "platform/SerialFileWriter.h"
 #include "subtitles/ResultStore.h"
 #include "support/TestKit.h"
 
@@ -127,6 +132,23 @@ TEST(ResultStore, AbsentOrDamagedFilesReadEmptyAndAreReplacedByTheNextWrite) {
   AssetStore blocked(home.file("blocker/assets.json"));
   blocked.upsert("k", fullEntry());
   EXPECT_TRUE(blocked.read().empty());
+
+  // A degenerate fit can't make the file unreadable to the store itself.
+  AssetEntry broken = fullEntry();
+  broken.fit->scale = std::nan("");
+  broken.createdAt = INFINITY;
+  store.upsert("movie|tt2", broken);
+  EXPECT_EQ(store.read().size(), 2u) << "the other film's entry is still there";
+  EXPECT_EQ(store.read().at("movie|tt2").fit->scale, 0);
+
+  // A file that is there but can't be read is left alone, not replaced.
+  if (::geteuid() != 0) {
+    const std::string before = readFile(store.file()).value_or("");
+    ::chmod(store.file().c_str(), 0);
+    store.upsert("movie|tt3", fullEntry());
+    ::chmod(store.file().c_str(), 0600);
+    EXPECT_EQ(readFile(store.file()).value_or(""), before);
+  }
 }
 
 TEST(ResultStore, ConcurrentUpsertsFromTwoThreadsLoseNothing) {

@@ -244,7 +244,6 @@ std::optional<std::optional<Regex::Match>> scanTimeLine(std::string_view s) {
   return std::optional<Regex::Match>();
 }
 
-
 std::vector<EngineCue> Cues::parse(std::string_view input) {
   const std::string text = normalisedLineEnds(input);
   std::vector<EngineCue> cues;

@@ -104,7 +104,8 @@ Json AssetEntry::toJson() const {
                        {"verdict", winner->verdict},
                        {"rank", winner->rank}};
   if (fit)
-    j["fit"] = Json{{"scale", finite(fit->scale)}, {"offsetMs", fit->offsetMs}, {"residMs", fit->residMs}, {"pts", fit->pts}};
+    j["fit"] =
+        Json{{"scale", finite(fit->scale)}, {"offsetMs", fit->offsetMs}, {"residMs", fit->residMs}, {"pts", fit->pts}};
   if (cues) {
     Json list = Json::array();
     for (const auto& c : *cues) list.push_back(Json{{"n", c.n}, {"start", c.start}, {"end", c.end}, {"text", c.text}});

@@ -199,10 +199,32 @@ TEST(BadInput, TheTimeLineScanAgreesWithItsPatternWheneverItAnswers) {
   // Pieces that make near-misses likely: digit runs of every length, both
   // separators, every kind of blank, arrows that break off, and a little
   // that isn't ASCII.
-  const std::vector<std::string> pieces = {"0", "12", "123", "1234", "1234567", ":", ",", ".", "-->", "->", "--",
-                                           " ", "\t", "\n", "\r", "\f", "\v", "x", "00:00:01,000", "99:99:99.9",
-                                           " --> ", "1:02:03.4-->5:06:07,890", "00:00:01,000 --> 00:00:02,000",
-                                           "\xc2\xa0", "\xd9\xa3", "é"};
+  const std::vector<std::string> pieces = {"0",
+                                           "12",
+                                           "123",
+                                           "1234",
+                                           "1234567",
+                                           ":",
+                                           ",",
+                                           ".",
+                                           "-->",
+                                           "->",
+                                           "--",
+                                           " ",
+                                           "\t",
+                                           "\n",
+                                           "\r",
+                                           "\f",
+                                           "\v",
+                                           "x",
+                                           "00:00:01,000",
+                                           "99:99:99.9",
+                                           " --> ",
+                                           "1:02:03.4-->5:06:07,890",
+                                           "00:00:01,000 --> 00:00:02,000",
+                                           "\xc2\xa0",
+                                           "\xd9\xa3",
+                                           "é"};
   std::mt19937 rng(61);
   int answered = 0, found = 0;
   for (int round = 0; round < 20000; ++round) {

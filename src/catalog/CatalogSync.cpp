@@ -7,6 +7,7 @@
 #include "core/AppConfig.h"
 #include "core/WatchlistPort.h"
 #include "platform/Log.h"
+#include "platform/Url.h"
 
 namespace vt {
 
@@ -34,11 +35,9 @@ bool CatalogSync::isDue(const CatalogCollection& c, Date now) {
     case Kind::library:
     case Kind::manual:
       return false;
-    case Kind::stremioCatalog: {
-      const QUrl url(QString::fromStdString(c.source.addonBaseURL), QUrl::StrictMode);
-      if (!url.isValid() || url.scheme().isEmpty()) return false;
+    case Kind::stremioCatalog:
+      if (!parseUrl(c.source.addonBaseURL)) return false;
       return !c.lastSyncedAt || now - *c.lastSyncedAt >= seconds(c.refreshInterval);
-    }
   }
   return false;
 }
@@ -58,8 +57,9 @@ std::vector<std::string> CatalogSync::membersOf(const std::vector<CatalogMeta>& 
 QCoro::Task<bool> CatalogSync::syncCatalog(std::string id, bool reconcile, CancelToken token) {
   const CatalogCollection* found = store_.collection(id);
   if (!found || found->source.kind != Kind::stremioCatalog || fetchingIds_.count(id)) co_return false;
-  const QUrl base(QString::fromStdString(found->source.addonBaseURL), QUrl::StrictMode);
-  if (!base.isValid() || base.scheme().isEmpty()) co_return false;
+  const auto parsed = parseUrl(found->source.addonBaseURL);
+  if (!parsed) co_return false;
+  const QUrl base = *parsed;
   const CollectionSource source = found->source;
   const std::string name = found->name;
   const int limit = found->maxItems + kFetchMargin;

@@ -7,6 +7,7 @@
 #include "platform/Json.h"
 #include "platform/PercentEncoding.h"
 #include "platform/Text.h"
+#include "platform/Url.h"
 
 namespace vt {
 
@@ -30,12 +31,6 @@ std::string baseText(const QUrl& base) {
 }
 
 std::string encoded(std::string_view text) { return percentEncode(text, PlainSet::ascii); }
-
-std::optional<QUrl> parsedURL(const std::string& text) {
-  const QUrl url(QString::fromStdString(text), QUrl::StrictMode);
-  if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty()) return std::nullopt;
-  return url;
-}
 
 // A row as the catalog keeps it: the name falls back to the id, the year to
 // the release info.
@@ -80,7 +75,7 @@ std::optional<QUrl> StremioCatalogClient::pageURL(const QUrl& base, std::string_
   if (skip > 0) extras.push_back("skip=" + std::to_string(skip));
   std::string path = baseText(base) + "/catalog/" + encoded(type) + "/" + encoded(catalogId);
   for (size_t i = 0; i < extras.size(); ++i) path += (i == 0 ? "/" : "&") + extras[i];
-  return parsedURL(path + ".json");
+  return parseUrl(path + ".json");
 }
 
 std::optional<std::vector<CatalogMeta>> StremioCatalogClient::decodePage(std::string_view body, std::string_view type) {
@@ -185,7 +180,7 @@ QCoro::Task<std::optional<std::vector<CatalogMeta>>> StremioCatalogClient::metas
 
 QCoro::Task<Result<StremioManifest, CatalogFetchError>> StremioCatalogClient::manifest(QUrl base, CancelToken token) {
   using Kind = CatalogFetchError::Kind;
-  const auto url = parsedURL(baseText(base) + "/manifest.json");
+  const auto url = parseUrl(baseText(base) + "/manifest.json");
   if (!url) co_return Failure{CatalogFetchError{Kind::badAddress, 0}};
   const HttpResponse reply = co_await http_.get(*url, kManifestTimeout, token);
   if (reply.failure != HttpFailure::none) co_return Failure{CatalogFetchError{Kind::network, 0}};
@@ -209,7 +204,7 @@ std::vector<std::string> StremioCatalogClient::genres(const StremioManifest& man
 
 QCoro::Task<std::optional<CatalogMeta>> StremioCatalogClient::meta(std::string type, std::string id,
                                                                    CancelToken token) {
-  const auto url = parsedURL(baseText(cinemeta_) + "/meta/" + encoded(type) + "/" + encoded(id) + ".json");
+  const auto url = parseUrl(baseText(cinemeta_) + "/meta/" + encoded(type) + "/" + encoded(id) + ".json");
   if (!url) co_return std::nullopt;
   const HttpResponse reply = co_await http_.get(*url, kMetaTimeout, token);
   if (reply.failure != HttpFailure::none || reply.status != 200) co_return std::nullopt;
@@ -220,7 +215,7 @@ QCoro::Task<std::optional<CatalogMeta>> StremioCatalogClient::meta(std::string t
 
 QCoro::Task<TitleStills> StremioCatalogClient::stills(std::string type, std::string id, CancelToken token) {
   TitleStills out;
-  const auto url = parsedURL(baseText(cinemeta_) + "/meta/" + encoded(type) + "/" + encoded(id) + ".json");
+  const auto url = parseUrl(baseText(cinemeta_) + "/meta/" + encoded(type) + "/" + encoded(id) + ".json");
   if (!url) co_return out;
   const HttpResponse reply = co_await http_.get(*url, kStillsTimeout, token);
   if (reply.failure != HttpFailure::none || reply.status != 200) co_return out;
@@ -249,7 +244,7 @@ QCoro::Task<std::vector<CatalogMeta>> StremioCatalogClient::search(QUrl base, st
                                                                    CancelToken token) {
   const std::string q = trimmed(query);
   if (q.empty()) co_return std::vector<CatalogMeta>{};
-  const auto url = parsedURL(baseText(base) + "/catalog/" + type + "/top/search=" + encoded(q) + ".json");
+  const auto url = parseUrl(baseText(base) + "/catalog/" + type + "/top/search=" + encoded(q) + ".json");
   if (!url) co_return std::vector<CatalogMeta>{};
   const HttpResponse reply = co_await http_.get(*url, kSearchTimeout, token);
   if (reply.failure != HttpFailure::none || reply.status != 200) co_return std::vector<CatalogMeta>{};

@@ -11,6 +11,7 @@
 #include "platform/JsonWriter.h"
 #include "platform/Log.h"
 #include "platform/Text.h"
+#include "platform/Url.h"
 
 namespace vt::cli {
 
@@ -101,9 +102,8 @@ Verb catalogVerb() {
               return listCatalog(dataFolder(args.home), io.out);
             }
             if (args.operands.size() != 2) return usageError(io, kVerb, "--fetch takes TYPE and ID, as in movie top");
-            const QUrl url(QString::fromStdString(*base), QUrl::StrictMode);
-            if (!url.isValid() || url.scheme().isEmpty())
-              return usageError(io, kVerb, "\"" + *base + "\" is no add-on address");
+            const auto url = parseUrl(*base);
+            if (!url) return usageError(io, kVerb, "\"" + *base + "\" is no add-on address");
             int limit = 50;
             if (const auto text = args.value("--limit")) {
               const auto n = parseAsciiInt(*text);
@@ -114,7 +114,7 @@ Verb catalogVerb() {
             HttpClient http(systemClock(), HttpClient::Session::ephemeral);
             StremioCatalogClient client(http, QUrl(QString::fromStdString(endpoints().cinemeta)));
             return QCoro::waitFor(
-                fetchCatalog(client, url, args.operands[0], args.operands[1], args.value("--genre"), limit, io.out));
+                fetchCatalog(client, *url, args.operands[0], args.operands[1], args.value("--genre"), limit, io.out));
           },
           "[TYPE ID]"};
 }

@@ -168,20 +168,10 @@ void CatalogStore::setMaxItems(int count, const std::string& collectionId) {
   auto* c = find(collectionId);
   if (!c || c->maxItems == count) return;
   c->maxItems = count;
-  const auto pinned = std::count_if(c->itemImdbIds.begin(), c->itemImdbIds.end(),
-                                    [&](const std::string& id) { return c->pinnedImdbIds.count(id) > 0; });
-  const int64_t room = std::max<int64_t>(0, int64_t{count} - pinned);
-  const auto before = c->itemImdbIds.size();
-  int64_t others = 0;
-  std::erase_if(c->itemImdbIds, [&](const std::string& id) {
-    if (c->pinnedImdbIds.count(id)) return false;
-    return others++ >= room;
-  });
-  const bool dropped = c->itemImdbIds.size() != before;
+  const bool dropped = capKeepingPins(*c, count);
+  if (dropped) c->lastChangedAt = clock_.now();
   saveCollections();
-  if (!dropped) return;
-  touchChanged(collectionId);
-  if (isMaterialised(collectionId) && onPublishedMembershipShrunk_) onPublishedMembershipShrunk_();
+  if (dropped && isMaterialised(collectionId) && onPublishedMembershipShrunk_) onPublishedMembershipShrunk_();
 }
 
 void CatalogStore::touchChanged(const std::string& collectionId) {
@@ -424,10 +414,13 @@ void CatalogStore::markFailed(const std::string& id) {
     if (c.source.kind == CollectionSource::Kind::stremioCatalog && holds(c, key)) holders.push_back(c.id);
   bool published = false;
   for (const auto& holder : holders) {
-    removeItem(key, holder);
-    touchChanged(holder);
+    auto* c = find(holder);
+    std::erase(c->itemImdbIds, key);
+    c->pinnedImdbIds.erase(key);
+    c->lastChangedAt = clock_.now();
     if (isMaterialised(holder)) published = true;
   }
+  if (!holders.empty()) saveCollections();
   if (published && onPublishedMembershipShrunk_) onPublishedMembershipShrunk_();
 }
 

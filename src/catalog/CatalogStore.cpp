@@ -14,6 +14,7 @@
 
 #include "catalog/CatalogSync.h"
 #include "platform/Log.h"
+#include "platform/Text.h"
 
 namespace vt {
 
@@ -42,22 +43,6 @@ std::string utf8(const icu::UnicodeString& text) {
   std::string out;
   text.toUTF8String(out);
   return out;
-}
-
-// Without leading and trailing white space and line breaks (any Unicode ones).
-icu::UnicodeString trimmedUnicode(const icu::UnicodeString& text) {
-  int32_t begin = 0, end = text.length();
-  while (begin < end) {
-    const UChar32 c = text.char32At(begin);
-    if (!u_isUWhiteSpace(c)) break;
-    begin += U16_LENGTH(c);
-  }
-  while (end > begin) {
-    const int32_t at = text.moveIndex32(end, -1);
-    if (!u_isUWhiteSpace(text.char32At(at))) break;
-    end = at;
-  }
-  return icu::UnicodeString(text, begin, end - begin);
 }
 
 // The first `count` user-perceived characters (extended grapheme clusters).
@@ -221,26 +206,24 @@ bool CatalogStore::deduplicateAtLoad() {
   return any;
 }
 
+// Pins stay wherever they are; the other members fill what room is left, in
+// order. Whether anything was dropped.
+bool CatalogStore::capKeepingPins(CatalogCollection& c, int max) {
+  const auto pinned = std::count_if(c.itemImdbIds.begin(), c.itemImdbIds.end(),
+                                    [&](const std::string& id) { return c.pinnedImdbIds.count(id) > 0; });
+  const int64_t room = std::max<int64_t>(0, int64_t{max} - pinned);
+  int64_t others = 0;
+  return std::erase_if(c.itemImdbIds,
+                       [&](const std::string& id) { return !c.pinnedImdbIds.count(id) && others++ >= room; }) > 0;
+}
+
 bool CatalogStore::capAtLoad() {
   bool any = false;
   for (auto& c : collections_) {
     if (c.source.kind != CollectionSource::Kind::stremioCatalog) continue;
     const auto before = c.itemImdbIds.size();
     if (static_cast<int64_t>(before) <= c.maxItems) continue;
-    const auto pinned = std::count_if(c.itemImdbIds.begin(), c.itemImdbIds.end(),
-                                      [&](const std::string& id) { return c.pinnedImdbIds.count(id) > 0; });
-    const int64_t room = std::max<int64_t>(0, c.maxItems - pinned);
-    std::vector<std::string> kept;
-    int64_t others = 0;
-    for (auto& id : c.itemImdbIds) {
-      if (c.pinnedImdbIds.count(id)) {
-        kept.push_back(std::move(id));
-      } else if (others < room) {
-        kept.push_back(std::move(id));
-        ++others;
-      }
-    }
-    c.itemImdbIds = std::move(kept);
+    capKeepingPins(c, c.maxItems);
     logLine("[CatalogStore] capped \"" + c.name + "\" at " + std::to_string(c.maxItems) + ": " +
             std::to_string(before) + " → " + std::to_string(c.itemImdbIds.size()) + " item(s)");
     any = true;
@@ -389,7 +372,7 @@ std::optional<CatalogCollection> CatalogStore::libraryCollection() {
 }
 
 std::string CatalogStore::uniqueName(std::string_view base, const std::vector<CatalogCollection>& existing) {
-  const auto trimmed = trimmedUnicode(unicode(base));
+  const auto trimmed = unicode(trimmedUnicodeSpace(base));
   std::unordered_set<std::string> taken;
   for (const auto& c : existing) taken.insert(folded(c.name));
   const auto first = utf8(firstCharacters(trimmed, kNameLength));

@@ -196,6 +196,7 @@ class CatalogStore : public QObject, public CatalogPort {
   void keepUnreadable(const std::string& path, const char* fileName);
   bool deduplicateAtLoad();
   bool capAtLoad();
+  static bool capKeepingPins(CatalogCollection& c, int max);
   CatalogCollection* find(std::string_view id);
 
   void saveCollections();
@@ -221,7 +222,6 @@ class CatalogStore : public QObject, public CatalogPort {
   std::vector<std::string> materialisedIds_;
   std::set<std::string> stagingIds_;
   RevealedIds stagedRevealedIds_;
-  std::set<std::string> fetchingIds_;
   std::map<std::string, CollectionPlexDelivery> plexDelivery_;
   std::function<void(const std::string&)> onPublishedCatalogSynced_;
   std::function<void()> onPublishedMembershipShrunk_;

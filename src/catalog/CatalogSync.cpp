@@ -63,27 +63,20 @@ QCoro::Task<bool> CatalogSync::syncCatalog(std::string id, bool reconcile, Cance
   const CollectionSource source = found->source;
   const std::string name = found->name;
   const int limit = found->maxItems + kFetchMargin;
-  fetchingIds_.insert(id);
+  const Fetching fetching(*this, id);
 
   const auto alive = alive_;
   auto metas = co_await client_.metas(base, source.type, source.catalogId, source.genre, limit, token);
   if (!*alive) co_return false;  // the store went while the pages came in
-  if (token.isCancelled()) {
-    fetchingIds_.erase(id);
-    co_return false;
-  }
+  if (token.isCancelled()) co_return false;
   if (!metas || metas->empty()) {
     logLine("[CatalogStore] syncCatalog: empty or failed fetch for " + name +
             " — skipping reconcile to avoid data loss");
-    fetchingIds_.erase(id);
     co_return false;
   }
   // The list may have gone, or been pointed elsewhere, while the pages came in.
   const CatalogCollection* current = store_.collection(id);
-  if (!current || current->source != source) {
-    fetchingIds_.erase(id);
-    co_return true;
-  }
+  if (!current || current->source != source) co_return true;
   CatalogCollection collection = *current;
   const std::vector<std::string> members = membersOf(*metas, collection, reconcile);
   const std::set<std::string> before(collection.itemImdbIds.begin(), collection.itemImdbIds.end());
@@ -97,7 +90,6 @@ QCoro::Task<bool> CatalogSync::syncCatalog(std::string id, bool reconcile, Cance
   store_.upsert(collection);
   store_.mergeMeta(*metas);
   store_.catalogSynced(id, removed);
-  fetchingIds_.erase(id);
   co_return true;
 }
 
@@ -106,21 +98,17 @@ QCoro::Task<bool> CatalogSync::syncWatchlist(std::string id, CancelToken token) 
   const CatalogCollection* found = store_.collection(id);
   if (!found || found->source.kind != Kind::watchlist || fetchingIds_.count(id)) co_return false;
   const int limit = found->maxItems;
-  fetchingIds_.insert(id);
+  const Fetching fetching(*this, id);
 
   const auto alive = alive_;
   auto fetched = co_await watchlist_.fetchWatchlist(limit, watchlistGuids_, token);
   if (!*alive) co_return false;
-  if (token.isCancelled()) {
-    fetchingIds_.erase(id);
-    co_return false;
-  }
+  if (token.isCancelled()) co_return false;
   if (!fetched) {
     // Every 15 s the same failure would say nothing new: it is logged when it changes.
     if (fetched.error() != lastWatchlistFailure_)
       logLine("[CatalogStore] watchlist fetch failed — keeping existing membership: " + fetched.error());
     lastWatchlistFailure_ = fetched.error();
-    fetchingIds_.erase(id);
     co_return false;
   }
   lastWatchlistFailure_.clear();
@@ -131,14 +119,10 @@ QCoro::Task<bool> CatalogSync::syncWatchlist(std::string id, CancelToken token) 
     if (seen.insert(item.imdbId).second) ids.push_back(item.imdbId);
 
   const CatalogCollection* current = store_.collection(id);
-  if (!current) {
-    fetchingIds_.erase(id);
-    co_return true;
-  }
+  if (!current) co_return true;
   CatalogCollection collection = *current;
   if (ids.empty() && !collection.itemImdbIds.empty() && !watchlistEmptyOnce_.count(id)) {
     watchlistEmptyOnce_.insert(id);
-    fetchingIds_.erase(id);
     co_return true;
   }
   watchlistEmptyOnce_.erase(id);
@@ -151,27 +135,19 @@ QCoro::Task<bool> CatalogSync::syncWatchlist(std::string id, CancelToken token) 
   store_.upsert(collection);
 
   std::vector<CatalogMeta> metas;
-  std::vector<CatalogMeta> newPosters;
+  std::map<std::string, std::string> posters;
   for (const auto& item : fetched->items) {
-    CatalogMeta m;
-    m.id = item.imdbId;
-    m.name = item.title;
-    m.year = item.year;
-    m.posterURL = item.posterURL;
-    m.mediaType = item.mediaType;
-    metas.push_back(m);
+    metas.push_back(CatalogMeta{.id = item.imdbId,
+                                .name = item.title,
+                                .year = item.year,
+                                .posterURL = item.posterURL,
+                                .mediaType = item.mediaType});
+    if (item.posterURL) posters[item.imdbId] = *item.posterURL;
   }
   store_.fillMeta(metas);
   // A poster that changed on Plex's side replaces the stored one.
-  for (const auto& m : metas)
-    if (const CatalogMeta* stored = store_.meta(m.id); stored && m.posterURL && stored->posterURL != m.posterURL) {
-      CatalogMeta changed = *stored;
-      changed.posterURL = m.posterURL;
-      newPosters.push_back(std::move(changed));
-    }
-  if (!newPosters.empty()) store_.mergeMeta(newPosters);
+  replacePosters(posters);
   store_.catalogSynced(id, removed);
-  fetchingIds_.erase(id);
   co_return true;
 }
 
@@ -250,18 +226,23 @@ void CatalogSync::prefetchPosters(const std::string& collectionId) {
       found[id] = *record->posterURL;
       records.push_back(std::move(*record));
     }
-    // Only the poster changes; the records may have changed meanwhile.
-    std::vector<CatalogMeta> updated;
-    for (const auto& [id, url] : found)
-      if (const CatalogMeta* m = store_.meta(id)) {
-        CatalogMeta withPoster = *m;
-        withPoster.posterURL = url;
-        updated.push_back(std::move(withPoster));
-      }
-    if (!updated.empty()) store_.mergeMeta(updated);
+    replacePosters(found);
     if (!records.empty()) store_.fillMeta(records);
     posterJobs_.erase(collectionId);
   });
+}
+
+// Only the poster of a stored record changes, and only where it differs;
+// the records may have changed while the posters were found.
+void CatalogSync::replacePosters(const std::map<std::string, std::string>& posters) {
+  std::vector<CatalogMeta> updated;
+  for (const auto& [id, url] : posters)
+    if (const CatalogMeta* m = store_.meta(id); m && m->posterURL != url) {
+      CatalogMeta withPoster = *m;
+      withPoster.posterURL = url;
+      updated.push_back(std::move(withPoster));
+    }
+  if (!updated.empty()) store_.mergeMeta(updated);
 }
 
 }  // namespace vt

@@ -72,6 +72,21 @@ class CatalogSync {
   const std::map<std::string, Backoff>& backoff() const { return backoff_; }
 
  private:
+  // Holds a list among those being fetched for the length of one sync, and
+  // lets go of it unless the sync outlived this.
+  struct Fetching {
+    Fetching(CatalogSync& sync, std::string id) : sync(sync), id(std::move(id)), alive(sync.alive_) {
+      sync.fetchingIds_.insert(this->id);
+    }
+    ~Fetching() {
+      if (*alive) sync.fetchingIds_.erase(id);
+    }
+    CatalogSync& sync;
+    std::string id;
+    std::shared_ptr<bool> alive;
+  };
+
+  void replacePosters(const std::map<std::string, std::string>& posters);
   std::vector<std::string> membersOf(const std::vector<CatalogMeta>& metas, const CatalogCollection& collection,
                                      bool reconcile);
 

@@ -1,9 +1,9 @@
 #include "catalog/CatalogTypes.h"
 
-#include <QUuid>
-
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
+
+#include "platform/Crypto.h"
 
 namespace vt {
 
@@ -93,7 +93,7 @@ std::string CollectionSource::displayName() const {
   return name;
 }
 
-std::string newCollectionId() { return QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toStdString(); }
+std::string newCollectionId() { return newUuid(); }
 
 std::optional<std::string> normalisedUuid(std::string_view text) {
   if (text.size() != 36) return std::nullopt;

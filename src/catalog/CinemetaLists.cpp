@@ -29,6 +29,7 @@ QCoro::Task<> CinemetaLists::load() {
   if (!*alive || token.isCancelled()) co_return;
   std::map<std::string, std::vector<CatalogListRow>> built;
   std::vector<CatalogListSection> sections;
+  const auto followed = collections_ ? collections_() : std::vector<CatalogCollection>{};
   for (const std::string type : {"movie", "series"}) {
     auto& rows = built[type];
     rows.push_back({"Popular", "top", std::nullopt, type});
@@ -37,7 +38,7 @@ QCoro::Task<> CinemetaLists::load() {
     if (manifest)
       for (const auto& genre : StremioCatalogClient::genres(*manifest, type, "top"))
         rows.push_back({genre, "top", genre, type});
-    for (const auto& c : collections_ ? collections_() : std::vector<CatalogCollection>{}) {
+    for (const auto& c : followed) {
       if (c.source.kind != CollectionSource::Kind::stremioCatalog || c.source.type != type) continue;
       CatalogListRow row{c.name, c.source.catalogId, c.source.genre, type};
       const bool known = std::any_of(rows.begin(), rows.end(), [&](const auto& r) { return r.key() == row.key(); });

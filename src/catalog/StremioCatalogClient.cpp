@@ -202,27 +202,32 @@ std::vector<std::string> StremioCatalogClient::genres(const StremioManifest& man
   return {};
 }
 
-QCoro::Task<std::optional<CatalogMeta>> StremioCatalogClient::meta(std::string type, std::string id,
-                                                                   CancelToken token) {
+// Cinemeta's record of a title: the "meta" object of its answer, none for
+// anything else.
+QCoro::Task<std::optional<Json>> StremioCatalogClient::metaRecord(std::string type, std::string id, double timeout,
+                                                                  CancelToken token) {
   const auto url = parseUrl(baseText(cinemeta_) + "/meta/" + encoded(type) + "/" + encoded(id) + ".json");
   if (!url) co_return std::nullopt;
-  const HttpResponse reply = co_await http_.get(*url, kMetaTimeout, token);
+  const HttpResponse reply = co_await http_.get(*url, timeout, token);
   if (reply.failure != HttpFailure::none || reply.status != 200) co_return std::nullopt;
-  const auto j = json::parse(std::string_view(reply.body.constData(), reply.body.size()));
+  const auto j = reply.json();
   if (!j || !j->is_object() || !j->contains("meta")) co_return std::nullopt;
-  co_return row(j->at("meta"), type, "year");
+  Json record = j->at("meta");
+  co_return record;
+}
+
+QCoro::Task<std::optional<CatalogMeta>> StremioCatalogClient::meta(std::string type, std::string id,
+                                                                   CancelToken token) {
+  const auto record = co_await metaRecord(type, std::move(id), kMetaTimeout, token);
+  if (!record) co_return std::nullopt;
+  co_return row(*record, type, "year");
 }
 
 QCoro::Task<TitleStills> StremioCatalogClient::stills(std::string type, std::string id, CancelToken token) {
   TitleStills out;
-  const auto url = parseUrl(baseText(cinemeta_) + "/meta/" + encoded(type) + "/" + encoded(id) + ".json");
-  if (!url) co_return out;
-  const HttpResponse reply = co_await http_.get(*url, kStillsTimeout, token);
-  if (reply.failure != HttpFailure::none || reply.status != 200) co_return out;
-  const auto j = json::parse(std::string_view(reply.body.constData(), reply.body.size()));
-  if (!j || !j->is_object()) co_return out;
-  const auto meta = j->find("meta");
-  if (meta == j->end() || !meta->is_object()) co_return out;
+  const auto record = co_await metaRecord(std::move(type), std::move(id), kStillsTimeout, token);
+  if (!record || !record->is_object()) co_return out;
+  const auto meta = &*record;
   const Field background = textField(*meta, "background");
   if (!background) co_return out;
   std::vector<std::string> trailers;
@@ -244,7 +249,7 @@ QCoro::Task<std::vector<CatalogMeta>> StremioCatalogClient::search(QUrl base, st
                                                                    CancelToken token) {
   const std::string q = trimmed(query);
   if (q.empty()) co_return std::vector<CatalogMeta>{};
-  const auto url = parseUrl(baseText(base) + "/catalog/" + type + "/top/search=" + encoded(q) + ".json");
+  const auto url = parseUrl(baseText(base) + "/catalog/" + encoded(type) + "/top/search=" + encoded(q) + ".json");
   if (!url) co_return std::vector<CatalogMeta>{};
   const HttpResponse reply = co_await http_.get(*url, kSearchTimeout, token);
   if (reply.failure != HttpFailure::none || reply.status != 200) co_return std::vector<CatalogMeta>{};

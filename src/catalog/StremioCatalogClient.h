@@ -11,6 +11,7 @@
 
 #include "catalog/CatalogTypes.h"
 #include "platform/Cancellation.h"
+#include "platform/Json.h"
 #include "platform/Result.h"
 
 namespace vt {
@@ -100,6 +101,8 @@ class StremioCatalogClient {
   static std::optional<StremioManifest> decodeManifest(std::string_view body);
 
  private:
+  QCoro::Task<std::optional<Json>> metaRecord(std::string type, std::string id, double timeout, CancelToken token);
+
   HttpClient& http_;
   QUrl cinemeta_;
 };

@@ -1,7 +1,6 @@
 #include "core/ActivityLog.h"
 
-#include <QUuid>
-
+#include "platform/Crypto.h"
 #include "platform/Clock.h"
 #include "platform/Json.h"
 #include "platform/SerialFileWriter.h"
@@ -73,7 +72,7 @@ void ActivityLog::prune(Date now) {
 void ActivityLog::record(Kind kind, std::string title, std::optional<std::string> detail,
                          std::optional<std::string> imdb) {
   Event e;
-  e.id = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toStdString();
+  e.id = newUuid();
   e.at = clock_.now();
   e.kind = kind;
   e.title = std::move(title);

@@ -1,9 +1,9 @@
 #include "core/AppConfig.h"
 
 #include <QUrlQuery>
-#include <QUuid>
 #include <algorithm>
 
+#include "platform/Crypto.h"
 #include "platform/Text.h"
 #include "platform/Url.h"
 
@@ -24,7 +24,7 @@ void AppConfig::load() {
   if (auto id = store_.string("clientIdentifier"); id && !id->empty()) {
     clientIdentifier_ = *id;
   } else {
-    clientIdentifier_ = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toStdString();
+    clientIdentifier_ = newUuid();
     store_.setString("clientIdentifier", clientIdentifier_);
   }
 

@@ -3,7 +3,8 @@
 // What the catalog needs of Plex: the user's Watchlist, and the posters of
 // titles Plex already has. The Plex subsystem implements them; until it does,
 // stand-ins: a Watchlist that always fails keeps the Watchlist collection's
-// members where they are, and no Plex posters.
+// members where they are, and without a poster port Cinemeta is asked for
+// every poster.
 
 #include <map>
 #include <optional>
@@ -48,14 +49,6 @@ class PlexPosterPort {
   virtual ~PlexPosterPort() = default;
   virtual QCoro::Task<std::map<std::string, std::string>> posters(std::vector<std::string> imdbIds,
                                                                   CancelToken token = CancelToken::none()) = 0;
-};
-
-// Until then: Plex knows no posters, and Cinemeta is asked for all of them.
-class NoPlexPosters final : public PlexPosterPort {
- public:
-  QCoro::Task<std::map<std::string, std::string>> posters(std::vector<std::string>, CancelToken) override {
-    co_return std::map<std::string, std::string>{};
-  }
 };
 
 // The stand-in: every fetch fails, so nothing is ever emptied by it.

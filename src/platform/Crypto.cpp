@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QCryptographicHash>
+#include <QUuid>
 
 namespace vt {
 
@@ -10,5 +11,7 @@ std::string sha256Hex(std::string_view bytes) {
                                                QCryptographicHash::Sha256);
   return digest.toHex().toStdString();
 }
+
+std::string newUuid() { return QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toStdString(); }
 
 }  // namespace vt

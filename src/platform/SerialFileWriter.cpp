@@ -13,14 +13,20 @@
 
 namespace vt {
 
-bool writeFileAtomically(const std::string& path, const std::string& bytes) {
+bool writeFileAtomically(const std::string& path, const std::string& bytes, const std::string& tempPath) {
   namespace fs = std::filesystem;
   const fs::path target(path);
   const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
-  std::string hidden = ".";
-  hidden.append(target.filename().string()).append(".XXXXXX");
-  std::string tmpl = (dir / hidden).string();
-  const int fd = ::mkstemp(tmpl.data());
+  std::string tmpl = tempPath;
+  int fd = -1;
+  if (tmpl.empty()) {
+    std::string hidden = ".";
+    hidden.append(target.filename().string()).append(".XXXXXX");
+    tmpl = (dir / hidden).string();
+    fd = ::mkstemp(tmpl.data());
+  } else {
+    fd = ::open(tmpl.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  }
   if (fd < 0) return false;
   bool ok = true;
   size_t written = 0;

@@ -10,8 +10,10 @@ namespace vt {
 
 // Writes `bytes` to `path` so that a reader or a crash sees the old file or
 // the new one whole: a temporary file in the same folder, synced, renamed
-// over. False on any failure; the temporary file is removed then.
-bool writeFileAtomically(const std::string& path, const std::string& bytes);
+// over. False on any failure; the temporary file is removed then. The
+// temporary file has a unique hidden name, or `tempPath` where a caller that
+// serialises its writers needs a fixed one.
+bool writeFileAtomically(const std::string& path, const std::string& bytes, const std::string& tempPath = {});
 // Removes what interrupted writes of `path` left behind (their hidden
 // temporary files beside it); the number removed.
 int removeInterruptedWrites(const std::string& path);

@@ -13,6 +13,9 @@ inline constexpr std::string_view kAsciiWhitespace = " \t\n\r\f\v";
 // `text` without the leading and trailing bytes that are in `chars`.
 std::string_view trimmedView(std::string_view text, std::string_view chars = kAsciiWhitespace);
 std::string trimmed(std::string_view text, std::string_view chars = kAsciiWhitespace);
+// `text` without Unicode white space (blanks, line ends, no-break and
+// ideographic spaces...) at either end.
+std::string_view trimmedUnicodeSpace(std::string_view text);
 
 // The whole of `text` as a decimal int: an optional '-' then ASCII digits,
 // nothing else (no blanks, no '+', no digits of other scripts). None when the

@@ -9,7 +9,7 @@
 #include <cstdio>
 
 #include "platform/Regex.h"
-#include "subtitles/TextHelpers.h"
+#include "platform/Text.h"
 
 namespace vt {
 

@@ -3,8 +3,7 @@
 #include <cmath>
 #include <limits>
 
-#include "platform/Regex.h"
-#include "subtitles/TextHelpers.h"
+#include "platform/Text.h"
 
 namespace vt {
 

@@ -6,6 +6,8 @@
 
 #include "platform/Endpoints.h"
 #include "platform/PercentEncoding.h"
+#include "platform/Text.h"
+#include "platform/Url.h"
 
 namespace vt {
 
@@ -13,7 +15,9 @@ namespace {
 
 // The first `n` bytes of a body as text; a character cut in half or any
 // other invalid UTF-8 becomes U+FFFD.
-std::string leading(const QByteArray& body, qsizetype n) { return QString::fromUtf8(body.left(n)).toStdString(); }
+std::string leading(const QByteArray& body, qsizetype n) {
+  return validUtf8(std::string_view(body.constData(), static_cast<size_t>(std::min(n, body.size()))));
+}
 
 }  // namespace
 
@@ -70,13 +74,7 @@ Relay::Relay(HttpClient& http, std::optional<QUrl> base, Headers auth)
   if (base_ && !base_->isValid()) base_.reset();
 }
 
-std::optional<QUrl> Relay::defaultBase() {
-  const std::string& base = endpoints().subtitleService;
-  if (base.empty()) return std::nullopt;
-  QUrl url(QString::fromStdString(base));
-  if (!url.isValid() || url.scheme().isEmpty()) return std::nullopt;
-  return url;
-}
+std::optional<QUrl> Relay::defaultBase() { return parseUrl(endpoints().subtitleService); }
 
 HttpRequest Relay::request(const std::string& route, Query query, double timeout) const {
   QUrl url = base_.value_or(QUrl());

@@ -1,9 +1,5 @@
 #include "subtitles/ResultStore.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cmath>
 #include <filesystem>
 #include <memory>
@@ -30,33 +26,14 @@ std::mutex& storeLock() {
 // held null there could not be read back.
 double finite(double value) { return std::isfinite(value) ? value : 0; }
 
-bool writeAll(int fd, const std::string& bytes) {
-  size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    written += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // "<file>.tmp" written and synced, then renamed over the file in one step, so
-// a reader sees the old file or the new one whole.
+// a reader sees the old file or the new one whole. The fixed name is safe:
+// the store's lock keeps writers one at a time.
 void replaceFile(const std::string& file, const std::string& bytes) {
-  namespace fs = std::filesystem;
   std::error_code ec;
-  const fs::path target(file);
-  if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
-  const std::string tmp = file + ".tmp";
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return;
-  bool ok = writeAll(fd, bytes) && ::fdatasync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  ok = ok && ::rename(tmp.c_str(), file.c_str()) == 0;
-  if (!ok) ::unlink(tmp.c_str());
+  const std::filesystem::path target(file);
+  if (target.has_parent_path()) std::filesystem::create_directories(target.parent_path(), ec);
+  static_cast<void>(writeFileAtomically(file, bytes, file + ".tmp"));
 }
 
 // The entries; none when the file is there but can't be read (permissions,

@@ -12,10 +12,6 @@
 
 namespace vt {
 
-// Seconds since 1970-01-01 00:00:00 UTC of a Date. The result store and the
-// relay count `createdAt` from 1970, unlike every other file of ours.
-inline double unixCreatedAt(Date d) { return unixSecondsFromDate(d); }
-
 // What was proven about one film file: its winning subtitle, the fit, the
 // cues, or a proven failure. Stored in "assets.json" and shared through the
 // relay as the same JSON. Absent optional fields are left out of the JSON.
@@ -107,8 +103,8 @@ inline std::string translationKey(std::string_view asset, std::string_view fileI
 
 // A JSON file holding an object from key to T: a cache, so a file that is
 // absent or does not decode reads as empty and the next write replaces it.
-// Every read-change-write of one file runs under a process-wide lock of that
-// file's path, shared by all Store objects over it and by all threads.
+// Every read-change-write of either file runs under one process-wide lock,
+// shared by all Store objects and all threads.
 template <class T>
 class Store {
  public:

@@ -232,8 +232,6 @@ const std::vector<Mojibake>& mojibake() {
   return table;
 }
 
-// Replaces every `from` by `to`, which is never longer, in place: a large
-// file is mended without a copy per pair.
 // Replaces every `from` by `to`, which is never longer, in place, so that a
 // large file isn't copied once per pair.
 void replaceLiteral(std::string& text, std::string_view from, std::string_view to) {

@@ -416,14 +416,13 @@ void MosaicEngine::installWall(WallChange& change, double now) {
 
   size_t kept = 0;
   queuedBytes_ = 0;
-  for (size_t i = queueHead_; i < queue_.size(); ++i) {
+  for (size_t i = 0; i < queue_.size(); ++i) {
     if (!slots_.count(queue_[i].key)) continue;
     queuedBytes_ += queue_[i].bytes.size();
     if (kept != i) queue_[kept] = std::move(queue_[i]);
     ++kept;
   }
   queue_.resize(kept);
-  queueHead_ = 0;
 
   // The collections wall draws its deeper cards under keys derived from the
   // cell's key; those textures belong to the wall as much as the front ones.
@@ -457,15 +456,17 @@ void MosaicEngine::drainArrivals() {
   }
   arrived_.clear();
 
-  while (queuedBytes_ > kQueueLimit && queueHead_ < queue_.size()) {
-    queuedBytes_ -= queue_[queueHead_].bytes.size();
-    queue_[queueHead_++].bytes = {};
+  // Oldest first; what is taken is dropped from the front at the end.
+  size_t head = 0;
+  while (queuedBytes_ > kQueueLimit && head < queue_.size()) {
+    queuedBytes_ -= queue_[head].bytes.size();
+    queue_[head++].bytes = {};
   }
 
   const double began = workTime_();
   size_t frameBytes = 0;
-  while (frameBytes < kUploadBudget && queueHead_ < queue_.size()) {
-    Arrival& a = queue_[queueHead_++];
+  while (frameBytes < kUploadBudget && head < queue_.size()) {
+    Arrival& a = queue_[head++];
     queuedBytes_ -= a.bytes.size();
     frameBytes += a.bytes.size();
     if (!a.soft) {
@@ -477,13 +478,7 @@ void MosaicEngine::drainArrivals() {
     if (workTime_() - began >= kUploadSeconds) break;
   }
 
-  if (queueHead_ == queue_.size()) {
-    queue_.clear();
-    queueHead_ = 0;
-  } else if (queueHead_ > 0) {
-    queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(queueHead_));
-    queueHead_ = 0;
-  }
+  queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(head));
 }
 
 void MosaicEngine::stepScroll(const Inbox& in, double step) {

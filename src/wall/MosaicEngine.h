@@ -166,7 +166,7 @@ class MosaicEngine {
   std::optional<Place> place(const std::string& scope) const;
   std::optional<double> requestedAt(uint64_t key) const;
   bool isDead(uint64_t key) const;
-  size_t queuedCount() const { return queue_.size() - queueHead_; }
+  size_t queuedCount() const { return queue_.size(); }
   size_t queuedBytes() const { return queuedBytes_; }
   float viewWidth() const { return viewW_; }
   float viewHeight() const { return viewH_; }
@@ -249,8 +249,7 @@ class MosaicEngine {
   std::vector<double> requestedAt_;
   std::vector<uint8_t> dead_;
   std::unordered_set<uint64_t> deadElsewhere_;
-  std::vector<Arrival> queue_;  // oldest first, from queueHead_
-  size_t queueHead_ = 0;
+  std::vector<Arrival> queue_;  // oldest first
   size_t queuedBytes_ = 0;
   std::array<float, 240> intervals_{};
   size_t intervalCount_ = 0, intervalNext_ = 0;

@@ -52,17 +52,18 @@ int listCatalog(const std::string& directory, std::ostream& out) {
 
 QCoro::Task<int> fetchCatalog(StremioCatalogClient& client, QUrl base, std::string type, std::string catalogId,
                               std::optional<std::string> genre, int limit, std::ostream& out) {
-  client.onPage = [&out](int skip, const std::vector<CatalogMeta>& page) {
+  // {"skip":N,"ids":[...]} for a page, {"ids":[...]} for the walk.
+  const auto idsLine = [&out](std::optional<int> skip, const std::vector<CatalogMeta>& metas) {
+    std::vector<std::string> ids;
+    for (const auto& m : metas) ids.push_back(m.id);
     JsonWriter w;
     w.beginObject();
-    w.field("skip", static_cast<int64_t>(skip));
-    w.key("ids");
-    w.beginArray();
-    for (const auto& m : page) w.value(m.id);
-    w.endArray();
+    if (skip) w.field("skip", static_cast<int64_t>(*skip));
+    writeIds(w, "ids", ids);
     w.endObject();
     out << w.str() << '\n';
   };
+  client.onPage = [&idsLine](int skip, const std::vector<CatalogMeta>& page) { idsLine(skip, page); };
   auto metas = co_await client.metas(base, type, catalogId, genre, limit);
   client.onPage = nullptr;
   if (!metas) {
@@ -70,14 +71,7 @@ QCoro::Task<int> fetchCatalog(StremioCatalogClient& client, QUrl base, std::stri
         << '\n';
     co_return 1;
   }
-  JsonWriter w;
-  w.beginObject();
-  w.key("ids");
-  w.beginArray();
-  for (const auto& m : *metas) w.value(m.id);
-  w.endArray();
-  w.endObject();
-  out << w.str() << '\n';
+  idsLine(std::nullopt, *metas);
   co_return 0;
 }
 

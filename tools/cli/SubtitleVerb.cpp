@@ -1,10 +1,9 @@
 #include <charconv>
 #include <cmath>
-#include <fstream>
 #include <ostream>
-#include <sstream>
 
 #include "cli/Verbs.h"
+#include "platform/SerialFileWriter.h"
 #include "subtitles/Emit.h"
 
 namespace vt::cli {
@@ -25,15 +24,6 @@ std::optional<int64_t> parseInteger(const std::string& text) {
   const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
   return value;
-}
-
-std::optional<std::string> readWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  if (in.bad()) return std::nullopt;
-  return bytes.str();
 }
 
 std::vector<EngineCue> readCues(const std::string& bytes, const std::optional<std::string>& language,
@@ -91,7 +81,7 @@ Verb subtitleVerb() {
           [](const Arguments& args, Io& io) {
             if (args.operands.size() != 2 || (args.operands[0] != "check" && args.operands[0] != "fit"))
               return usageError(io, kVerb, "give check FILE or fit FILE");
-            const auto bytes = readWholeFile(args.operands[1]);
+            const auto bytes = readFile(args.operands[1]);
             if (!bytes) {
               io.err << kToolName << ' ' << kVerb << ": can't read " << args.operands[1] << '\n';
               return 1;

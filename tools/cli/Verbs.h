@@ -73,8 +73,8 @@ struct SubtitleFile {
   std::string bytes;
   std::optional<std::string> language;
 };
-// check: one JSON object with what reading the file found; the shape gate's
-// refusal only with the film's length.
+// check: one JSON object with what reading the file found, and the shape
+// gate's refusal; its coverage test only with the film's length.
 int subtitleCheck(const SubtitleFile& file, std::optional<double> filmSeconds, std::ostream& out);
 // fit: the cues as SRT with the fit applied.
 int subtitleFit(const SubtitleFile& file, double scale, int64_t offsetMs, std::ostream& out);

@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include <QUuid>
-
+#include "platform/Crypto.h"
 #include "platform/Endpoints.h"
 #include "platform/Http.h"
 #include "platform/Json.h"
@@ -490,7 +489,7 @@ StremioResolver::Candidates StremioResolver::candidates(const std::vector<Cached
     }
 
     StreamCandidate c;
-    c.id = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toStdString();
+    c.id = newUuid();
     c.filename = name.empty() ? "stream" : name;
     c.url = row->url.value_or("");
     const std::string rowTitle = row->title.value_or("");

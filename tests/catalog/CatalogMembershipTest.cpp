@@ -12,13 +12,8 @@ namespace {
 
 constexpr double kHour = 3600, kDay = 86400, kWeek = 604800;
 
-CatalogMeta metaOf(std::string id, std::optional<std::string> mediaType = std::nullopt) {
-  CatalogMeta m;
-  m.id = std::move(id);
-  m.name = "Title " + m.id;
-  m.year = "2001";
-  m.mediaType = std::move(mediaType);
-  return m;
+CatalogMeta metaOf(const std::string& id, std::optional<std::string> mediaType = std::nullopt) {
+  return {.id = id, .name = "Title " + id, .year = "2001", .mediaType = std::move(mediaType)};
 }
 
 std::vector<CatalogMeta> metas(const std::vector<std::string>& ids) {
@@ -27,21 +22,13 @@ std::vector<CatalogMeta> metas(const std::vector<std::string>& ids) {
   return out;
 }
 
-LibraryTitle named(std::string name) {
-  LibraryTitle t;
-  t.name = std::move(name);
-  return t;
-}
-
-LibraryTitle film(const std::string& id) { return named("Film (2001) {imdb-" + id + "}.mkv"); }
+LibraryTitle film(const std::string& id) { return {.name = "Film (2001) {imdb-" + id + "}.mkv"}; }
 
 LibraryTitle episode(const std::string& series, int season, int number) {
-  LibraryTitle t;
-  t.name = episodeFileName("Show", "2001", series, season, number);
-  t.seriesImdbId = series;
-  t.season = season;
-  t.episode = number;
-  return t;
+  return {.name = episodeFileName("Show", "2001", series, season, number),
+          .seriesImdbId = series,
+          .season = season,
+          .episode = number};
 }
 
 struct Fixture {
@@ -55,15 +42,13 @@ struct Fixture {
   }
 
   // A catalog collection with these members, saved in the store.
-  std::string add(std::vector<std::string> items, int maxItems = 40, std::set<std::string> pins = {},
-                  CollectionSource source = CollectionSource::stremioCatalog("https://addon", "movie", "top")) {
-    CatalogCollection c;
-    c.id = newCollectionId();
-    c.name = "List " + std::to_string(store->collections().size());
-    c.source = std::move(source);
-    c.itemImdbIds = std::move(items);
-    c.pinnedImdbIds = std::move(pins);
-    c.maxItems = maxItems;
+  std::string add(std::vector<std::string> items, int maxItems = 40, std::set<std::string> pins = {}) {
+    const CatalogCollection c{.id = newCollectionId(),
+                              .name = "List " + std::to_string(store->collections().size()),
+                              .source = CollectionSource::stremioCatalog("https://addon", "movie", "top"),
+                              .itemImdbIds = std::move(items),
+                              .pinnedImdbIds = std::move(pins),
+                              .maxItems = maxItems};
     store->upsert(c);
     return c.id;
   }
@@ -113,21 +98,14 @@ TEST(CatalogMembership, FailuresClimbTheCoolingLadderAndAResolveStartsItAgain) {
     f.clock.advance(1);
     return before && !f.store->isCooling(id);
   };
-  f.store->markFailed("tt1");
-  EXPECT_TRUE(coolsFor("tt1", kHour));
-  f.store->markFailed("tt1");
-  EXPECT_TRUE(coolsFor("tt1", 6 * kHour));
-  f.store->markFailed("tt1");
-  EXPECT_TRUE(coolsFor("tt1", kDay));
-  f.store->markFailed("tt1");
-  EXPECT_TRUE(coolsFor("tt1", kWeek));
-  f.store->markFailed("tt1");
-  EXPECT_TRUE(coolsFor("tt1", kWeek));
+  for (double wait : {kHour, 6 * kHour, kDay, kWeek, kWeek}) {
+    f.store->markFailed("tt1");
+    EXPECT_TRUE(coolsFor("tt1", wait)) << wait;
+  }
   EXPECT_EQ(f.store->streamVetting().failCounts->at("tt1"), 5);
 
   f.store->markVetted("tt1");
-  EXPECT_TRUE(f.store->isVetted("tt1"));
-  EXPECT_FALSE(f.store->isCooling("tt1"));
+  EXPECT_TRUE(f.store->isVetted("tt1") && !f.store->isCooling("tt1"));
   EXPECT_FALSE(f.store->streamVetting().failCounts->count("tt1"));
   f.store->markFailed("tt1");
   EXPECT_FALSE(f.store->isVetted("tt1"));
@@ -145,10 +123,8 @@ TEST(CatalogMembership, AFailureTakesTheIdOffCatalogListsOnlyAndReportsAPublishe
   f.store->materialise(f.get(b));
 
   f.store->markFailed("tt1");
-  EXPECT_EQ(f.items(a), Ids{"tt2"});
-  EXPECT_EQ(f.items(b), Ids{"tt2"});
+  EXPECT_TRUE(f.items(a) == Ids{"tt2"} && f.items(b) == Ids{"tt2"} && f.items(hidden).empty());
   EXPECT_TRUE(f.get(b).pinnedImdbIds.empty());
-  EXPECT_TRUE(f.items(hidden).empty());
   EXPECT_EQ(f.get(a).lastChangedAt, f.clock.now());
   EXPECT_EQ(f.items(watchlist), Ids{"tt1"});
   EXPECT_EQ(f.shrinks, 1);
@@ -196,7 +172,6 @@ TEST(CatalogMembership, MaxItemsAndReplacedMembershipReportAShrinkOfAPublishedLi
   f.clock.advance(10);
   f.store->setMaxItems(3, id);
   EXPECT_EQ(f.items(id), (Ids{"tt1", "tt2", "tt4"}));
-  EXPECT_EQ(f.get(id).maxItems, 3);
   EXPECT_EQ(f.get(id).lastChangedAt, f.clock.now());
   EXPECT_EQ(f.shrinks, 1);
 
@@ -220,11 +195,10 @@ TEST(CatalogMembership, ATitleInStagedListsStaysHiddenUntilEveryOneOfThemReveale
   EXPECT_FALSE(f.store->holdsBack(film("tt1")));  // nothing staged
   f.store->materialise(f.get(a));
   f.store->materialise(f.get(b));
-  EXPECT_EQ(f.store->stagingIds().size(), 2u);
 
   EXPECT_TRUE(f.store->holdsBack(film("tt1")));
-  EXPECT_FALSE(f.store->holdsBack(film("tt3")));          // in no list
-  EXPECT_FALSE(f.store->holdsBack(named("No tag.mkv")));  // no id
+  EXPECT_FALSE(f.store->holdsBack(film("tt3")));                         // in no list
+  EXPECT_FALSE(f.store->holdsBack(LibraryTitle{.name = "No tag.mkv"}));  // no id
   f.store->noteRevealed({"tt1"}, a);
   EXPECT_TRUE(f.store->holdsBack(film("tt1")));
   f.store->noteRevealed({"tt1"}, b);
@@ -279,10 +253,9 @@ TEST(CatalogMembership, WhatHoldsBackFollowsChangesOfMembersAndOfThePublishedSet
 TEST(CatalogMembership, TheStartUpPassPublishesSystemListsWholeAndStagesTheOthers) {
   Fixture f;
   const auto library = f.systemId(CollectionSource::Kind::library);
-  const auto watchlist = f.systemId(CollectionSource::Kind::watchlist);
   f.store->addItems(metas({"tt1"}), library);
   const auto filled = f.add({"tt2"});
-  const auto empty = f.add({});
+  f.add({});  // an empty list isn't published, nor the Watchlist
   auto paused = f.get(filled);
   paused.resolvePaused = true;
   f.store->upsert(paused);
@@ -293,13 +266,10 @@ TEST(CatalogMembership, TheStartUpPassPublishesSystemListsWholeAndStagesTheOther
   EXPECT_EQ(f.store->delivery(library), (CollectionPlexDelivery{false, true}));
   EXPECT_FALSE(f.store->delivery(filled));
   EXPECT_FALSE(f.get(filled).resolvePaused);
-  EXPECT_FALSE(f.store->isMaterialised(watchlist));
-  EXPECT_FALSE(f.store->isMaterialised(empty));
-
   f.store->waitForSaves();
-  CatalogStore reloaded(f.home.path(), f.clock);
-  EXPECT_EQ(reloaded.materialisedIds(), (Ids{library, filled}));
-  EXPECT_EQ(reloaded.stagingIds(), std::set<std::string>{filled});
+  const CatalogStore reloaded(f.home.path(), f.clock);
+  EXPECT_TRUE(reloaded.materialisedIds() == (Ids{library, filled}) &&
+              reloaded.stagingIds() == std::set<std::string>{filled});
 }
 
 TEST(CatalogMembership, UnfinishedIdsLeaveOutTitlesNotYetOutRestingSeriesAndWhatTheLibraryHas) {
@@ -307,9 +277,7 @@ TEST(CatalogMembership, UnfinishedIdsLeaveOutTitlesNotYetOutRestingSeriesAndWhat
   LibraryStore library(f.home.file("library.json"), f.clock);
   library.upsert(film("tt1"));
   const auto id = f.add({"tt1", "tt2", "tt3", "tt4", "tt5", "tt6"});
-  auto future = metaOf("tt3");
-  future.released = "2030-01-01T00:00:00.000Z";
-  future.year = "2030";
+  const CatalogMeta future{.id = "tt3", .name = "Future", .year = "2030", .released = "2030-01-01T00:00:00.000Z"};
   f.store->fillMeta({future, metaOf("tt4", "series"), metaOf("tt5", "series"), metaOf("tt6")});
   f.store->markSeriesComplete("tt5");
   f.store->markOnlyInCinemas("tt6");

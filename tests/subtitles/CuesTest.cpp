@@ -4,7 +4,6 @@
 
 using namespace vt;
 using vt::test::cuesEnding;
-using vt::test::srtFile;
 
 TEST(Parse, TimesTextAndNumbering) {
   const std::string file =
@@ -49,12 +48,10 @@ TEST(Parse, OutOfOrderNumbersAndOverlapsKeepFileOrder) {
       "7\n00:00:05,000 --> 00:00:06,000\nFirst in the file\n\n"
       "2\n00:00:01,000 --> 00:00:09,000\nOverlaps and starts earlier\n\n"
       "2\n00:00:01,000 --> 00:00:09,000\nSame number again\n";
-  const auto cues = Cues::parse(file);
-  ASSERT_EQ(cues.size(), 3u);
-  EXPECT_EQ(cues[0].n, 1);
-  EXPECT_EQ(cues[0].startMs, 5000);
-  EXPECT_EQ(cues[2].n, 3);
-  EXPECT_EQ(cues[2].text, "Same number again");
+  const std::vector<EngineCue> expected = {{1, 5000, 6000, "First in the file"},
+                                           {2, 1000, 9000, "Overlaps and starts earlier"},
+                                           {3, 1000, 9000, "Same number again"}};
+  EXPECT_EQ(Cues::parse(file), expected);
 }
 
 TEST(Classes, SoundEffectsDialogueAndSpeech) {
@@ -125,8 +122,6 @@ TEST(Gates, CountAndCoverageAtTheirLimits) {
       {10200000, std::nullopt},
       {7999000, "coverage 0.7999 (partial or wrong film)"},
       {10201000, "coverage 1.0201 (partial or wrong film)"},
-      {7000000, "coverage 0.7 (partial or wrong film)"},  // a file for another cut
-      {20000000, "coverage 2.0 (partial or wrong film)"},
       {499, std::nullopt},  // rounds to 0: not judged
       {5000, "coverage 0.0005 (partial or wrong film)"},
   };
@@ -139,21 +134,6 @@ TEST(Gates, CountAndCoverageAtTheirLimits) {
   auto cues = cuesEnding(60, 5000, line);
   cues[10].endMs = 9000000;
   EXPECT_EQ(Cues::shapeGate(cues, 10000), "coverage 0.0005 (partial or wrong film)");
-}
-
-TEST(Gates, ForcedOnlyAndWatermarkedFilesAreRefused) {
-  // Forced subtitles: only the foreign-language signs of a two-hour film.
-  std::string forced;
-  for (int i = 0; i < 12; ++i)
-    forced += vt::test::srtBlock(i + 1, 600000LL * i, 600000LL * i + 2000, "<i>Sign " + std::to_string(i) + "</i>");
-  EXPECT_EQ(Cues::shapeGate(Cues::parse(forced), 7200), "only 12 cues (forced track?)");
-
-  const auto watermarked = srtFile(200, [](int i) {
-    return i % 40 == 0 ? "<font color=\"#ffff00\">Subtitles by www.SubScene.com</font>" : "Dialogue";
-  });
-  const auto cues = Cues::parse(watermarked);
-  ASSERT_EQ(cues.size(), 200u);
-  EXPECT_EQ(Cues::shapeGate(cues, cues.back().endMs / 1000.0), "junk watermark rate 0.025");
 }
 
 TEST(Timestamp, FieldsAndLimits) {

@@ -26,11 +26,8 @@ std::string dialogue(const std::string& line) {
 
 TEST(Decode, EachLegacyFileDecodesWithTheCodePageItsLanguageNames) {
   const std::vector<LegacyFile> files = {
-      {"Russian", dialogue("Привет, как дела? Всё хорошо."), "windows-1251", "rus", "cp1251"},
-      {"Russian, tag in capitals", dialogue("Где ты был вчера?"), "windows-1251", "RUS", "cp1251"},
-      {"Ukrainian", dialogue("Добрий вечір, друже."), "windows-1251", "ukr", "cp1251"},
+      {"Russian, tag in capitals", dialogue("Привет, как дела? Всё хорошо."), "windows-1251", "RUS", "cp1251"},
       {"Arabic", dialogue("مرحبا، كيف حالك؟"), "windows-1256", "ara", "cp1256"},
-      {"Persian", dialogue("سلام دوست من"), "windows-1256", "fas", "cp1256"},
       {"Chinese in GB18030", dialogue("你好，我们走吧。"), "GB18030", "chi", "gb18030"},
       // Big5 bytes are valid GB18030 too, and GB18030 comes first: they read
       // as other Han characters.

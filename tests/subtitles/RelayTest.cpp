@@ -25,32 +25,19 @@ struct Rig {
 };
 
 AssetEntry settledEntry(bool settled = true) {
-  AssetEntry e;
-  e.kind = "movie";
-  e.imdb = "tt6751668";
-  e.winner = AssetEntry::Winner{"F77", "Parasite.2019.1080p", "kor", "ok", 1};
-  e.cues = std::vector{AssetEntry::Cue{1, 500, 1500, "기택"}};
-  e.timing = AssetEntry::Timing{settled, settled ? "anchors agree" : "too few windows", 4};
-  e.createdAt = 1795000000;
-  return e;
+  return {.kind = "movie",
+          .imdb = "tt6751668",
+          .winner = AssetEntry::Winner{"F77", "Parasite.2019.1080p", "kor", "ok", 1},
+          .cues = std::vector{AssetEntry::Cue{1, 500, 1500, "기택"}},
+          .timing = AssetEntry::Timing{settled, settled ? "anchors agree" : "too few windows", 4},
+          .createdAt = 1795000000};
 }
 
 TranslationEntry translation(const std::string& tgt) {
-  TranslationEntry t;
-  t.map["1"] = tgt == "ru" ? "Ки-тэк" : "Ki-taek";
-  t.src = "ko";
-  t.tgt = tgt;
-  t.fileId = "F77";
-  t.createdAt = 1795000002;
-  return t;
+  return {{{"1", tgt == "ru" ? "Ки-тэк" : "Ki-taek"}}, "ko", tgt, "F77", 1795000002};
 }
 
-HttpResponse reply(int status, QByteArray body) {
-  HttpResponse r;
-  r.status = status;
-  r.body = std::move(body);
-  return r;
-}
+HttpResponse reply(int status, QByteArray body) { return {.status = status, .body = std::move(body)}; }
 
 }  // namespace
 
@@ -62,13 +49,8 @@ TEST(Relay, RequestsCarryRouteSortedQueryTimeLimitAndHeaders) {
       req.url.toString(QUrl::FullyEncoded).toStdString(),
       rig.fake.base().toString().toStdString() + "/opensubtitles/api/v1/subtitles?imdb_id=1375666&languages=ru%2Cen");
   EXPECT_EQ(req.timeoutSeconds, 60);
-  auto header = [&](const QByteArray& name) {
-    for (const auto& [k, v] : req.headers)
-      if (k == name) return v;
-    return QByteArray();
-  };
-  EXPECT_EQ(header("Accept"), "application/json");
-  EXPECT_EQ(header("X-Service-Key"), "k-123");
+  const decltype(req.headers) headers = {{"Accept", "application/json"}, {"X-Service-Key", "k-123"}};
+  EXPECT_EQ(req.headers, headers);
 
   Relay trailingSlash(rig.http, QUrl("http://127.0.0.1:9/svc/"));
   EXPECT_EQ(trailingSlash.request("/store/asset/", {}, 30).url.toString().toStdString(),
@@ -83,26 +65,27 @@ TEST(Relay, RequestsCarryRouteSortedQueryTimeLimitAndHeaders) {
 
 TEST(Relay, CheckTellsBudgetFromOtherFailuresByTheFirst200Bytes) {
   EXPECT_TRUE(Relay::check(reply(204, {})));
-  const auto budget = Relay::check(reply(429, R"({"error":"budget"})"));
-  ASSERT_FALSE(budget);
-  EXPECT_EQ(budget.error(), RelayError::budget());
-  EXPECT_EQ(message(budget.error()), "this month's subtitle allowance is used up");
-
-  const auto plain = Relay::check(reply(429, "rate limited"));
-  ASSERT_FALSE(plain);
-  EXPECT_EQ(message(plain.error()), "relay 429: rate limited");
-
-  const auto late = Relay::check(reply(429, QByteArray(250, ' ') + "budget"));
-  ASSERT_FALSE(late);
-  EXPECT_EQ(late.error().kind, RelayError::Kind::http) << "\"budget\" past byte 200 doesn't count";
-  const auto edge = Relay::check(reply(429, QByteArray(194, ' ') + "budget"));
-  EXPECT_EQ(edge.error().kind, RelayError::Kind::budget) << "ends exactly at byte 200";
-
-  const auto server = Relay::check(reply(500, QByteArray(400, 'x')));
-  ASSERT_FALSE(server);
-  EXPECT_EQ(server.error(), RelayError::http(500, std::string(300, 'x')));
-  EXPECT_EQ(Relay::check(reply(302, "moved")).error(), RelayError::http(302, "moved"));
-  EXPECT_EQ(Relay::check(reply(500, "budget")).error().kind, RelayError::Kind::http) << "only 429 is the budget";
+  struct Row {
+    int status;
+    QByteArray body;
+    RelayError error;
+  };
+  const std::vector<Row> rows = {
+      {429, R"({"error":"budget"})", RelayError::budget()},
+      {429, "rate limited", RelayError::http(429, "rate limited")},
+      {429, QByteArray(250, ' ') + "budget", RelayError::http(429, std::string(250, ' ') + "budget")},  // past byte 200
+      {429, QByteArray(194, ' ') + "budget", RelayError::budget()},  // ends exactly at byte 200
+      {500, QByteArray(400, 'x'), RelayError::http(500, std::string(300, 'x'))},
+      {302, "moved", RelayError::http(302, "moved")},
+      {500, "budget", RelayError::http(500, "budget")},  // only 429 is the budget
+  };
+  for (const auto& row : rows) {
+    const auto checked = Relay::check(reply(row.status, row.body));
+    ASSERT_FALSE(checked) << row.body.toStdString();
+    EXPECT_EQ(checked.error(), row.error) << row.body.toStdString();
+  }
+  EXPECT_EQ(message(RelayError::budget()), "this month's subtitle allowance is used up");
+  EXPECT_EQ(message(RelayError::http(429, "rate limited")), "relay 429: rate limited");
 }
 
 TEST(Relay, StoredResultsComeBackThroughLookup) {
@@ -147,20 +130,16 @@ TEST(Relay, ServiceRoutesPassTheirRepliesAndFailuresThrough) {
   }
   ASSERT_EQ(rig.fake.requestsTo("/subtitles/opensubtitles/api/v1/download").size(), 1u);
 
-  rig.fake.mode = FakeRelay::Mode::budget;
-  auto budget = rig.drive(rig.relay.post("llm", Json::object()));
-  ASSERT_FALSE(budget);
-  EXPECT_EQ(budget.error(), RelayError::budget());
-
-  rig.fake.mode = FakeRelay::Mode::tooMany;
-  auto tooMany = rig.drive(rig.relay.post("asr", Json::object()));
-  ASSERT_FALSE(tooMany);
-  EXPECT_EQ(message(tooMany.error()), R"(relay 429: {"error":"slow down"})");
-
-  rig.fake.mode = FakeRelay::Mode::serverError;
-  auto down = rig.drive(rig.relay.post("asr", Json::object()));
-  ASSERT_FALSE(down);
-  EXPECT_EQ(message(down.error()), "relay 503: upstream unavailable");
+  const std::vector<std::pair<FakeRelay::Mode, std::string>> failures = {
+      {FakeRelay::Mode::budget, "this month's subtitle allowance is used up"},
+      {FakeRelay::Mode::tooMany, R"(relay 429: {"error":"slow down"})"},
+      {FakeRelay::Mode::serverError, "relay 503: upstream unavailable"}};
+  for (const auto& [mode, text] : failures) {
+    rig.fake.mode = mode;
+    auto failed = rig.drive(rig.relay.post("asr", Json::object()));
+    ASSERT_FALSE(failed) << text;
+    EXPECT_EQ(message(failed.error()), text);
+  }
 }
 
 TEST(Relay, LookupReadsEveryFailureAsNothingShared) {

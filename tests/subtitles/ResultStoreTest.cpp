@@ -1,6 +1,4 @@
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -17,37 +15,26 @@ using namespace vt;
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-void spit(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << bytes;
-}
-
 AssetEntry fullEntry() {
-  AssetEntry e;
-  e.kind = "movie";
-  e.imdb = "tt1375666";
-  e.title = "Inception";
-  e.winner = AssetEntry::Winner{"8812345", "Inception.2010.1080p.BluRay.x264-SPARKS", "rus", "ok", 2};
-  e.fit = AssetEntry::Fit{1.001, -420, 35, 118};
-  e.cues = std::vector{AssetEntry::Cue::from(EngineCue{1, 1000, 2500, "Где мы?\nВо сне."}),
-                       AssetEntry::Cue{2, 3000, 4000, "http://x/y"}};
-  e.timing = AssetEntry::Timing{true, "anchors agree", 6};
-  e.bible = AssetEntry::Bible{"Cobb: Кобб", "rus"};
-  e.createdAt = 1795000000.25;
-  return e;
+  return {.kind = "movie",
+          .imdb = "tt1375666",
+          .title = "Inception",
+          .winner = AssetEntry::Winner{"8812345", "Inception.2010.1080p.BluRay.x264-SPARKS", "rus", "ok", 2},
+          .fit = AssetEntry::Fit{1.001, -420, 35, 118},
+          .cues = std::vector{AssetEntry::Cue::from(EngineCue{1, 1000, 2500, "Где мы?\nВо сне."}),
+                              AssetEntry::Cue{2, 3000, 4000, "http://x/y"}},
+          .timing = AssetEntry::Timing{true, "anchors agree", 6},
+          .bible = AssetEntry::Bible{"Cobb: Кобб", "rus"},
+          .createdAt = 1795000000.25};
 }
 
-std::vector<std::string> keysOf(const Json& j) {
-  std::vector<std::string> out;
-  for (const auto& [k, v] : j.items()) out.push_back(k);
-  return out;
+// The keys of a record in file order, with those of nested records and of an array's first element.
+std::string shape(const Json& j) {
+  if (j.is_array()) return j.empty() ? "[]" : "[" + shape(j[0]) + "]";
+  if (!j.is_object()) return "";
+  std::string s;
+  for (const auto& [k, v] : j.items()) s += (s.empty() ? "" : ",") + k + shape(v);
+  return "{" + s + "}";
 }
 
 }  // namespace
@@ -56,12 +43,8 @@ TEST(ResultStore, AssetEntriesRoundTripWithTheirKeysInFileOrder) {
   test::TestHome home;
   const std::string file = home.file("cache/subs/assets.json");  // folders made on write
   AssetStore store(file);
-  AssetEntry failure;
-  failure.kind = "movie";
-  failure.imdb = "tt0110357";
-  failure.outcome = "no-match";
-  failure.why = "no candidate fits";
-  failure.createdAt = 1795000001;
+  const AssetEntry failure{
+      .kind = "movie", .imdb = "tt0110357", .outcome = "no-match", .why = "no candidate fits", .createdAt = 1795000001};
   const std::string key = "movie|tt1375666|Inception.2010.mkv|8.1GB";
   store.write({{key, fullEntry()}, {"movie|tt0110357", failure}});
 
@@ -70,18 +53,14 @@ TEST(ResultStore, AssetEntriesRoundTripWithTheirKeysInFileOrder) {
   EXPECT_EQ(back.at(key), fullEntry()) << "the key, with its \"|\", is kept whole";
   EXPECT_EQ(back.at("movie|tt0110357"), failure);
 
-  const std::string text = slurp(file);
+  const std::string text = readFile(file).value_or("");
   const auto json = json::parse(text);
   ASSERT_TRUE(json);
-  EXPECT_EQ(keysOf((*json)[key]), (std::vector<std::string>{"kind", "imdb", "title", "winner", "fit", "cues", "timing",
-                                                            "bible", "createdAt"}));
-  EXPECT_EQ(keysOf((*json)["movie|tt0110357"]),
-            (std::vector<std::string>{"kind", "imdb", "outcome", "why", "createdAt"}))
+  EXPECT_EQ(shape((*json)[key]),
+            "{kind,imdb,title,winner{fileId,release,lang,verdict,rank},fit{scale,offsetMs,residMs,pts},"
+            "cues[{n,start,end,text}],timing{settled,why,windows},bible{text,tgt},createdAt}");
+  EXPECT_EQ(shape((*json)["movie|tt0110357"]), "{kind,imdb,outcome,why,createdAt}")
       << "absent optional fields are left out";
-  EXPECT_EQ(keysOf((*json)[key]["winner"]), (std::vector<std::string>{"fileId", "release", "lang", "verdict", "rank"}));
-  EXPECT_EQ(keysOf((*json)[key]["fit"]), (std::vector<std::string>{"scale", "offsetMs", "residMs", "pts"}));
-  EXPECT_EQ(keysOf((*json)[key]["cues"][0]), (std::vector<std::string>{"n", "start", "end", "text"}));
-  EXPECT_EQ(keysOf((*json)[key]["timing"]), (std::vector<std::string>{"settled", "why", "windows"}));
   EXPECT_NE(text.find("\n  \""), std::string::npos) << "pretty printed";
   EXPECT_NE(text.find("\"http://x/y\""), std::string::npos) << "slashes are not escaped";
   EXPECT_NE(text.find("1795000000.25"), std::string::npos) << "createdAt counts from 1970";
@@ -91,12 +70,8 @@ TEST(ResultStore, AssetEntriesRoundTripWithTheirKeysInFileOrder) {
 TEST(ResultStore, TranslationsKeepWholeKeysAndCueOrder) {
   test::TestHome home;
   TranslationStore store(home.file(kTranslationStoreFile));
-  TranslationEntry t;
+  TranslationEntry t{.src = "en", .tgt = "ru", .fileId = "8812345", .createdAt = 1795000000};
   for (int n : {10, 2, 1, 100}) t.map[std::to_string(n)] = "line " + std::to_string(n);
-  t.src = "en";
-  t.tgt = "ru";
-  t.fileId = "8812345";
-  t.createdAt = 1795000000;
   const std::string key = translationKey("movie|tt1375666|a|b", "8812345", "ru");
   store.upsert(key, t);
 
@@ -104,10 +79,9 @@ TEST(ResultStore, TranslationsKeepWholeKeysAndCueOrder) {
   ASSERT_EQ(back.size(), 1u);
   EXPECT_EQ(back.begin()->first, "movie|tt1375666|a|b|8812345|ru");
   EXPECT_EQ(back.begin()->second, t);
-  const auto json = json::parse(slurp(store.file()));
+  const auto json = json::parse(readFile(store.file()).value_or(""));
   ASSERT_TRUE(json);
-  EXPECT_EQ(keysOf((*json)[key]), (std::vector<std::string>{"map", "src", "tgt", "fileId", "createdAt"}));
-  EXPECT_EQ(keysOf((*json)[key]["map"]), (std::vector<std::string>{"1", "2", "10", "100"}));
+  EXPECT_EQ(shape((*json)[key]), "{map{1,2,10,100},src,tgt,fileId,createdAt}");
 }
 
 TEST(ResultStore, AbsentOrDamagedFilesReadEmptyAndAreReplacedByTheNextWrite) {
@@ -119,7 +93,7 @@ TEST(ResultStore, AbsentOrDamagedFilesReadEmptyAndAreReplacedByTheNextWrite) {
        {std::string(), std::string("{\"k\": {\"kind\": \"movie\""), std::string("[1,2]"),
         std::string("{\"k\": {\"kind\": \"movie\", \"imdb\": 7, \"createdAt\": 1}}"),
         std::string("{\"k\": {\"kind\": \"movie\", \"imdb\": \"tt1\"}}"), std::string("\xff\xfe\x00garbage", 10)}) {
-    spit(store.file(), damaged);
+    ASSERT_TRUE(writeFileAtomically(store.file(), damaged));
     EXPECT_TRUE(store.read().empty()) << damaged;
   }
   store.upsert("movie|tt1", fullEntry());
@@ -128,7 +102,7 @@ TEST(ResultStore, AbsentOrDamagedFilesReadEmptyAndAreReplacedByTheNextWrite) {
   EXPECT_EQ(back.at("movie|tt1"), fullEntry());
 
   // A store whose folder can't be made writes nothing and doesn't throw.
-  spit(home.file("blocker"), "file");
+  ASSERT_TRUE(writeFileAtomically(home.file("blocker"), "file"));
   AssetStore blocked(home.file("blocker/assets.json"));
   blocked.upsert("k", fullEntry());
   EXPECT_TRUE(blocked.read().empty());

@@ -22,11 +22,8 @@ Captured runCli(const std::vector<std::string>& args) {
   std::istringstream in;
   std::ostringstream out, err;
   cli::Io io{in, out, err};
-  Captured c;
-  c.status = cli::run(args, io);
-  c.out = out.str();
-  c.err = err.str();
-  return c;
+  const int status = cli::run(args, io);
+  return {status, out.str(), err.str()};
 }
 
 std::string writeFile(const test::TestHome& home, const std::string& name, const std::string& bytes) {

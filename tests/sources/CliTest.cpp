@@ -27,16 +27,18 @@ struct Captured {
   std::string err;
 };
 
-Captured runCli(const std::vector<std::string>& args, const std::string& input = "",
-                const std::vector<Verb>& table = verbs()) {
+template <class F>
+Captured capture(F call, const std::string& input = "") {
   std::istringstream in(input);
   std::ostringstream out, err;
   Io io{in, out, err};
-  Captured c;
-  c.status = run(args, io, table);
-  c.out = out.str();
-  c.err = err.str();
-  return c;
+  const int status = call(io);
+  return {status, out.str(), err.str()};
+}
+
+Captured runCli(const std::vector<std::string>& args, const std::string& input = "",
+                const std::vector<Verb>& table = verbs()) {
+  return capture([&](Io& io) { return run(args, io, table); }, input);
 }
 
 std::vector<Json> jsonLines(const std::string& text) {
@@ -151,24 +153,18 @@ TEST(Cli, ConfigSetsGetsAndUnsetsAndTakesSecretsOnlyFromStandardInput) {
   EXPECT_EQ(runCli({"config", "get", "rdKey", "--home", h}).out, "\n") << "nothing to mask";
 }
 
-TEST(Cli, TheBuiltToolKeepsSecretsOffTheCommandLine) {
-  auto runTool = [](const QStringList& args, const QByteArray& input = {}) {
-    QProcess tool;
-    tool.start(VT_CLI_BINARY, args);
-    EXPECT_TRUE(tool.waitForStarted(5000));
-    tool.write(input);
-    tool.closeWriteChannel();
-    EXPECT_TRUE(tool.waitForFinished(10000));
-    EXPECT_EQ(tool.exitStatus(), QProcess::NormalExit);
-    return Captured{tool.exitCode(), tool.readAllStandardOutput().toStdString(),
-                    tool.readAllStandardError().toStdString()};
-  };
+TEST(Cli, TheBuiltToolReadsSecretsFromStandardInput) {
   test::TestHome home;
   const auto h = QString::fromStdString(home.path());
-  auto c = runTool({"config", "set", "rdKey", "-", "--home", h}, "KEY-FROM-STDIN\n");
-  EXPECT_EQ(c.status, 0) << c.err;
-  EXPECT_EQ(runTool({"config", "get", "rdKey", "--home", h}).out, "********\n");
-  EXPECT_EQ(runTool({"config", "get", "rdKey", "--reveal", "--home", h}).out, "KEY-FROM-STDIN\n");
+  QProcess set, get;
+  set.start(VT_CLI_BINARY, {"config", "set", "rdKey", "-", "--home", h});
+  set.write("KEY-FROM-STDIN\n");
+  set.closeWriteChannel();
+  ASSERT_TRUE(set.waitForFinished(10000));
+  EXPECT_EQ(set.exitCode(), 0) << set.readAllStandardError().toStdString();
+  get.start(VT_CLI_BINARY, {"config", "get", "rdKey", "--reveal", "--home", h});
+  ASSERT_TRUE(get.waitForFinished(10000));
+  EXPECT_EQ(get.readAllStandardOutput().toStdString(), "KEY-FROM-STDIN\n");
 }
 
 TEST(Cli, SetupMountWritesTheFstabEntriesAndFolderRightsAndUndoesThemExactly) {
@@ -183,9 +179,8 @@ TEST(Cli, SetupMountWritesTheFstabEntriesAndFolderRightsAndUndoesThemExactly) {
   const Account plex{"plex", 12345, 12345, {12345}};
   MountSetup setup{*accountByUid(::getuid()), AppPaths::forTestHome(home), fstab, plex, false};
 
-  std::stringstream in, out, err;
-  Io io{in, out, err};
-  ASSERT_EQ(setupMount(setup, io), 0) << err.str();
+  const auto added = capture([&](Io& io) { return setupMount(setup, io); });
+  ASSERT_EQ(added.status, 0) << added.err;
   const std::string written = *readFile(fstab);
   EXPECT_TRUE(written.rfind(original + "\n# vantory-cli setup-mount for ", 0) == 0) << written;
   EXPECT_NE(written.find("127.0.0.1:/ " + home + "/Library\\040TV nfs vers=3,proto=tcp,port=12051,mountport=12051,"),
@@ -193,13 +188,11 @@ TEST(Cli, SetupMountWritesTheFstabEntriesAndFolderRightsAndUndoesThemExactly) {
       << written;
   EXPECT_TRUE(fstabLetsUsersMount(written, home + "/Library TV", 12051));
   EXPECT_FALSE(fstabLetsUsersMount(written, home + "/Library TV", 12049)) << "another port is another server";
-  const bool aclsHere = out.str().find("let plex enter " + closed) != std::string::npos;
+  const bool aclsHere = added.out.find("let plex enter " + closed) != std::string::npos;
 
   // --remove restores the file byte for byte.
   setup.remove = true;
-  std::stringstream undone;
-  Io io3{in, undone, err};
-  ASSERT_EQ(setupMount(setup, io3), 0) << err.str();
+  ASSERT_EQ(capture([&](Io& io) { return setupMount(setup, io); }).status, 0);
   EXPECT_EQ(*readFile(fstab), original);
   if (aclsHere) {
     EXPECT_TRUE(readProblem(home + "/Library", plex, "\n"));
@@ -218,25 +211,19 @@ TEST(Cli, SetupMountCheckSaysWhetherPlexCanReadEachLibraryFolder) {
   std::filesystem::create_directories(home + "/Library TV");
   ::chmod(closed.c_str(), 0700);
   const Account nobody{"nobody", 65534, 65534, {65534}};
-  std::stringstream in, out, err;
-  Io io{in, out, err};
-  EXPECT_EQ(checkMountAccess(AppPaths::forTestHome(home), nobody, io, "\n"), 1);
-  std::istringstream lines(out.str());
-  std::string first;
-  std::getline(lines, first);
-  const auto row = json::parse(first);
-  ASSERT_TRUE(row) << out.str();
-  EXPECT_EQ((*row)["folder"], home + "/Library");
-  EXPECT_EQ((*row)["readable"], false);
-  EXPECT_NE((*row)["problem"].get<std::string>().find(closed), std::string::npos) << first;
+  const auto check = [&](const std::optional<Account>& who) {
+    return capture([&](Io& io) { return checkMountAccess(AppPaths::forTestHome(home), who, io, "\n"); });
+  };
+  const auto shut = check(nobody);
+  EXPECT_EQ(shut.status, 1);
+  const auto row = jsonLines(shut.out).at(0);
+  EXPECT_EQ(row["folder"], home + "/Library");
+  EXPECT_EQ(row["readable"], false);
+  EXPECT_NE(row["problem"].get<std::string>().find(closed), std::string::npos) << shut.out;
 
   ::chmod(closed.c_str(), 0755);
-  std::stringstream open;
-  Io io2{in, open, err};
-  EXPECT_EQ(checkMountAccess(AppPaths::forTestHome(home), nobody, io2, "\n"), 0) << open.str();
-  EXPECT_EQ(open.str().find("problem"), std::string::npos);
-
-  std::stringstream none;
-  Io io3{in, none, err};
-  EXPECT_EQ(checkMountAccess(AppPaths::forTestHome(home), std::nullopt, io3, "\n"), 1);
+  const auto open = check(nobody);
+  EXPECT_EQ(open.status, 0) << open.out;
+  EXPECT_EQ(open.out.find("problem"), std::string::npos);
+  EXPECT_EQ(check(std::nullopt).status, 1);
 }

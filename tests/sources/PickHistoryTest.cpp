@@ -59,6 +59,7 @@ TEST(QualitySettings, LegacyRecordsMapToLevelsAndTheStoredLevelFallsBackWithoutW
   EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":30,"resolutionOrder":["4K"]})"), QualityLevel::high);
   EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":5,"resolutionOrder":["1080p"]})"), QualityLevel::fast);
   EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":"5","resolutionOrder":["4K"]})"), QualityLevel::balanced);
+  EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":2})"), QualityLevel::balanced) << "the order is required";
   EXPECT_EQ(qualityLevelFromLegacy("\xff\xfe{"), QualityLevel::balanced);
 
   test::TestHome home;

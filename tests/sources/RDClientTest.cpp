@@ -110,26 +110,23 @@ TEST(RDClient, StatusesMapToHttpErrorsAndOnlyClientErrorsAreRefusals) {
   for (const auto& [status, isRefusal] : refusal) {
     rig.rd.clearFaults();
     rig.rd.fail("torrents/info/", status);
-    auto r = rig.drive(rig.client.torrentInfo("T1"));
-    ASSERT_FALSE(r) << status;
-    EXPECT_EQ(r.error(), RDError::http(status));
-    EXPECT_EQ(r.error().isRefusal(), isRefusal) << status;
+    const auto e = rig.drive(rig.client.torrentInfo("T1")).error();
+    EXPECT_EQ(e, RDError::http(status));
+    EXPECT_EQ(e.isRefusal(), isRefusal) << status;
   }
 
   // An unknown torrent is a 404 from the service: a refusal. The poll ends with it.
   rig.rd.clearFaults();
-  auto gone = rig.drive(rig.client.pollUntilLink("TR-unknown", true, 45));
-  ASSERT_FALSE(gone);
-  EXPECT_EQ(gone.error(), RDError::http(404));
-  EXPECT_TRUE(gone.error().isRefusal());
+  const auto gone = rig.drive(rig.client.pollUntilLink("TR-unknown", true, 45)).error();
+  EXPECT_EQ(gone, RDError::http(404));
+  EXPECT_TRUE(gone.isRefusal());
 
   // A failed torrent status is a refusal of the release.
   rig.rd.releases[kHash] = {"Bad", {}, FakeRealDebrid::failingStages("magnet_error", 2)};
   auto id = *rig.drive(rig.client.addMagnet(kHash));
-  auto bad = rig.drive(rig.client.pollUntilLink(id, true, 45));
-  ASSERT_FALSE(bad);
-  EXPECT_EQ(message(bad.error()), "RealDebrid refused this release (magnet_error)");
-  EXPECT_TRUE(bad.error().isRefusal());
+  const auto bad = rig.drive(rig.client.pollUntilLink(id, true, 45)).error();
+  EXPECT_EQ(message(bad), "RealDebrid refused this release (magnet_error)");
+  EXPECT_TRUE(bad.isRefusal());
 }
 
 TEST(RDClient, RepliesThatAreNotTheirRecordEndInAnErrorNotACrash) {
@@ -161,7 +158,6 @@ TEST(RDClient, ASilentServerEndsAtTheTimeLimit) {
   EXPECT_FALSE(info);
   rig.clock.manual.advance(0.1);
   ASSERT_TRUE(test::spinUntil([&] { return info.has_value(); }));
-  ASSERT_FALSE(*info);
   EXPECT_EQ(info->error().kind, RDError::Kind::transport);
 }
 
@@ -173,7 +169,6 @@ TEST(RDClient, CancellingClosesTheRequest) {
   ASSERT_TRUE(test::spinUntil([&] { return rig.rd.requests().size() == 1; }));
   job.cancel();
   ASSERT_TRUE(test::spinUntil([&] { return r.has_value(); }));
-  ASSERT_FALSE(*r);
   EXPECT_EQ(r->error().kind, RDError::Kind::cancelled);
   EXPECT_TRUE(test::spinUntil([&] { return rig.rd.abandonedRequests() == 1; })) << "the server saw the close";
 }
@@ -190,12 +185,7 @@ TEST(RDClient, TheKeyNeverAppearsInAnErrorTextOrOnTheUrl) {
   }
   rig.rd.answer("user", "{");
   errors.push_back(rig.drive(rig.client.user()).error());
-  quint16 closedPort;
-  {
-    FakeRealDebrid gone;
-    closedPort = gone.port();
-  }
-  RDClient nowhere(rig.http, rig.rd.key, QUrl(QStringLiteral("http://127.0.0.1:%1/rest/1.0/").arg(closedPort)));
+  RDClient nowhere(rig.http, rig.rd.key, QUrl("http://127.0.0.1:1/rest/1.0/"));
   errors.push_back(rig.drive(nowhere.user()).error());
   EXPECT_EQ(errors.back().kind, RDError::Kind::transport);
   for (const auto& e : errors) {

@@ -7,6 +7,7 @@
 #include "platform/Json.h"
 #include "platform/SerialFileWriter.h"
 #include "sources/release/ReleaseParser.h"
+#include "sources/release/Resolution.h"
 #include "sources/release/UnrecognizedReleaseWords.h"
 #include "support/TestKit.h"
 
@@ -38,10 +39,20 @@ TEST(ReleaseParser, ResolutionRowsAndDimensionBoundaries) {
     const char* name;
     std::optional<std::string> res;
   };
-  for (const C& c : {C{"Film.72OP", "720p"}, C{"Film.720", std::nullopt}, C{"Film.3200x100", "4K"},
-                     C{"Film.3199x999", "1080p"}, C{"Film.1179x699", "480p"}, C{"Film.720p.1920x1080", "720p"}}) {
+  for (const C& c : {C{"Film.72OP", "720p"}, C{"Film.720", std::nullopt}, C{"Film 2019 UHD BluRay", "4K"},
+                     C{"Film (2019) [BD1080]", "1080p"}, C{"Film.10800p", std::nullopt}, C{"Film.3200x100", "4K"},
+                     C{"Film.3199x999", "1080p"}, C{"Film.2019.1280x534", "720p"}, C{"Film.1179x699", "480p"},
+                     C{"Film.720p.1920x1080", "720p"}}) {
     EXPECT_EQ(p(c.name).resolution, c.res) << c.name;
   }
+}
+
+TEST(ReleaseParser, NormalisationKeepsOnlyKnownVideoExtensions) {
+  auto n = normaliseReleaseName("The.Film-(2019)_[x265].MKV");
+  EXPECT_EQ(n.container, "mkv");
+  EXPECT_EQ(n.upper, "THE FILM 2019 X265 ");
+  EXPECT_EQ(normaliseReleaseName("Film.2019.iso").container, std::nullopt);
+  EXPECT_EQ(normaliseReleaseName("straße.mp4").upper, "STRASSE");
 }
 
 TEST(ReleaseParser, LanguagesSubtitlePhrasesAndMulti) {

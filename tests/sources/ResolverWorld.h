@@ -75,15 +75,9 @@ struct World {
 };
 
 inline CachedStream row(std::string name, std::string filename, std::string provider = "torrentio",
-                        std::optional<int64_t> bytes = std::nullopt, std::string title = {}) {
-  CachedStream s;
-  s.name = std::move(name);
-  s.filename = std::move(filename);
-  s.url = "https://addon.invalid/x";
-  s.bytes = bytes;
-  s.provider = std::move(provider);
-  if (!title.empty()) s.title = std::move(title);
-  return s;
+                        std::optional<int64_t> bytes = std::nullopt, std::optional<std::string> title = std::nullopt) {
+  return {std::move(name), std::move(title), "https://addon.invalid/x", std::move(filename),
+          bytes,           std::nullopt,     std::move(provider)};
 }
 template <class T>
 inline std::string why(const Result<T, ResolveError>& r) {

@@ -25,11 +25,6 @@ using K = StreamProviderKind;
 
 }  // namespace
 
-TEST(StreamProvider, KindsRoundTripTheirRawTexts) {
-  for (const auto kind : kAllStreamProviderKinds) EXPECT_EQ(streamProviderKindFromRaw(rawValue(kind)), kind);
-  EXPECT_EQ(streamProviderKindFromRaw("Comet"), K::torrentio) << "unknown texts fall back";
-}
-
 TEST(StreamProvider, CometCarriesItsConfigurationAsBase64InThePath) {
   const auto comet = StreamProvider::comet("ABC123", "comet.example", true);
   ASSERT_TRUE(comet);
@@ -67,7 +62,9 @@ TEST(StreamProvider, MediaFusionAddressesAreCleanedUp) {
   }
 }
 
-TEST(StreamProvider, ClassifyAndTheKeyInAnAddress) {
+TEST(StreamProvider, KindsRawTextsClassifyAndTheKeyInAnAddress) {
+  for (const auto kind : kAllStreamProviderKinds) EXPECT_EQ(streamProviderKindFromRaw(rawValue(kind)), kind);
+  EXPECT_EQ(streamProviderKindFromRaw("Comet"), K::torrentio) << "unknown texts fall back";
   EXPECT_EQ(StreamProvider::classify(url("https://COMET-mediafusion.example/")).kind, K::comet);
   EXPECT_EQ(StreamProvider::classify(url("https://example.com/comet/")).kind, K::torrentio) << "the host decides";
   EXPECT_EQ(rdKey(url("https://torrentio.strem.fun/sort=qualitysize|realdebrid=KEY123|lang=en/manifest.json")),

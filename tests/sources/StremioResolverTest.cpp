@@ -4,8 +4,6 @@
 
 using namespace vt;
 using namespace vt::test::resolver;
-using test::FakeCinemeta;
-using test::FakeRealDebrid;
 using test::FakeStreamAddon;
 using Kind = ResolveError::Kind;
 
@@ -25,33 +23,26 @@ TEST(StremioResolver, ReadsLinksIdsAndEpisodeKeys) {
 TEST(StremioResolver, CinemetaVerdictsAndOutages) {
   World w;
   auto r = w.resolver();
-  auto meta = w.run(r.metaInfo("movie", "tt6751668"));
-  ASSERT_TRUE(meta) << why(meta);
-  EXPECT_EQ(meta->title, "Parasite");
-  EXPECT_EQ(meta->runtimeMinutes, 132);
-
-  auto missing = w.run(r.metaInfo("movie", "tt0000001"));
-  EXPECT_EQ(missing.error().kind, Kind::noMeta);
-  EXPECT_EQ(w.cinemeta.requests().size(), 2u) << "a 404 is a verdict, not retried";
+  EXPECT_EQ(w.run(r.metaInfo("movie", "tt0000001")).error().kind, Kind::noMeta);
+  EXPECT_EQ(w.cinemeta.requests().size(), 1u) << "a 404 is a verdict, not retried";
 
   w.cinemeta.forcedStatus = 502;
   w.clock.pauses.clear();
-  auto down = w.run(r.metaInfo("movie", "tt6751668"));
-  EXPECT_EQ(message(down.error()), "Couldn't reach Cinemeta — check your internet connection and try again");
-  EXPECT_EQ(w.cinemeta.requests().size(), 4u) << "one retry";
+  EXPECT_EQ(message(w.run(r.metaInfo("movie", "tt6751668")).error()),
+            "Couldn't reach Cinemeta — check your internet connection and try again");
+  EXPECT_EQ(w.cinemeta.requests().size(), 3u) << "one retry";
   EXPECT_EQ(w.clock.pauses, std::vector<double>{1.5});
 
-  auto noLink = w.run(r.resolve("https://example.com/nothing"));
-  EXPECT_EQ(message(noLink.error()), "Couldn't find a Stremio title id in that link");
-  auto show = w.run(r.resolve("stremio:///detail/series/tt0903747"));
-  EXPECT_EQ(message(show.error()), "Pick an episode — that link points at the whole show");
+  EXPECT_EQ(message(w.run(r.resolve("https://example.com/nothing")).error()),
+            "Couldn't find a Stremio title id in that link");
+  EXPECT_EQ(message(w.run(r.resolve("stremio:///detail/series/tt0903747")).error()),
+            "Pick an episode — that link points at the whole show");
 
   w.cinemeta.forcedStatus.reset();
   w.cinemeta.addMovie("tt9999999", "Later", "2031", "100 min", "2031-05-01T00:00:00.000Z");
-  auto later = w.run(r.resolve("tt9999999"));
-  ASSERT_FALSE(later);
-  EXPECT_EQ(later.error().kind, Kind::notReleasedYet);
-  EXPECT_EQ(later.error().released, "2031-05-01T00:00:00.000Z");
+  const auto later = w.run(r.resolve("tt9999999")).error();
+  EXPECT_EQ(later.kind, Kind::notReleasedYet);
+  EXPECT_EQ(later.released, "2031-05-01T00:00:00.000Z");
   EXPECT_TRUE(w.logged("[resolve] movie/tt9999999 Later not released yet (2031-05-01T00:00:00.000Z)"));
   EXPECT_TRUE(w.torrentio.streamRequests().empty());
   // An episode by link takes its air date from the series record.
@@ -70,7 +61,6 @@ TEST(StremioResolver, PoolStopsAtTheFirstPlayableAnswerAndRemembersIt) {
   ASSERT_TRUE(pool) << why(pool);
   EXPECT_EQ(pool->size(), 1u);
   EXPECT_TRUE(w.comet.streamRequests().empty()) << "a cached Torrentio answer ends the search";
-  EXPECT_EQ(w.health.failures(StreamProviderKind::torrentio), 0);
 
   auto again = w.run(r.streamPool("movie", "tt1375666"));
   EXPECT_EQ(*again, *pool);
@@ -182,57 +172,6 @@ TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {
   EXPECT_EQ(w.run(r.probe(w.cdn.url("/busy").toString().toStdString())).error().kind, Kind::cdnUnavailable);
   test::redirect(w.cdn, "/loop", w.cdn.url("/loop").toString());
   EXPECT_EQ(w.run(r.probe(w.cdn.url("/loop").toString().toStdString())).error().kind, Kind::cdnUnavailable);
-}
-
-TEST(StremioResolver, ResolvesAFilmFromItsIdToAProvedTitle) {
-  World w;
-  const std::string name = "Inception.2010.1080p.BluRay.x264-GRP.mkv";
-  w.torrentio.setReleases("movie", "tt1375666", {{name, kFilm, kHashA}});
-  const std::string link = w.cdnFilm(name);
-  w.rd.downloadRows.push_back(
-      Json{{"filename", name}, {"link", "https://real-debrid.com/d/STABLE1"}, {"download", "elsewhere"}});
-  auto r = w.resolver();
-  auto res = w.run(r.resolve("stremio:///detail/movie/tt1375666"));
-  ASSERT_TRUE(res) << why(res);
-  EXPECT_EQ(res->title, "Inception");
-  EXPECT_EQ(res->runtimeMinutes, 148);
-  ASSERT_EQ(res->streams.size(), 1u);
-  // The add-on row's link goes through the CDN's redirect.
-  auto candidate = res->streams[0];
-  candidate.url = link;
-  auto title = w.run(r.materialise(candidate, *res));
-  ASSERT_TRUE(title) << why(title);
-  EXPECT_EQ(title->name, "Inception (2010) {imdb-tt1375666}.mkv");
-  EXPECT_EQ(title->size, kFilm);
-  EXPECT_EQ(title->sizeVerified, true);
-  EXPECT_EQ(title->url, w.cdn.url("/films/" + QString::fromStdString(name)).toString().toStdString());
-  EXPECT_EQ(title->rdLink, "https://real-debrid.com/d/STABLE1") << "found by file name in the downloads list";
-  EXPECT_EQ(title->resolveURL, link);
-  EXPECT_EQ(title->source, "stremio");
-  EXPECT_EQ(title->rdFilename, name);
-  EXPECT_EQ(title->resolvedAt, w.clock.now());
-  for (const auto& l : w.lines) EXPECT_EQ(l.find(w.rd.key), std::string::npos) << l;
-}
-
-TEST(StremioResolver, UncachedAndStillDownloadingIsATryLater) {
-  World w;
-  auto r = w.resolver();
-  StremioResolver::Resolution res;
-  res.title = "Inception";
-  res.year = "2010";
-  res.id = "tt1375666";
-
-  w.rd.releases[kHashB] = {"Slow",
-                           {{1, "/Slow.mkv", kFilm}},
-                           {{"magnet_conversion", 1}, {"waiting_files_selection", 0}, {"downloading", 0}}};
-  StreamCandidate slow{"2",   "Slow.mkv",   "https://x.invalid/" + kHashB, std::nullopt,
-                       false, std::nullopt, StreamProviderKind::torrentio, 1};
-  auto later = w.run(r.materialise(slow, res));
-  EXPECT_EQ(message(later.error()), "Real-Debrid is downloading this release. Try it again in a few minutes.");
-  EXPECT_TRUE(w.logged("[resolve] RD still fetching Slow.mkv after 45s"));
-  EXPECT_NEAR(w.clock.now() - 700000000.0, 45, 4) << "the budget ran on the clock";
-
-  for (const auto& l : w.lines) EXPECT_EQ(l.find(w.rd.key), std::string::npos) << l;
 }
 
 TEST(StremioResolver, BadRowsAreReadLenientlyAndCut) {

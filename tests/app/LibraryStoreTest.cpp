@@ -166,7 +166,6 @@ TEST(LibraryStore, UpsertKeepsTheStoredNameAndCarriesSubtitlesOnlyForTheSameRele
 
 TEST(LibraryStore, EpisodeIndexesAndFileNames) {
   EXPECT_EQ(episodeKeyOf("Show (2010) {imdb-tt0000001}/Season 01/Show (2010) - s01e02.mkv"), "tt0000001:1:2");
-  EXPECT_EQ(seriesIdOf("tt1:2:3"), "tt1");
   EXPECT_EQ(imdbIdOf("{imdb-tt12x} {imdb-tt3}"), "tt3");
   EXPECT_EQ(episodeKeyOf("{imdb-tt5}/x - s01e02.mkv\n"), "tt5:1:2");
   for (const char* n : {"{imdb-tt5}/x - s01e0٢.mkv", "{imdb-tt5}/s01e02.mkv/", "{imdb-tt5}/ss01e022.mkv"})

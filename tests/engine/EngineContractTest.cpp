@@ -65,19 +65,11 @@ TEST(Manifest, ExactBytesForASmallLibrary) {
 TEST(Manifest, FingerprintsFollowWhatTheyShouldAndNothingElse) {
   const EngineEntry a{.name = "A/b.mkv", .url = "https://cdn/a"};
   const EngineEntry h{.name = "H.mkv", .url = "https://cdn/h", .hidden = true};
-  const std::vector<EngineEntry> base = {h, a};
-  const auto before = fingerprints(base);
   EXPECT_EQ(fingerprintText({h, a}), fingerprintText({a, h})) << "order does not matter";
   EXPECT_EQ(fingerprintText({a, h}, true), fingerprintText({a}));
-  auto changed = base;
-  changed[0].url = "https://cdn/h2";
-  EXPECT_NE(fingerprints(changed).all, before.all);
-  EXPECT_EQ(fingerprints(changed).visible, before.visible);
-  changed[0].hidden = false;
-  EXPECT_NE(fingerprints(changed).visible, before.visible);
-  auto mirrors = base;
-  mirrors[1].alt_sources = std::vector<EngineAltSource>{};
-  EXPECT_EQ(fingerprintText(mirrors), fingerprintText(base)) << "an empty list reads as none";
+  auto mirrors = a;
+  mirrors.alt_sources = std::vector<EngineAltSource>{};
+  EXPECT_EQ(fingerprintText({h, mirrors}), fingerprintText({h, a})) << "an empty list reads as none";
 }
 
 TEST(EngineContract, DecodingRulesOfTheControlReplies) {

@@ -147,12 +147,15 @@ struct Client {
     return readData(r, eof);
   }
 };
-// A READ call with its record mark, as it goes over TCP.
+// A record mark saying `length` bytes follow as the last fragment, as records go over TCP.
+std::string mark(size_t length) {
+  std::string m;
+  XdrWriter(m).u32(0x80000000u | static_cast<uint32_t>(length));
+  return m;
+}
 std::string framedRead(uint32_t xid, uint64_t file, uint64_t offset, uint32_t count) {
   const std::string body = call(kNfs, 3, 6, readArgs(file, offset, count), xid);
-  std::string framed;
-  XdrWriter(framed).u32(0x80000000u | static_cast<uint32_t>(body.size()));
-  return framed + body;
+  return mark(body.size()) + body;
 }
 std::string pattern(int n, int seed) { return vt::test::pattern(n, seed).toStdString(); }
 
@@ -286,9 +289,7 @@ TEST(NfsServer, AClientThatDoesntReadItsRepliesCantMakeTheServerHoldThem) {
   // 200 reads of 1 MiB, sent at once and left unread for a while.
   constexpr int kCalls = 200;
   std::string calls;
-  for (uint32_t xid = 1; xid <= kCalls; ++xid) {
-    calls += framedRead(xid, id, 0, 1 << 20);
-  }
+  for (uint32_t xid = 1; xid <= kCalls; ++xid) calls += framedRead(xid, id, 0, 1 << 20);
   const int64_t before = residentBytes();
   socket.write(calls.data(), static_cast<qint64>(calls.size()));
   vt::test::settle(1500);
@@ -316,11 +317,7 @@ TEST(NfsServer, ARecordLeftHalfSentClosesItsConnectionAfterThirtySeconds) {
   ASSERT_TRUE(connectTo(socket, server));
   // A whole call keeps nothing pending; a record mark for 100 bytes followed by 10 does.
   const std::string nullCall = call(kNfs, 3, 0);
-  std::string framed;
-  XdrWriter(framed).u32(0x80000000u | static_cast<uint32_t>(nullCall.size()));
-  framed += nullCall;
-  XdrWriter(framed).u32(0x80000000u | 100u);
-  framed += std::string(10, 'x');
+  const std::string framed = mark(nullCall.size()) + nullCall + mark(100) + std::string(10, 'x');
   socket.write(framed.data(), static_cast<qint64>(framed.size()));
   ASSERT_TRUE(vt::test::spinUntil([&] { return socket.bytesAvailable() >= 28 && clock.pendingTimers() == 1; }));
   clock.advance(NfsServer::kHalfSentSeconds - 0.1);

@@ -9,76 +9,69 @@
 using namespace vt;
 using vt::test::entry;
 using vt::test::FakeHttpServer;
-using vt::test::VtnfsProcess;
+using vt::test::runTask;
 
-TEST(Vtnfs, ServesStatusAdoptionAndReloadOverItsControlPort) {
-  test::TestHome home;
-  const auto manifest = home.file("entries.json");
-  auto hidden = entry("Hidden.mkv", "http://127.0.0.1:1/x");
-  hidden.hidden = true;
-  ASSERT_TRUE(writeFileAtomically(manifest, encodeEngineConfig({entry("A.mkv", "http://x/a"), hidden})));
-  EngineStatusClient client(sharedHttpClient());
-  VtnfsProcess engine(manifest, home.file("engine.log"), "secret-key");
-  ASSERT_TRUE(engine.waitReady(client)) << engine.process.readAll().toStdString();
-
-  auto status = test::runTask(client.status(engine.controlURL()));
-  ASSERT_TRUE(status && status->entries.size() == 2u);
-  EXPECT_EQ(status->entries[1].name, "Hidden.mkv");
-  auto adoption = test::runTask(client.adopt(engine.controlURL(), 4242));
-  ASSERT_TRUE(adoption);
-  EXPECT_EQ(adoption->pid, static_cast<int32_t>(engine.process.processId()));
-  EXPECT_EQ(adoption->rd_key_sha256, EngineStatusClient::keyHash("secret-key"));
-
-  // An entry in use is kept until playback ends.
-  test::runTask(client.setPlayback(engine.controlURL(), true));
-  test::runTask(client.boost(engine.controlURL(), {"A.mkv"}));
-  ASSERT_TRUE(writeFileAtomically(manifest, encodeEngineConfig({entry("A.mkv", "http://x/a2")})));
-  EXPECT_EQ(test::runTask(client.reload(engine.controlURL())).deferred, 1);
-  test::runTask(client.setPlayback(engine.controlURL(), false));
-  EXPECT_EQ(test::runTask(client.reload(engine.controlURL())).deferred, 0);
-  status = test::runTask(client.status(engine.controlURL()));
-  EXPECT_TRUE(status && status->entries.size() == 1u);
-
-  // The key never reaches the engine's log.
-  const auto log = readFile(home.file("engine.log")).value_or("");
-  EXPECT_NE(log.find("adopted by application pid 4242"), std::string::npos) << log;
-  EXPECT_EQ(log.find("secret-key"), std::string::npos);
-}
-
-TEST(Vtnfs, WarmingReadsTheEndsOfLocalAndHttpSources) {
+TEST(Vtnfs, ServesStatusAdoptionWarmingAndReloadOverItsControlPort) {
   test::TestHome home;
   const auto content = test::pattern(3 * 1024 * 1024 + 17, 1);
   ASSERT_TRUE(writeFileAtomically(home.file("local.bin"), content.toStdString()));
   FakeHttpServer cdn;
   test::serveBytes(cdn, "/film.mkv", content);
-  const auto manifest = home.file("entries.json");
-  ASSERT_TRUE(writeFileAtomically(
-      manifest, encodeEngineConfig({entry("Local.mkv", "", home.file("local.bin")),
-                                    entry("Http.mkv", cdn.url("/film.mkv").toString().toStdString())})));
-  EngineStatusClient client(sharedHttpClient());
-  VtnfsProcess engine(manifest, home.file("engine.log"));
-  ASSERT_TRUE(engine.waitReady(client));
-  test::runTask(client.warmPending(engine.controlURL(), {"Local.mkv", "Http.mkv"}));
-  std::optional<EngineStatusPayload> status;
+  auto hidden = entry("Hidden.mkv", "http://127.0.0.1:1/x");
+  hidden.hidden = true;
+  test::VtnfsProcess engine(home,
+                            {entry("Local.mkv", "", home.file("local.bin")),
+                             entry("Http.mkv", cdn.url("/film.mkv").toString().toStdString()), hidden},
+                            "secret-key");
+  ASSERT_TRUE(engine.waitReady()) << engine.process.readAll().toStdString();
+  auto& client = engine.client;
+  const QUrl url = engine.controlURL();
+
+  auto status = runTask(client.status(url));
+  ASSERT_TRUE(status && status->entries.size() == 3u);
+  EXPECT_EQ(status->entries[0].name, "Hidden.mkv") << "hidden entries are listed too, in name order";
+  auto adoption = runTask(client.adopt(url, 4242));
+  ASSERT_TRUE(adoption);
+  EXPECT_EQ(adoption->pid, static_cast<int32_t>(engine.process.processId()));
+  EXPECT_EQ(adoption->rd_key_sha256, EngineStatusClient::keyHash("secret-key"));
+
+  // Warming reads the ends of local and http sources and verifies their sizes.
+  runTask(client.warmPending(url, {"Local.mkv", "Http.mkv"}));
   ASSERT_TRUE(test::spinUntil(
       [&] {
-        status = test::runTask(client.status(engine.controlURL()));
-        return status && status->entries[0].warmed == true && status->entries[1].warmed == true;
+        status = runTask(client.status(url));
+        return status && status->entries[1].warmed == true && status->entries[2].warmed == true;
       },
       10000));
-  for (const auto& e : status->entries) EXPECT_TRUE(e.size == content.size() && e.size_verified == true) << e.name;
+  for (int i : {1, 2})
+    EXPECT_TRUE(status->entries[i].size == content.size() && status->entries[i].size_verified == true) << i;
   EXPECT_EQ(cdn.requestsTo("/film.mkv").size(), 1u) << "the ends of a file this size are one chunk";
+
+  // An entry in use is kept until playback ends.
+  runTask(client.setPlayback(url, true));
+  runTask(client.boost(url, {"Local.mkv"}));
+  ASSERT_TRUE(writeFileAtomically(engine.manifest, encodeEngineConfig({entry("Local.mkv", "http://x/a2")})));
+  EXPECT_EQ(runTask(client.reload(url)).deferred, 1);
+  runTask(client.setPlayback(url, false));
+  EXPECT_EQ(runTask(client.reload(url)).deferred, 0);
+  status = runTask(client.status(url));
+  EXPECT_TRUE(status && status->entries.size() == 1u);
+
+  // The key never reaches the engine's log.
+  const auto log = readFile(engine.log).value_or("");
+  EXPECT_NE(log.find("adopted by application pid 4242"), std::string::npos) << log;
+  EXPECT_EQ(log.find("secret-key"), std::string::npos);
 }
 
 TEST(EngineStatusClient, HintsSendSortedNamesAndNothingWithoutAUrlOrNames) {
   FakeHttpServer engine;
   engine.onPrefix("POST", "/control/", [](auto&, auto& reply) { reply.json(Json::object()); });
   EngineStatusClient client(sharedHttpClient());
-  test::runTask(client.warmPending(engine.baseUrl(), {"b", "a", "C"}));
-  test::runTask(client.prewarm(engine.baseUrl(), {"z", "y"}, {{"z", 0.5}}));
-  test::runTask(client.expect(engine.baseUrl(), {"n2", "n1"}, 120));
-  test::runTask(client.warmPending(engine.baseUrl(), {}));
-  test::runTask(client.warmPending(std::nullopt, {"a"}));
+  runTask(client.warmPending(engine.baseUrl(), {"b", "a", "C"}));
+  runTask(client.prewarm(engine.baseUrl(), {"z", "y"}, {{"z", 0.5}}));
+  runTask(client.expect(engine.baseUrl(), {"n2", "n1"}, 120));
+  runTask(client.warmPending(engine.baseUrl(), {}));
+  runTask(client.warmPending(std::nullopt, {"a"}));
   const auto& r = engine.requests();
   ASSERT_EQ(r.size(), 3u);
   EXPECT_EQ(r[0].body, R"({"names":["C","a","b"]})");

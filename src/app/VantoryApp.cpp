@@ -70,6 +70,11 @@ VantoryApp::VantoryApp(AppWiring wiring)
 }
 
 VantoryApp::~VantoryApp() {
+  // The engine supervision, with the Plex sync it owns, goes before the
+  // catalog it reads.
+  viewModel_.reset();
+  engine_.reset();
+  catalog_.reset();
   if (ActivityLog::shared() == activity_.get()) ActivityLog::setShared(nullptr);
 }
 

@@ -19,6 +19,7 @@
 #include "platform/Endpoints.h"
 #include "plex/PlexAuth.h"
 #include "plex/PlexLibrarySetup.h"
+#include "plex/PlexSyncCoordinator.h"
 #include "sources/StreamProviders.h"
 #include "platform/Job.h"
 #include "platform/FolderAccess.h"
@@ -141,6 +142,17 @@ int main(int argc, char** argv) {
       auto refreshed = co_await client->refreshItem(std::move(name), std::move(location));
       (void)refreshed;  // a hint: the next scan catches up anyway
       co_return true;
+    };
+    // Plex follows what the engines publish: scans, stale items, labels and
+    // the lists' smart collections.
+    env.makePlexSync = [&paths, &config, &library, &plex](vt::PlexSyncOperations ops) {
+      vt::PlexSyncCoordinator::Environment sync{.config = &config,
+                                                .store = &library,
+                                                .plex = &plex,
+                                                .clock = &vt::systemClock(),
+                                                .http = &vt::sharedHttpClient(),
+                                                .dataDirectory = paths.dataDirectory};
+      return std::make_unique<vt::PlexSyncCoordinator>(std::move(sync), std::move(ops));
     };
     return std::make_unique<vt::EngineSupervisor>(config, library, std::move(env));
   };

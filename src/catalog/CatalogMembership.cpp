@@ -460,4 +460,23 @@ void CatalogStore::importLibrary(const std::set<std::string>& names, const Libra
   addItems(metas, target->id);
 }
 
+std::vector<PlexGrouping> CatalogStore::plexGroupings() const {
+  std::vector<PlexGrouping> out;
+  for (const auto& c : collections_) {
+    if (c.source.kind != CollectionSource::Kind::stremioCatalog || !isMaterialised(c.id)) continue;
+    PlexGrouping g{.id = c.id, .name = c.name, .members = std::nullopt, .plexRatingKey = c.plexRatingKey};
+    if (!stagingIds_.count(c.id)) {
+      g.members = c.itemImdbIds;
+    } else if (const auto revealed = stagedRevealedIds_.find(c.id); revealed != stagedRevealedIds_.end()) {
+      // A staged list shows only what its waves revealed.
+      std::vector<std::string> shown;
+      for (const auto& id : c.itemImdbIds)
+        if (revealed->second.count(id)) shown.push_back(id);
+      if (!shown.empty()) g.members = std::move(shown);
+    }
+    out.push_back(std::move(g));
+  }
+  return out;
+}
+
 }  // namespace vt

@@ -56,7 +56,7 @@ class CatalogStore : public QObject, public CatalogPort {
   const std::vector<std::string>& materialisedIds() const { return materialisedIds_; }
   const std::set<std::string>& stagingIds() const { return stagingIds_; }
   const RevealedIds& stagedRevealedIds() const { return stagedRevealedIds_; }
-  const std::set<std::string>& ownedGroupings() const { return ownedGroupings_; }
+  const std::set<std::string>& ownedGroupings() const override { return ownedGroupings_; }
   const StreamVetting& streamVetting() const { return streamVetting_; }
   const std::vector<std::string>& retiredPlexGroupings() const { return retiredPlexGroupings_; }
   std::optional<CollectionPlexDelivery> delivery(std::string_view id) const;
@@ -83,9 +83,9 @@ class CatalogStore : public QObject, public CatalogPort {
   void deleteCollection(const std::string& id);
   void setResolvePaused(bool paused, const std::string& id);
   void setLastPublished(Date date, const std::set<std::string>& ids);
-  void setPlexRatingKey(std::optional<std::string> key, const std::string& id);
-  void addOwnedGrouping(const std::string& name);
-  void removeOwnedGrouping(const std::string& name);
+  void setPlexRatingKey(std::optional<std::string> key, const std::string& id) override;
+  void addOwnedGrouping(const std::string& name) override;
+  void removeOwnedGrouping(const std::string& name) override;
   void setDelivery(const std::string& id, CollectionPlexDelivery value);
   // Stores a new list of folded-away Plex collection names, if it differs.
   void setRetiredPlexGroupings(std::vector<std::string> names);
@@ -107,7 +107,9 @@ class CatalogStore : public QObject, public CatalogPort {
   void setOnPublishedCatalogSynced(std::function<void(const std::string&)> fn) {
     onPublishedCatalogSynced_ = std::move(fn);
   }
-  void setOnPublishedMembershipShrunk(std::function<void()> fn) { onPublishedMembershipShrunk_ = std::move(fn); }
+  void setOnPublishedMembershipShrunk(std::function<void()> fn) override {
+    onPublishedMembershipShrunk_ = std::move(fn);
+  }
 
   // Blocks until every save handed to a writer is on disk; a pending
   // debounced metadata save is not started by this (tests, tools).
@@ -151,6 +153,7 @@ class CatalogStore : public QObject, public CatalogPort {
   void dematerialise(const std::string& collectionId);
   void noteRevealed(const std::set<std::string>& imdbIds, const std::string& collectionId);
   bool holdsBack(const LibraryTitle& title) const override;
+  std::vector<PlexGrouping> plexGroupings() const override;
   // Members of a published collection that still want a title in the library.
   std::vector<std::string> unfinishedIds(const CatalogCollection& collection, const LibraryStore& library) const;
   void unpauseIfDone(const std::string& collectionId, const LibraryStore& library);

@@ -1,5 +1,7 @@
 #include "engine/EngineStatusClient.h"
 
+#include "platform/Url.h"
+
 #include <QUrlQuery>
 #include <algorithm>
 
@@ -12,13 +14,7 @@ EngineStatusClient::EngineStatusClient(HttpClient& http) : http_(http) {}
 
 namespace {
 
-QUrl join(const QUrl& base, const char* path) {
-  QUrl url = base;
-  QString p = url.path();
-  if (!p.endsWith('/')) p += '/';
-  url.setPath(p + QString::fromLatin1(path));
-  return url;
-}
+QUrl join(const QUrl& base, const char* path) { return withPathAppended(base, path); }
 
 Json sortedNames(std::vector<std::string> names) {
   std::sort(names.begin(), names.end());

@@ -63,11 +63,37 @@ EngineSupervisor::EngineSupervisor(AppConfig& config, LibraryStore& store, Engin
   hooks.log = env_.log;
   publisher_ = std::make_unique<ManifestPublisher>(store_, config_, *env_.clock, client_,
                                                    static_cast<EngineInstances&>(*this), std::move(hooks));
+  // Every change of the library reaches the engines through the debounced flush.
+  connect(&store_, &LibraryStore::changed, this, [this] { publisher_->requestFlush(1); });
+
+  if (env_.makePlexSync) {
+    PlexSyncOperations ops;
+    ops.applyEngineConfig = [this] { return publisher_->applyEngineConfig(); };
+    ops.isRunning = [this] { return movie_->state == EngineState::running; };
+    ops.activeControlURLs = [this] {
+      std::vector<std::string> urls;
+      for (const EngineInstance* instance : {movie_.get(), tv_.get()})
+        if (instance && instance->state == EngineState::running && instance->paths.controlURL)
+          urls.push_back(instance->paths.controlURL->toString().toStdString());
+      return urls;
+    };
+    ops.log = env_.log;
+    plexSync_ = env_.makePlexSync(std::move(ops));
+  }
 }
 
 EngineSupervisor::~EngineSupervisor() {
+  // No pass may start while the rest goes.
+  plexSync_.reset();
   // The jobs first, while everything they might touch still stands.
   jobs_.cancelAll();
+}
+
+void EngineSupervisor::attach(CatalogPort& catalog) {
+  catalog_ = &catalog;
+  if (plexSync_) plexSync_->attachCatalog(&catalog);
+  // A list that lost members has labels to take off in Plex.
+  catalog.setOnPublishedMembershipShrunk([this] { kickPlexSync(); });
 }
 
 std::unique_ptr<EngineInstance> EngineSupervisor::makeInstance(EngineKind kind) {
@@ -118,7 +144,7 @@ std::vector<EngineEntry> EngineSupervisor::entriesFor(const EngineInstance& inst
 }
 
 void EngineSupervisor::kickPlexSync() {
-  if (env_.requestReconcile) env_.requestReconcile();
+  if (plexSync_) plexSync_->requestReconcile();
 }
 
 // Prepare -------------------------------------------------------------------
@@ -351,10 +377,9 @@ void EngineSupervisor::didBecomeReady(EngineInstance& instance) {
   stuck_.erase(instance.kind());
   pushCacheBudget();
   const bool isMovie = &instance == movie_.get();
-  if (isMovie) {
-    if (env_.startIntentWatcher) env_.startIntentWatcher();
-    if (env_.setWarmupUntil) env_.setWarmupUntil(env_.clock->now() + 120);
-  }
+  if (isMovie && env_.startIntentWatcher) env_.startIntentWatcher();
+  // Plex's view of either folder is still forming after its engine starts.
+  if (plexSync_) plexSync_->setWarmupUntil(env_.clock->now() + kPlexWarmup);
   EngineInstance* target = &instance;
   instance.mount().startWatchdog(
       {[target] { return target->state == EngineState::running; }, [target] { return target->runningPid(); }});

@@ -12,6 +12,7 @@
 #include <qcoro/qcorotask.h>
 
 #include "core/EnginePort.h"
+#include "core/PlexSyncPort.h"
 #include "engine/EngineError.h"
 #include "engine/EngineInstance.h"
 #include "engine/EngineInstancePaths.h"
@@ -58,8 +59,9 @@ struct EngineSupervisorEnvironment {
 
   std::function<bool()> playbackActive;
   std::function<bool(const LibraryTitle&)> isHidden;
-  std::function<void()> requestReconcile;
-  std::function<void(Date)> setWarmupUntil;
+  // Makes the Plex sync coordinator, which the supervisor owns and kicks;
+  // without one, nothing applies the manifests on its own.
+  PlexSyncFactory makePlexSync;
   std::function<void()> startIntentWatcher;
   std::function<void()> stopIntentWatcher;
 };
@@ -77,6 +79,7 @@ class EngineSupervisor : public QObject, public EnginePort, private EngineInstan
   static constexpr double kReplaceDelay = 60;
   static constexpr int kHealthTries = 50;
   static constexpr double kHealthPause = 0.4;
+  static constexpr double kPlexWarmup = 120;
 
   EngineSupervisor(AppConfig& config, LibraryStore& store, EngineSupervisorEnvironment environment);
   ~EngineSupervisor() override;
@@ -95,9 +98,10 @@ class EngineSupervisor : public QObject, public EnginePort, private EngineInstan
   EngineInstance* tvInstanceIfAny() { return tv_.get(); }
   EngineInstance& ensureTvInstance();
   ManifestPublisher& publisher() { return *publisher_; }
+  PlexSyncPort* plexSync() { return plexSync_.get(); }
 
   // EnginePort
-  void attach(CatalogPort& catalog) override { catalog_ = &catalog; }
+  void attach(CatalogPort& catalog) override;
   QCoro::Task<> prepare(bool isTestHome) override;
   QCoro::Task<> start() override;
   EngineState movieState() const override { return movie_->state; }
@@ -157,6 +161,7 @@ class EngineSupervisor : public QObject, public EnginePort, private EngineInstan
   std::unique_ptr<EngineInstance> movie_;
   std::unique_ptr<EngineInstance> tv_;
   std::unique_ptr<ManifestPublisher> publisher_;
+  std::unique_ptr<PlexSyncPort> plexSync_;
   CatalogPort* catalog_ = nullptr;
   std::optional<std::string> lastError_;
   std::set<EngineKind> stuck_;

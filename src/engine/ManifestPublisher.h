@@ -8,6 +8,7 @@
 #include <qcoro/qcorotask.h>
 
 #include "core/EnginePort.h"
+#include "core/PlexSyncPort.h"
 #include "engine/EngineInstancePaths.h"
 #include "engine/EngineStatusClient.h"
 #include "engine/Manifest.h"
@@ -20,14 +21,6 @@ class AppConfig;
 class Clock;
 class LibraryStore;
 struct LibraryTitle;
-
-// What one application of the manifests changed, for the Plex sync.
-struct EngineApplyResult {
-  bool movieVisibleChanged = false;
-  bool tvVisibleChanged = false;
-  bool tvActive = false;
-  bool operator==(const EngineApplyResult&) const = default;
-};
 
 // The manifest side of one engine instance.
 struct EngineInstanceState {

@@ -15,4 +15,13 @@ inline std::optional<QUrl> parseUrl(std::string_view text) {
   return url;
 }
 
+// `base` with `path` after its own path and exactly one "/" between them.
+inline QUrl withPathAppended(const QUrl& base, std::string_view path) {
+  QUrl url = base;
+  QString p = url.path();
+  if (!p.endsWith('/')) p += '/';
+  url.setPath(p + QString::fromUtf8(path.data(), static_cast<qsizetype>(path.size())));
+  return url;
+}
+
 }  // namespace vt

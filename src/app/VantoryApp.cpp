@@ -31,6 +31,9 @@ VantoryApp::VantoryApp(AppWiring wiring)
   settings_ = wiring_.paths.isTestHome() ? SettingsStore::openForTestHome(*wiring_.paths.homeOverride)
                                          : std::make_unique<SettingsStore>(wiring_.paths.settingsPath);
   config_ = std::make_unique<AppConfig>(*settings_, wiring_.registrySync);
+  // The one pick history every picker records into and every ranker reads.
+  pickHistory_ = std::make_unique<PickHistory>(*settings_);
+  PickHistory::setShared(pickHistory_.get());
   // The one door to Plex: every part that talks to the server gets its
   // clients from here.
   plexClients_ = std::make_unique<PMSClientFactory>(*config_, wiring_.http ? *wiring_.http : sharedHttpClient());
@@ -76,6 +79,7 @@ VantoryApp::~VantoryApp() {
   engine_.reset();
   catalog_.reset();
   if (ActivityLog::shared() == activity_.get()) ActivityLog::setShared(nullptr);
+  if (PickHistory::shared() == pickHistory_.get()) PickHistory::setShared(nullptr);
 }
 
 void VantoryApp::reportWhatIsMissing() {

@@ -19,6 +19,7 @@
 #include "platform/Paths.h"
 #include "platform/Settings.h"
 #include "plex/PMSClient.h"
+#include "sources/ranking/PickHistory.h"
 #include "sources/release/UnrecognizedReleaseWords.h"
 
 namespace vt {
@@ -74,6 +75,7 @@ class VantoryApp {
   EngineLog& engineLog() { return engineLog_; }
   ActivityLog& activity() { return *activity_; }
   UnrecognizedReleaseWords& releaseWords() { return *releaseWords_; }
+  PickHistory& pickHistory() { return *pickHistory_; }
   const AppPaths& paths() const { return wiring_.paths; }
 
  private:
@@ -84,6 +86,7 @@ class VantoryApp {
   Clock& clock_;
   std::unique_ptr<SettingsStore> settings_;
   std::unique_ptr<AppConfig> config_;
+  std::unique_ptr<PickHistory> pickHistory_;
   std::unique_ptr<PMSClientFactory> plexClients_;
   std::unique_ptr<LibraryStore> library_;
   std::unique_ptr<ActivityLog> activity_;

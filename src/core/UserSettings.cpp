@@ -65,9 +65,9 @@ const std::vector<UserSetting>& userSettings() {
        [](AppConfig& c, const UserSettingValue& v) { c.setCacheLimitGB(std::get<int64_t>(v)); }},
       booleanSetting("useComet", "true", "ask the Comet add-on for streams as well", &AppConfig::useComet,
                      &AppConfig::setUseComet),
-      textSetting("mediafusionURL", T::optionalUrl, "", "address of a MediaFusion add-on to ask as well", false,
+      textSetting("mediafusionURL", T::addonUrl, "", "address of a MediaFusion add-on to ask as well", false,
                   &AppConfig::mediafusionURL, &AppConfig::setMediafusionURL),
-      textSetting("streamAddonOverride", T::optionalUrl, "", "add-on address that replaces the primary add-on", false,
+      textSetting("streamAddonOverride", T::addonUrl, "", "add-on address that replaces the primary add-on", false,
                   &AppConfig::streamAddonOverride, &AppConfig::setStreamAddonOverride),
       booleanSetting("allowTS", "false", "accept camera recordings (CAM, TS)", &AppConfig::allowTS,
                      &AppConfig::setAllowTS),
@@ -92,7 +92,7 @@ std::string typeDescription(const UserSetting& setting) {
       return "text";
     case UserSettingType::url:
       return "URL";
-    case UserSettingType::optionalUrl:
+    case UserSettingType::addonUrl:
       return "URL or empty";
     case UserSettingType::boolean:
       return "true or false";
@@ -127,9 +127,14 @@ Result<UserSettingValue, SettingRefusal> checkUserSetting(const UserSetting& set
       for (const char c : value)
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) return refuse(key + " takes one line of text");
       return UserSettingValue(std::in_place_type<std::string>, value);
-    case UserSettingType::optionalUrl:
+    case UserSettingType::addonUrl:
+      // Add-on configurations put "|" and the like in the path, which the
+      // strict reading refuses; the add-on code reads these leniently too.
       if (value.empty()) return UserSettingValue(std::in_place_type<std::string>);
-      [[fallthrough]];
+      if (!parseAddonUrl(value))
+        return refuse(key + " takes an add-on address such as https://host/path, and " + shown +
+                      " doesn't read as one");
+      return UserSettingValue(std::in_place_type<std::string>, value);
     case UserSettingType::url:
       if (!parseUrl(value))
         return refuse(key + " takes a URL such as http://host:port, and " + shown + " doesn't read as one");

@@ -19,12 +19,12 @@ namespace vt {
 class AppConfig;
 
 enum class UserSettingType {
-  text,         // any one line
-  url,          // must parse as an absolute URL
-  optionalUrl,  // a URL, or empty for none
-  boolean,      // true/false (also yes/no, on/off, 1/0)
-  integer,      // a whole number within [min, max]
-  quality,      // fast, balanced, high or best (or its stored number)
+  text,      // any one line
+  url,       // must parse as an absolute URL
+  addonUrl,  // an add-on address ("|" and the like allowed in it), or empty for none
+  boolean,   // true/false (also yes/no, on/off, 1/0)
+  integer,   // a whole number within [min, max]
+  quality,   // fast, balanced, high or best (or its stored number)
 };
 
 // A checked value, ready for AppConfig.

@@ -24,4 +24,12 @@ inline QUrl withPathAppended(const QUrl& base, std::string_view path) {
   return url;
 }
 
+// An add-on address as users paste them: lenient about characters such as
+// "|" that add-on configurations put in the path, but with a scheme and host.
+inline std::optional<QUrl> parseAddonUrl(std::string_view text) {
+  QUrl url(QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size())), QUrl::TolerantMode);
+  if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty()) return std::nullopt;
+  return url;
+}
+
 }  // namespace vt

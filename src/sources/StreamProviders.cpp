@@ -12,7 +12,10 @@ std::optional<QUrl> addonURL(const AppConfig& config) {
   if (key.empty()) return std::nullopt;
   std::string base = endpoints().torrentio;
   while (!base.empty() && base.back() == '/') base.pop_back();
-  return parseAddonUrl(base + "/realdebrid=" + key + "/");
+  // Encoded so that a "#", "?" or "%" in the key stays in the path and
+  // rdKey() reads back the same key.
+  const auto encodedKey = QUrl::toPercentEncoding(QString::fromStdString(key));
+  return parseAddonUrl(base + "/realdebrid=" + encodedKey.toStdString() + "/");
 }
 
 std::vector<StreamProvider> extraProviders(const AppConfig& config) {

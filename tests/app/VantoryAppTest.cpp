@@ -87,6 +87,7 @@ TEST(VantoryApp, StartsUpInOrderAndStartsTheEngineOnlyWhenEverythingIsSet) {
                               "finishStaging paused-staging", "resolveAndPublish 2"}));
   app->activity().record(ActivityLog::Kind::added, "Film");
   EXPECT_TRUE(std::filesystem::exists(rig.home.file("activity.json")));
+  EXPECT_EQ(PickHistory::shared(), &app->pickHistory()) << "every picker shares the application's history";
   // Without a Real-Debrid key, or without Plex, the engine is not started.
   for (auto [configured, key] : {std::pair{true, false}, std::pair{false, true}}) {
     Rig other;

@@ -151,6 +151,16 @@ TEST(Cli, ConfigSetsGetsAndUnsetsAndTakesSecretsOnlyFromStandardInput) {
 
   EXPECT_EQ(runCli({"config", "unset", "rdKey", "--home", h}).status, 0);
   EXPECT_EQ(runCli({"config", "get", "rdKey", "--home", h}).out, "\n") << "nothing to mask";
+
+  // Add-on addresses carry their configuration in the path, "|" included.
+  const std::string torrentio = "https://torrentio.strem.fun/sort=size|realdebrid=KEY/manifest.json";
+  for (const char* key : {"streamAddonOverride", "mediafusionURL"}) {
+    c = runCli({"config", "set", key, torrentio, "--home", h});
+    EXPECT_EQ(c.status, 0) << key << ": " << c.err;
+    EXPECT_EQ(runCli({"config", "get", key, "--home", h}).out, torrentio + "\n") << key;
+    EXPECT_EQ(runCli({"config", "set", key, "torrentio.strem.fun/manifest.json", "--home", h}).status, kUsageError)
+        << key << " still wants a scheme and a host";
+  }
 }
 
 TEST(Cli, TheBuiltToolReadsSecretsFromStandardInput) {

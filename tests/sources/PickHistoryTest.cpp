@@ -58,6 +58,10 @@ TEST(QualitySettings, LegacyRecordsMapToLevelsAndTheStoredLevelFallsBackWithoutW
   EXPECT_EQ(qualityLevelFromLegacy(R"({"resolutionOrder":["4K","1080p"]})"), QualityLevel::best);
   EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":30,"resolutionOrder":["4K"]})"), QualityLevel::high);
   EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":5,"resolutionOrder":["1080p"]})"), QualityLevel::fast);
+  EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":5.1,"resolutionOrder":["1080p","4K"]})"), QualityLevel::balanced);
+  EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":2,"resolutionOrder":[]})"), QualityLevel::fast)
+      << "an empty order is a non-4K order";
+  EXPECT_EQ(qualityLevelFromLegacy(R"({"resolutionOrder":[]})"), QualityLevel::balanced);
   EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":"5","resolutionOrder":["4K"]})"), QualityLevel::balanced);
   EXPECT_EQ(qualityLevelFromLegacy(R"({"maxSizeGB":2})"), QualityLevel::balanced) << "the order is required";
   EXPECT_EQ(qualityLevelFromLegacy("\xff\xfe{"), QualityLevel::balanced);

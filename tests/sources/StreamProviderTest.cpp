@@ -90,6 +90,16 @@ TEST(StreamProvider, SettingsGiveThePrimaryAndTheExtras) {
   config.setStreamAddonOverride("  https://torrentio.strem.fun/sort=size|realdebrid=OTHER/manifest.json \n");
   EXPECT_EQ(registry.key(), "OTHER") << "the primary address's key is the key in force";
   EXPECT_EQ(keysSeen, (std::vector<std::string>{"KEY1", "KEY1", "OTHER"}));
+
+  // A key with characters that mean something in an address reads back whole.
+  config.setStreamAddonOverride("");
+  const std::string odd = "K#1?x=%41";
+  config.setRdKey(odd);
+  const auto primary = addonURL(config);
+  ASSERT_TRUE(primary);
+  EXPECT_EQ(primary->query(), "");
+  EXPECT_EQ(rdKey(*primary), odd);
+  EXPECT_EQ(registry.key(), odd);
 }
 
 TEST(ProviderHealth, ThreeFailuresTripAKindForFiveMinutes) {
@@ -103,6 +113,9 @@ TEST(ProviderHealth, ThreeFailuresTripAKindForFiveMinutes) {
   EXPECT_TRUE(health.checkTripped(K::comet));
   clock.advance(0.1);
   EXPECT_FALSE(health.checkTripped(K::comet)) << "at the end of the trip the kind is back";
+  EXPECT_EQ(health.failures(K::comet), 0);
+  health.record(K::comet, false);
+  EXPECT_FALSE(health.checkTripped(K::comet)) << "the count starts again after a trip";
 }
 
 TEST(ProviderHealth, ProvidersInOrderSkipTrippedKindsButNeverAll) {

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <limits>
+#include <random>
+
 #include "sources/ranking/RankingSettings.h"
 #include "sources/ranking/StreamRanker.h"
 
@@ -124,6 +127,28 @@ TEST(StreamRanker, RankFiltersUncachedNotTheFilmAndThreeD) {
             std::vector<std::string>{"Film.2020.720p.BluRay.x265-FGT.mkv"});
   EXPECT_EQ(filenames(ranker.rank(rows, std::nullopt, true)),
             (std::vector<std::string>{kPlain, "Film.2020.720p.BluRay.x265-FGT.mkv"}));
+  EXPECT_TRUE(ranker.rank({}, std::nullopt, false).empty());
+  EXPECT_TRUE(ranker.rank({row(kPlain, {}, false), row(kPlain, {}, false)}, std::nullopt, false).empty());
+}
+
+TEST(StreamRanker, EqualScoresKeepTheirInputOrder) {
+  const auto ranker = rankerFor(QualityLevel::balanced);
+  const std::string other = "Other.2020.1080p.BluRay.x265-FGT.mkv";
+  ASSERT_EQ(ranker.score(row(kPlain), std::nullopt), ranker.score(row(other), std::nullopt));
+  EXPECT_EQ(filenames(ranker.rank({row(kPlain), row(other)}, std::nullopt, false)),
+            (std::vector<std::string>{kPlain, other}));
+  EXPECT_EQ(filenames(ranker.rank({row(other), row(kPlain)}, std::nullopt, false)),
+            (std::vector<std::string>{other, kPlain}));
+  // Enough ties, between two scores, that an unstable sort would show.
+  std::vector<StreamCandidate> many;
+  for (int i = 0; i < 64; ++i) many.push_back(row(i % 3 ? kPlain : "Film.2020.720p.BluRay.x265-FGT.mkv"));
+  const auto ranked = ranker.rankScored(many, std::nullopt, false);
+  ASSERT_EQ(ranked.size(), many.size());
+  for (size_t i = 1; i < ranked.size(); ++i) {
+    if (ranked[i].score == ranked[i - 1].score) {
+      EXPECT_LT(ranked[i - 1].index, ranked[i].index) << i;
+    }
+  }
 }
 
 TEST(StreamRanker, BitRateCeilingDropsOnlyWhatIsAboveIt) {
@@ -131,7 +156,13 @@ TEST(StreamRanker, BitRateCeilingDropsOnlyWhatIsAboveIt) {
   // 6.6 GB over the assumed 6600 s is exactly 8 Mbps: it stays; a byte more goes.
   EXPECT_EQ(fast.rank({row(kPlain, "6.6 GB")}, std::nullopt, false).size(), 1u);
   EXPECT_TRUE(fast.rank({row(kPlain, "6600000001")}, std::nullopt, false).empty());
-  EXPECT_EQ(rankerFor(QualityLevel::best).rank({row(kPlain, "50 GB")}, std::nullopt, false).size(), 1u);
+  // A 50 GB 4K remux with no runtime runs at about 60.6 Mbps: above `high`, fine for `best`.
+  const std::string remux = "Film.2020.2160p.UHD.BluRay.REMUX.HDR.HEVC-FGT.mkv";
+  EXPECT_TRUE(rankerFor(QualityLevel::high).rank({row(remux, "50 GB")}, std::nullopt, false).empty());
+  EXPECT_EQ(rankerFor(QualityLevel::best).rank({row(remux, "50 GB")}, std::nullopt, false).size(), 1u);
+  // 60 GB over a 120-minute film is about 66.7 Mbps, far above `fast`.
+  EXPECT_TRUE(fast.rank({row(remux, "60 GB")}, 120, false).empty());
+  EXPECT_EQ(fast.rank({row(remux, "6 GB")}, 120, false).size(), 1u) << "6.7 Mbps fits";
   // An unknown size stays at every level.
   for (const auto level : kLevels)
     EXPECT_EQ(rankerFor(level).rank({row(kPlain, "unknown"), row(kPlain)}, std::nullopt, false).size(), 2u);
@@ -166,4 +197,50 @@ TEST(StreamRanker, ReasonsExplainTheRow) {
                                 "Popular: 50 people share it", "Upscaled from a lower resolution, so it ranks last",
                                 "Subtitles are burned into the picture, so it ranks below clean releases"}));
   EXPECT_TRUE(ranker.reasons(row(kPlain, {}, true, 49), std::nullopt, {{"FGT", 0}}).empty());
+}
+
+TEST(StreamRanker, RandomRowsNeverCrashAndComeOutInScoreOrder) {
+  std::mt19937_64 rng(20240616);
+  auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
+  auto bytes = [&](size_t most) {
+    std::string s(pick(most + 1), '\0');
+    for (auto& c : s) c = static_cast<char>(rng());
+    return s;
+  };
+  const std::vector<std::string> sizes = {
+      "", "GB", "unknown", "1,4 GB", "..1.2.3 MB", std::string(400, '9') + " GB", "-0 GB", "1e400 GB", "0.000001 MB"};
+  const std::vector<std::string> names = {kPlain, "Film.2020.2160p.UHD.BluRay.REMUX.HDR.DV.HEVC-FGT.mkv",
+                                          "Film.2020.720p.Upscaled.HC.3D.WEB.AV1-TiGoLe", "Trailer.Sample", ""};
+  const std::vector<int64_t> seeders = {
+      0, -1, 1, 1023, std::numeric_limits<int64_t>::max(), std::numeric_limits<int64_t>::min()};
+  for (int round = 0; round < 300; ++round) {
+    std::vector<StreamCandidate> rows;
+    for (size_t i = pick(40); i > 0; --i) {
+      auto name = pick(3) ? names[pick(names.size())] : bytes(80);
+      if (pick(2)) name.insert(pick(name.size() + 1), bytes(6));
+      std::optional<std::string> size;
+      if (pick(4)) size = pick(3) ? sizes[pick(sizes.size())] + bytes(3) : bytes(12);
+      std::optional<int64_t> seed;
+      if (pick(3)) seed = pick(2) ? seeders[pick(seeders.size())] : static_cast<int64_t>(rng());
+      rows.push_back(row(std::move(name), std::move(size), pick(4) != 0, seed));
+    }
+    std::optional<int> runtime;
+    if (pick(2)) runtime = static_cast<int>(rng());
+    StreamRanker ranker{streamPreference(kLevels[pick(4)]), {{"FGT", static_cast<int64_t>(rng())}}};
+    const bool uncached = pick(2);
+    const auto ranked = ranker.rankScored(rows, runtime, uncached);
+    ASSERT_LE(ranked.size(), rows.size());
+    for (size_t i = 0; i < ranked.size(); ++i) {
+      ASSERT_LT(ranked[i].index, rows.size());
+      EXPECT_EQ(ranked[i].score, ranker.score(rows[ranked[i].index], runtime));
+      if (i > 0) {
+        ASSERT_GE(ranked[i - 1].score, ranked[i].score) << "round " << round;
+      }
+      const auto eff = StreamRanker::efficiencyScore(rows[ranked[i].index],
+                                                     ReleaseParser::parse(rows[ranked[i].index].filename), runtime);
+      ASSERT_TRUE(eff >= 0 && eff <= 150) << eff;
+      ranker.reasons(rows[ranked[i].index], runtime, ranker.chosenGroups);
+    }
+    EXPECT_EQ(ranker.rank(rows, runtime, uncached).size(), ranked.size());
+  }
 }

@@ -62,12 +62,6 @@ double streamRequestTimeLimit(StreamProviderKind kind) {
   return 30;
 }
 
-std::optional<QUrl> parseAddonUrl(std::string_view text) {
-  QUrl url(QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size())), QUrl::TolerantMode);
-  if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty()) return std::nullopt;
-  return url;
-}
-
 std::string StreamProvider::CometConfig::json() const {
   // nlohmann::json (not the ordered flavour) keeps object keys sorted.
   nlohmann::json j = {{"debridService", debridService},

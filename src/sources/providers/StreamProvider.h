@@ -6,6 +6,7 @@
 
 #include <QUrl>
 
+#include "platform/Url.h"  // parseAddonUrl
 #include "sources/providers/StreamProviderKind.h"
 
 namespace vt {
@@ -58,9 +59,5 @@ std::string streamsPath(std::string_view type, std::string_view id);
 // "|"-separated piece of a path component that begins with "realdebrid=" and
 // has something after it.
 std::optional<std::string> rdKey(const QUrl& addon);
-
-// An add-on address as users paste them: lenient about characters such as
-// "|" that add-on configurations put in the path, but with a scheme and host.
-std::optional<QUrl> parseAddonUrl(std::string_view text);
 
 }  // namespace vt

@@ -1,5 +1,6 @@
 #include "sources/ranking/PickHistory.h"
 
+#include <atomic>
 #include <limits>
 
 #include "platform/Json.h"
@@ -9,7 +10,14 @@
 
 namespace vt {
 
+namespace {
+std::atomic<PickHistory*> g_shared{nullptr};
+}  // namespace
+
 PickHistory::PickHistory(SettingsStore& store) : store_(store) {}
+
+PickHistory* PickHistory::shared() { return g_shared.load(); }
+void PickHistory::setShared(PickHistory* history) { g_shared.store(history); }
 
 ChosenGroups PickHistory::readMap(const SettingsStore& store, const char* key) {
   ChosenGroups out;

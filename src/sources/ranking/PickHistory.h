@@ -17,6 +17,8 @@ class SettingsStore;
 // "pickedGridCells". Each map is one stored value (a JSON object), so a "/"
 // in a group name is just a character. The lock covers every
 // read-change-write of a map; the store itself belongs to the main thread.
+// The application owns one and installs it as the shared instance, so that
+// every picker goes through the same lock.
 class PickHistory {
  public:
   static constexpr const char* kGroupsKey = "pickedReleaseGroups";
@@ -29,6 +31,11 @@ class PickHistory {
   };
 
   explicit PickHistory(SettingsStore& store);
+
+  // The running application's history; none before it is installed (tests,
+  // the command-line tool). Installed once at start, before any job runs.
+  static PickHistory* shared();
+  static void setShared(PickHistory* history);
 
   // Parses the name and counts its group, uppercased, when it has one.
   void recordPick(std::string_view filename);

@@ -93,6 +93,37 @@ TEST(RDClient, TheLargestFileIsChosenAndATieGoesToTheLaterOne) {
   EXPECT_EQ(fileSelection(std::nullopt, true), "all");
 }
 
+TEST(RDClient, ADownloadedTorrentAnswersAtOnceAndAFailedSelectionDoesNotStopThePolling) {
+  Rig rig;
+  rig.rd.releases[kHash] = {"Film", {{1, "/Film.mkv", 2'000'000'000}}, {{"downloaded", 0}}};
+  auto id = *rig.drive(rig.client.addMagnet(kHash));
+  auto link = rig.drive(rig.client.pollUntilLink(id, true, 2));
+  ASSERT_TRUE(link && link->has_value()) << text(link);
+  EXPECT_EQ(rig.rd.torrents.at(id).infoCalls, 1);
+  EXPECT_EQ(rig.rd.torrents.at(id).selectCalls, 0);
+  EXPECT_TRUE(rig.clock.pauses.empty());
+
+  // The selection is refused and never lands: asked once, then polled to the deadline.
+  const std::string other = "fedcba9876543210fedcba9876543210fedcba98";
+  rig.rd.releases[other] = {"Film", {{1, "/f.mkv", 900'000'000}}, FakeRealDebrid::cachedStages()};
+  auto stuck = *rig.drive(rig.client.addMagnet(other));
+  rig.rd.fail("torrents/selectFiles/", 503);
+  auto none = rig.drive(rig.client.pollUntilLink(stuck, true, 2));
+  ASSERT_TRUE(none) << text(none);
+  EXPECT_FALSE(none->has_value());
+  EXPECT_EQ(rig.rd.requestsTo("/rest/1.0/torrents/selectFiles/" + QString::fromStdString(stuck)).size(), 1u);
+  EXPECT_EQ(rig.clock.pauses.size(), 3u);
+
+  // The service may go on after a failed answer: the next info decides.
+  const std::string third = "00112233445566778899aabbccddeeff00112233";
+  rig.rd.releases[third] = {"Film", {{1, "/f.mkv", 900'000'000}}, {{"waiting_files_selection", 1}, {"downloaded", 0}}};
+  auto goesOn = *rig.drive(rig.client.addMagnet(third));
+  rig.rd.fail("torrents/selectFiles/", 500);
+  auto later = rig.drive(rig.client.pollUntilLink(goesOn, true, 2));
+  ASSERT_TRUE(later) << text(later);
+  EXPECT_TRUE(later->has_value());
+}
+
 TEST(RDClient, AWorkingTorrentGivesUpAtTheDeadlineWithNothing) {
   Rig rig;
   rig.rd.releases[kHash] = {"Slow", {{1, "/f.mkv", 900'000'000}}, {{"waiting_files_selection", 0}, {"queued", 0}}};

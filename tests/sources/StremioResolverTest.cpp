@@ -1,11 +1,57 @@
 #include <gtest/gtest.h>
 
+#include <QTcpServer>
+#include <QTcpSocket>
+
 #include "ResolverWorld.h"
+#include "platform/Text.h"
 
 using namespace vt;
 using namespace vt::test::resolver;
+using test::FakeRealDebrid;
 using test::FakeStreamAddon;
 using Kind = ResolveError::Kind;
+using PK = StreamProviderKind;
+
+namespace {
+
+// A host that writes fixed replies and closes, so that a reply can lack every
+// length header (the body then ends with the connection).
+struct BareHost {
+  QTcpServer server;
+  std::vector<QByteArray> methods;
+
+  BareHost() {
+    server.listen(QHostAddress::LocalHost, 0);
+    QObject::connect(&server, &QTcpServer::newConnection, [this] {
+      while (QTcpSocket* s = server.nextPendingConnection())
+        QObject::connect(s, &QTcpSocket::readyRead, s, [this, s] {
+          const QByteArray seen = s->property("seen").toByteArray() + s->readAll();
+          s->setProperty("seen", seen);
+          if (!seen.contains("\r\n\r\n")) return;
+          methods.push_back(seen.left(seen.indexOf(' ')));
+          s->write(seen.startsWith("HEAD") ? "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n"
+                                           : "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nxyz");
+          s->disconnectFromHost();
+        });
+    });
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(server.serverPort()) + "/film.mkv"; }
+};
+
+StremioResolver::Resolution inception() {
+  StremioResolver::Resolution res;
+  res.title = "Inception";
+  res.year = "2010";
+  res.id = "tt1375666";
+  return res;
+}
+
+StreamCandidate candidate(std::string file, std::string url, bool cached, std::string hash, PK kind) {
+  return {"1", std::move(file), std::move(url), std::nullopt, cached, std::move(hash), kind, std::nullopt};
+}
+
+}  // namespace
 
 TEST(StremioResolver, ReadsLinksIdsAndEpisodeKeys) {
   using P = std::pair<std::string, std::string>;
@@ -84,6 +130,38 @@ TEST(StremioResolver, PoolStopsAtTheFirstPlayableAnswerAndRemembersIt) {
   EXPECT_FALSE(w.run(w.cache.entry("movie/tt1375666")));
 }
 
+TEST(StremioResolver, MediaFusionRowsAllPlayAndUncachedCometRowsAreTheLastResort) {
+  World w;
+  FakeStreamAddon mediafusion{Family::mediafusion};
+  w.registry.update({*StreamProvider::mediafusion(mediafusion.base().toString().toStdString())}, w.rd.key);
+  const Json unplayable = Json::array({Json{{"name", "Torrentio\n1080p"}, {"url", "https://x"}}});
+  w.torrentio.setRows("movie", "tt0110357", unplayable);
+  mediafusion.setReleases(
+      "movie", "tt0110357",
+      {{"Lion.King.1994.2160p.mkv", kFilm, kHashA, false}, {"Lion.King.1994.1080p.mkv", kFilm, kHashB}});
+  auto r = w.resolver();
+  auto pool = w.run(r.streamPool("movie", "tt0110357"));
+  ASSERT_TRUE(pool) << why(pool);
+  const auto c = r.candidates(*pool, "1994", "The Lion King");
+  ASSERT_EQ(c.streams.size(), 2u) << "\"⏳\" rows play too";
+  EXPECT_EQ(c.streams[0].provider, PK::mediafusion);
+  EXPECT_FALSE(c.streams[0].isCached);
+  EXPECT_TRUE(c.streams[1].isCached);
+  EXPECT_TRUE(w.comet.streamRequests().empty());
+
+  // Nothing playable anywhere: Comet, asked without its cached-only filter.
+  w.torrentio.setRows("movie", "tt0120338", unplayable);
+  w.comet.setReleases("movie", "tt0120338", {{"Titanic.1997.1080p.BluRay-GRP.mkv", kFilm, kHashB, false}});
+  auto last = w.run(r.streamPool("movie", "tt0120338"));
+  ASSERT_TRUE(last) << why(last);
+  ASSERT_EQ(last->size(), 1u);
+  EXPECT_EQ(last->front().infoHash, kHashB);
+  EXPECT_TRUE(w.logged("[resolve] movie/tt0120338 nothing cached — 1 uncached row(s) from Comet"));
+  ASSERT_EQ(w.comet.streamRequests(), std::vector<std::string>{"movie/tt0120338"});
+  const auto uncachedComet = StreamProvider::comet(w.rd.key, w.services.cometHost, false);
+  EXPECT_TRUE(w.comet.requests().back().path.startsWith(uncachedComet->base.path()));
+}
+
 TEST(StremioResolver, NoAnswerReportsTheCatalogBusy) {
   World w;
   w.torrentio.setFault(FakeStreamAddon::Fault::badJson);
@@ -125,6 +203,21 @@ TEST(StremioResolver, CandidatesDropJunkRecordingsAndOtherYears) {
 
   auto withTS = w.resolver(true).candidates(rows, "2001", "Film 2001");
   EXPECT_EQ(withTS.streams.size(), 5u);
+
+  // Recordings only: an early release, whose recording groups the pick leaves out, in any source.
+  std::vector<CachedStream> early = {row("[RD+] T", "New.CAM-AAA.mkv"), row("[RD+] T", "New.HDTS-AAA.mkv"),
+                                     row("[RD+] T", "New.TC-BBB.mkv"), row("[RD+] T", "New.2024.1080p-AAA.mkv"),
+                                     row("[RD+] T", "New.2024.1080p-EEE.mkv")};
+  auto e = w.resolver(true).candidates(early, std::nullopt, std::nullopt);
+  EXPECT_TRUE(e.earlyRelease);
+  StremioResolver::Resolution res;
+  res.streams = e.streams;
+  res.earlyRelease = e.earlyRelease;
+  res.recordingGroups = e.recordingGroups;
+  ASSERT_EQ(res.pickable().size(), 1u);
+  EXPECT_EQ(res.pickable()[0].filename, "New.2024.1080p-EEE.mkv");
+  early.push_back(row("[RD+] T", "New.2024.1080p.WEB-DL-CCC.mkv"));
+  EXPECT_FALSE(w.resolver(true).candidates(early, std::nullopt, std::nullopt).earlyRelease) << "1 x 4 > 3";
 }
 
 TEST(StremioResolver, PickableKeepsTheDominantLanguageTrailersDontVoteATieGoesUntagged) {
@@ -172,6 +265,166 @@ TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {
   EXPECT_EQ(w.run(r.probe(w.cdn.url("/busy").toString().toStdString())).error().kind, Kind::cdnUnavailable);
   test::redirect(w.cdn, "/loop", w.cdn.url("/loop").toString());
   EXPECT_EQ(w.run(r.probe(w.cdn.url("/loop").toString().toStdString())).error().kind, Kind::cdnUnavailable);
+
+  // HEAD not allowed: a one-byte ranged GET reads the total from Content-Range.
+  w.cdn.on("GET", "/nohead.mkv", [](const auto& req, auto& reply) {
+    if (req.method == "HEAD") return reply.send(405);
+    reply.send(206, "x", {{"Content-Range", "bytes 0-0/" + QByteArray::number(qlonglong(kFilm))}});
+  });
+  auto ranged = w.run(r.probe(w.cdn.url("/nohead.mkv").toString().toStdString()));
+  ASSERT_TRUE(ranged) << why(ranged);
+  EXPECT_EQ(ranged->bytes, kFilm);
+
+  // No length anywhere: a success with the size unknown.
+  BareHost bare;
+  auto unknown = w.run(r.probe(bare.url()));
+  ASSERT_TRUE(unknown) << why(unknown);
+  EXPECT_EQ(unknown->bytes, std::nullopt);
+  EXPECT_EQ(bare.methods, (std::vector<QByteArray>{"HEAD", "GET"}));
+}
+
+TEST(StremioResolver, PlaceholderHostsCountOnlyWhenSet) {
+  World w;
+  test::FakeHttpServer slate;
+  test::serveGenerated(slate, "/film.mkv", kFilm);
+  test::redirect(w.cdn, "/to-slate", slate.url("/film.mkv").toString());
+  const std::string link = w.cdn.url("/to-slate").toString().toStdString();
+  const CachedStream cometRow{"[RD⚡] Comet", std::nullopt, "https://comet.invalid/p/1", "F.mkv", kFilm,
+                              kHashA,        "comet"};
+  for (const bool set : {true, false}) {
+    ResolverServices services = w.services;
+    services.slateHost = set ? slate.baseUrl().authority().toStdString() : "";
+    services.cometPlaceholderHost = set ? "comet.invalid" : "";
+    StremioResolver r(services, w.torrentio.base(), false);
+    const auto probed = w.run(r.probe(link));
+    EXPECT_EQ(bool(probed), !set) << why(probed);
+    if (set) {
+      EXPECT_EQ(probed.error().kind, Kind::noPlayableStream);
+    }
+    EXPECT_EQ(r.isPlayable(cometRow), !set) << "an empty host matches no link";
+  }
+  EXPECT_TRUE(w.logged("[resolve] probe landed on a placeholder: 127.0.0.1 film.mkv"));
+}
+
+TEST(StremioResolver, AProvedLinkIsKeptAsTheHostEncodedItAndRefreshKeepsTheTitlesIdentity) {
+  World w;
+  const std::string name = "Inception.2010.1080p.BluRay.x264-GRP.mkv";
+  test::serveGenerated(w.cdn, "/films/Inception 2010.mkv", kFilm);
+  const std::string landed = w.cdn.url("/films/Inception%202010.mkv").toEncoded().toStdString();
+  test::redirect(w.cdn, "/links/1", QString::fromStdString(landed));
+  w.rd.downloadRows = {Json{{"filename", "Other.mkv"}, {"download", landed}, {"link", "https://real-debrid.com/d/URL"}},
+                       Json{{"filename", name}, {"download", "x"}, {"link", "https://real-debrid.com/d/NAME"}}};
+  const auto c = candidate(name, w.cdn.url("/links/1").toString().toStdString(), true, kHashA, PK::torrentio);
+  LibraryTitle old;
+  old.name = "Breaking Bad (2008) {imdb-tt0903747}/Season 01/Breaking Bad (2008) - s01e02.mkv";
+  old.seriesImdbId = "tt0903747";
+  old.season = 1;
+  old.episode = 2;
+  old.url = "https://old.invalid/x";
+  auto r = w.resolver();
+  auto fresh = w.run(r.refresh(c, old, inception()));
+  ASSERT_TRUE(fresh) << why(fresh);
+  EXPECT_EQ(fresh->url, landed) << "with its %20, as the host gave it";
+  EXPECT_EQ(fresh->rdLink, "https://real-debrid.com/d/URL") << "the download link matches before the file name";
+  EXPECT_EQ(fresh->size, kFilm);
+  EXPECT_EQ(fresh->name, old.name);
+  EXPECT_EQ(fresh->seriesImdbId, old.seriesImdbId);
+  EXPECT_EQ(fresh->season, 1);
+  EXPECT_EQ(fresh->episode, 2);
+
+  // A cancel while the downloads list is asked ends the resolve without a title.
+  w.rd.hang("downloads");
+  const size_t asked = w.rd.requestsTo("/rest/1.0/downloads").size();
+  std::optional<Result<LibraryTitle, ResolveError>> out;
+  auto job = Job::start([&](CancelToken token) -> QCoro::Task<> {
+    auto title = co_await r.materialise(c, inception(), token);
+    out.emplace(std::move(title));
+  });
+  ASSERT_TRUE(test::spinUntil([&] { return w.rd.requestsTo("/rest/1.0/downloads").size() > asked; }));
+  job.cancel();
+  ASSERT_TRUE(test::spinUntil([&] { return out.has_value(); }));
+  EXPECT_EQ(why(*out), "The resolve was cancelled");
+}
+
+TEST(StremioResolver, DebridDirectTellsRefusalsFromMissesAndRescuesAFailedProbe) {
+  World w;
+  auto r = w.resolver();
+  // Comet, cached: straight from Real-Debrid, the add-on link never asked.
+  w.rd.releases[kHashA] = {"Inception", {{1, "/Inception.2010.2160p.mkv", kFilm}}, FakeRealDebrid::cachedStages()};
+  const auto comet = candidate("Inception.2010.2160p.mkv", "https://comet.invalid/p", true, kHashA, PK::comet);
+  auto direct = w.run(r.materialise(comet, inception()));
+  ASSERT_TRUE(direct) << why(direct);
+  EXPECT_EQ(direct->size, kFilm);
+  EXPECT_EQ(direct->rdLink.value_or("").rfind("https://real-debrid.com/", 0), 0u);
+  EXPECT_EQ(direct->resolveURL, "https://comet.invalid/p");
+  EXPECT_TRUE(w.logged("[resolve] debrid-direct resolved Inception.2010.2160p.mkv (4200000000 bytes)"));
+
+  // Uncached: a refusal condemns the candidate; a passing failure is Real-Debrid still at work.
+  const std::string virus(40, 'c');
+  w.rd.releases[virus] = {"Bad", {{1, "/Bad.mkv", kFilm}}, FakeRealDebrid::failingStages("virus")};
+  const auto bad = candidate("Bad.mkv", "https://x.invalid/y", false, virus, PK::torrentio);
+  EXPECT_EQ(w.run(r.materialise(bad, inception())).error().kind, Kind::noPlayableStream);
+  EXPECT_TRUE(w.logged("[resolve] RD refused Bad.mkv: "));
+  w.rd.fail("torrents/addMagnet", 503);
+  EXPECT_EQ(w.run(r.materialise(bad, inception())).error().kind, Kind::stillDownloading);
+
+  // Cached Comet rows go on to their add-on link after a refusal or a miss.
+  const std::string slow(40, 'd');
+  w.rd.releases[slow] = {"Slow", {{1, "/Slow.mkv", kFilm}}, {{"queued", 0}}};
+  for (const auto& [file, hash] : {std::pair{"Refused.mkv", virus}, std::pair{"Slow.mkv", slow}}) {
+    auto fellBack = w.run(r.materialise(candidate(file, w.cdnFilm(file), true, hash, PK::comet), inception()));
+    ASSERT_TRUE(fellBack) << file << ": " << why(fellBack);
+    EXPECT_EQ(fellBack->url, w.cdn.url("/films/" + QString(file)).toString().toStdString());
+  }
+  EXPECT_TRUE(w.logged("[resolve] debrid-direct miss for Slow.mkv — falling back to addon url"));
+
+  // A cached Torrentio row whose add-on link is a placeholder: taken from Real-Debrid by its hash.
+  w.cdn.on("GET", "/videos/placeholder.mp4", [](const auto&, auto& reply) { reply.send(200, "v"); });
+  const std::string good(40, 'e');
+  w.rd.releases[good] = {"Good", {{1, "/Good.mkv", kFilm}}, FakeRealDebrid::cachedStages()};
+  const std::string placeholder = w.cdn.url("/videos/placeholder.mp4").toString().toStdString();
+  auto rescued = w.run(r.materialise(candidate("Good.mkv", placeholder, true, good, PK::torrentio), inception()));
+  ASSERT_TRUE(rescued) << why(rescued);
+  EXPECT_EQ(rescued->size, kFilm);
+  EXPECT_TRUE(w.logged("[resolve] addon link was a placeholder — took Good.mkv straight from RD"));
+  // When Real-Debrid can't help either, the probe's failure is the answer.
+  w.cdn.on("GET", "/busy", [](const auto&, auto& reply) { reply.send(503); });
+  const std::string busy = w.cdn.url("/busy").toString().toStdString();
+  EXPECT_EQ(w.run(r.materialise(candidate("B.mkv", busy, true, virus, PK::torrentio), inception())).error().kind,
+            Kind::cdnUnavailable);
+}
+
+TEST(StremioResolver, AnEpisodeResolvesFromItsSeriesSkeleton) {
+  World w;
+  w.torrentio.setReleases("series", "tt0903747:1:2",
+                          {{"Breaking.Bad.S01E02.1080p.BluRay.x264-GRP.mkv", kFilm, kHashA}});
+  auto r = w.resolver();
+  const SeriesSkeleton show{"Breaking Bad",
+                            "2008",
+                            "United States",
+                            {{1, 2, "2008-01-27T05:00:00.000Z"}, {1, 3, "2099-01-01T05:00:00.000Z"}}};
+  auto ep = w.run(r.resolveEpisode("tt0903747", 1, 2, show));
+  ASSERT_TRUE(ep) << why(ep);
+  EXPECT_EQ(ep->title, "Breaking Bad - S01E02");
+  EXPECT_EQ(ep->showTitle, "Breaking Bad");
+  EXPECT_EQ(ep->id, "tt0903747");
+  EXPECT_EQ(ep->streams.size(), 1u);
+  EXPECT_EQ(w.torrentio.streamRequests(), std::vector<std::string>{"series/tt0903747:1:2"});
+  EXPECT_EQ(w.run(r.resolveEpisode("tt0903747", 1, 3, show)).error(),
+            (ResolveError{Kind::notReleasedYet, "2099-01-01T05:00:00.000Z", "2008"}));
+}
+
+TEST(StremioResolver, AlternatesAreOtherCachedCopiesOfTheSameFile) {
+  const auto copy = [](std::string url, bool cached, PK kind) { return candidate("F.mkv", url, cached, {}, kind); };
+  const auto win = copy("u1", true, PK::torrentio);
+  std::vector<StreamCandidate> pool = {win};
+  EXPECT_EQ(StremioResolver::alternates(win, pool), std::nullopt);
+  pool.push_back(copy("u2", true, PK::mediafusion));
+  pool.push_back(copy("u3", false, PK::torrentio));
+  pool.push_back(copy("u4", true, PK::comet));
+  pool.push_back(copy("u2", true, PK::torrentio));
+  for (int i = 5; i < 10; ++i) pool.push_back(copy("u" + std::to_string(i), true, PK::torrentio));
+  EXPECT_EQ(StremioResolver::alternates(win, pool), (std::vector<std::string>{"u1", "u2", "u5", "u6", "u7"}));
 }
 
 TEST(StremioResolver, BadRowsAreReadLenientlyAndCut) {
@@ -189,6 +442,19 @@ TEST(StremioResolver, BadRowsAreReadLenientlyAndCut) {
       StremioResolver::decodeStreams("{\"streams\":[{\"name\":\"[RD+] \xff\xfe\",\"url\":\"u\"}]}", "torrentio");
   ASSERT_TRUE(bytes) << "broken UTF-8 in one name";
   EXPECT_EQ((*bytes)[0].name, "[RD+] \uFFFD\uFFFD");
+
+  // A megabyte name or file name is cut when read, on a character boundary.
+  std::string huge = "A";
+  for (int i = 0; i < 500'000; ++i) huge += "é";
+  const Json big{{"name", huge}, {"url", "u"}, {"behaviorHints", Json{{"filename", huge}}}};
+  const auto cut = StremioResolver::decodeStreams(json::encode(Json{{"streams", Json::array({big})}}), "torrentio");
+  ASSERT_TRUE(cut);
+  for (const auto& field : {(*cut)[0].name, (*cut)[0].filename}) {
+    ASSERT_TRUE(field);
+    EXPECT_LE(field->size(), 65'536u);
+    EXPECT_GE(field->size(), 65'535u);
+    EXPECT_EQ(validUtf8(*field), *field);
+  }
 }
 
 TEST(StremioResolver, CancellingAResolveClosesItsRequest) {
@@ -239,4 +505,19 @@ TEST(ResolveCache, FileFormatFreshnessAndOneWriteAfterTwoSeconds) {
   ASSERT_TRUE(writeFileAtomically(path, "{not json"));
   ResolveCache broken(path, clock);
   EXPECT_FALSE(test::runTask(broken.entry("movie/tt2")));
+}
+
+TEST(ResolveCache, KeepsTheNewest2000) {
+  ManualClock clock;
+  test::TestHome home;
+  ResolveCache cache(home.file("c.json"), clock);
+  const CachedStream s{"n", {}, "u", {}, {}, {}, {}};
+  test::runTask(cache.store("movie/tt9999", {s}));  // the oldest, though not the first by key
+  for (int i = 0; i < 2000; ++i) {
+    clock.advance(0.001);
+    test::runTask(cache.store("movie/tt" + std::to_string(i), {s}));
+  }
+  EXPECT_FALSE(test::runTask(cache.entry("movie/tt9999")));
+  EXPECT_TRUE(test::runTask(cache.entry("movie/tt0")));
+  EXPECT_TRUE(test::runTask(cache.entry("movie/tt1999")));
 }

@@ -336,7 +336,9 @@ bool StremioResolver::isPlayable(const CachedStream& row) const {
       return contains(name, "[RD+]") || contains(name, "[RD download]");
     }
     case StreamProviderKind::comet:
-      return !contains(*row.url, services_.cometPlaceholderHost) && row.filename && !row.filename->empty();
+      // No placeholder host configured: nothing to compare against (an empty needle matches every link).
+      return (services_.cometPlaceholderHost.empty() || !contains(*row.url, services_.cometPlaceholderHost)) &&
+             row.filename && !row.filename->empty();
     case StreamProviderKind::mediafusion:
       return true;
   }
@@ -600,7 +602,7 @@ QCoro::Task<Result<StremioResolver::Resolution, ResolveError>> StremioResolver::
   for (const auto& e : skeleton.episodes) {
     if (e.season != season || e.episode != episode || !e.released) continue;
     if (ReleaseParser::releaseState(e.released, "", services_.http.clock().now()) == ReleaseState::unreleased)
-      co_return Failure{ResolveError{Kind::notReleasedYet, e.released, ""}};
+      co_return Failure{ResolveError{Kind::notReleasedYet, e.released, skeleton.year}};
   }
   const std::string id = seriesId + ":" + std::to_string(season) + ":" + std::to_string(episode);
   auto rows = co_await streamPool("series", id, token);
@@ -688,7 +690,8 @@ QCoro::Task<std::optional<std::string>> StremioResolver::stableLink(QUrl finalUR
   RDClient rd(services_.http, *key, services_.rdBase);
   auto list = co_await rd.downloads(token);
   if (!list) co_return std::nullopt;
-  const std::string target = finalURL.toString().toStdString();
+  // Compared as the host gave it: a decoded form would turn "%20" into a blank and never match.
+  const std::string target = finalURL.toString(QUrl::FullyEncoded).toStdString();
   for (const auto& d : *list)
     if (d.download == target) co_return std::optional<std::string>(d.link);
   for (const auto& d : *list)
@@ -771,9 +774,11 @@ QCoro::Task<Result<LibraryTitle, ResolveError>> StremioResolver::materialise(Str
     auto probed = co_await probe(candidate.url, token);
     if (probed) {
       LibraryTitle t;
-      t.url = probed->finalURL.toString().toStdString();
+      t.url = probed->finalURL.toString(QUrl::FullyEncoded).toStdString();
       t.size = probed->bytes.value_or(0);
       t.rdLink = co_await stableLink(probed->finalURL, candidate.filename, token);
+      // The downloads list reads a cancel as "no link"; the resolve itself must still stop.
+      if (token.isCancelled()) co_return fail(Kind::cancelled);
       built = std::move(t);
     } else {
       const Kind k = probed.error().kind;

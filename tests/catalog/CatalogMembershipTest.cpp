@@ -224,6 +224,24 @@ TEST(CatalogMembership, ATitleInStagedListsStaysHiddenUntilEveryOneOfThemReveale
   EXPECT_EQ(f.store->stagedRevealedIds().at(b), (std::set<std::string>{"tt1", "tt9"}));
 }
 
+TEST(CatalogMembership, PlexSeesPublishedCatalogListsWithWhatStagingRevealed) {
+  Fixture f;
+  const auto a = f.add({"tt1", "tt2", "tt3"});
+  f.add({"tt4"});  // not published
+  f.store->materialise(f.get(a));
+  auto lists = f.store->plexGroupings();
+  ASSERT_EQ(lists.size(), 1u);
+  EXPECT_EQ(lists[0].name, f.get(a).name);
+  EXPECT_FALSE(lists[0].members) << "staged with nothing revealed: left as it stands";
+  f.store->noteRevealed({"tt3", "tt1"}, a);
+  EXPECT_EQ(f.store->plexGroupings()[0].members, (std::vector<std::string>{"tt1", "tt3"}));
+  f.store->finishStaging(a);
+  f.store->setPlexRatingKey("42", a);
+  lists = f.store->plexGroupings();
+  EXPECT_EQ(lists[0].members, (std::vector<std::string>{"tt1", "tt2", "tt3"}));
+  EXPECT_EQ(lists[0].plexRatingKey, "42");
+}
+
 TEST(CatalogMembership, WhatHoldsBackFollowsChangesOfMembersAndOfThePublishedSet) {
   Fixture f;
   const auto staged = f.add({"tt1"});

@@ -6,6 +6,10 @@
 #include "platform/Job.h"
 #include "plex/PMSClient.h"
 #include "plex/PlexLibrarySetup.h"
+#include "plex/PlexWebLink.h"
+#include "core/LibraryStore.h"
+#include "platform/Endpoints.h"
+#include "support/Titles.h"
 #include "support/TestKit.h"
 
 using namespace vt;
@@ -128,4 +132,38 @@ TEST(PlexLibrarySetup, GivesUpOnAStalledServerAfterEightSeconds) {
   clock.advance(0.2);
   ASSERT_TRUE(test::spinUntil([&] { return done; }));
   EXPECT_EQ(lines.back().rfind("[supervisor] library setup skipped: ", 0), 0u) << lines.back();
+}
+
+TEST(PlexWebLink, TheFilmOrTheSeriesFirstEpisodeAsPlexIndexedIt) {
+  Rig rig;
+  test::TestHome home;
+  LibraryStore library(home.file("library.json"), systemClock());
+  const std::string film = "Heat (1995) {imdb-tt0113277}.mkv";
+  library.upsert(test::sampleTitle(film));
+  for (int e : {2, 1}) {
+    LibraryTitle t =
+        test::sampleTitle("Show (2001) {imdb-tt77}/Season 01/Show (2001) - s01e0" + std::to_string(e) + ".mkv");
+    t.seriesImdbId = "tt77";
+    t.season = 1;
+    t.episode = e;
+    library.upsert(t);
+  }
+  rig.plex.addSection("7", "Vantory", "movie", {home.path() + "/Library"});
+  rig.plex.addSection("8", "Vantory TV", "show", {home.path() + "/Library TV"});
+  auto link = [&](const std::string& id, bool series) {
+    return run(plexWebLink(rig.client, library, home.path(), id, series));
+  };
+  EXPECT_EQ(link("tt0113277", false).why, "Plex has not indexed \"" + film + "\" yet");
+  EXPECT_EQ(link("tt404", false).why, "the library has no film tt404");
+  rig.plex.addItem({.ratingKey = "4711", .sectionKey = "7", .files = {home.path() + "/Library/" + film}});
+  rig.plex.addItem({.ratingKey = "99",
+                    .sectionKey = "8",
+                    .type = "episode",
+                    .files = {home.path() + "/Library TV/Show (2001) {imdb-tt77}/Season 01/Show (2001) - s01e01.mkv"}});
+  EXPECT_EQ(link("tt0113277", false).url,
+            endpoints().plexWebApp + "/desktop/#!/server/fake-machine-0001/details?key=%2Flibrary%2Fmetadata%2F4711");
+  EXPECT_EQ(link("tt77", true).url,
+            endpoints().plexWebApp + "/desktop/#!/server/fake-machine-0001/details?key=%2Flibrary%2Fmetadata%2F99");
+  EXPECT_EQ(plexWebAddress("https://app.plex.tv/", "m", "a-b.c"),
+            "https://app.plex.tv/desktop/#!/server/m/details?key=%2Flibrary%2Fmetadata%2Fa%2Db%2Ec");
 }

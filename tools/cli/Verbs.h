@@ -93,5 +93,6 @@ Verb resolveVerb();
 Verb setupMountVerb();
 Verb subtitleVerb();
 Verb catalogVerb();
+Verb plexLinkVerb();
 
 }  // namespace vt::cli

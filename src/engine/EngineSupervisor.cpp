@@ -72,9 +72,9 @@ EngineSupervisor::EngineSupervisor(AppConfig& config, LibraryStore& store, Engin
     ops.isRunning = [this] { return movie_->state == EngineState::running; };
     ops.activeControlURLs = [this] {
       std::vector<std::string> urls;
-      for (const EngineInstance* instance : {movie_.get(), tv_.get()})
-        if (instance && instance->state == EngineState::running && instance->paths.controlURL)
-          urls.push_back(instance->paths.controlURL->toString().toStdString());
+      if (movie_->paths.controlURL) urls.push_back(movie_->paths.controlURL->toString().toStdString());
+      if (tv_ && tv_->state == EngineState::running && tv_->paths.controlURL)
+        urls.push_back(tv_->paths.controlURL->toString().toStdString());
       return urls;
     };
     ops.log = env_.log;
@@ -92,8 +92,27 @@ EngineSupervisor::~EngineSupervisor() {
 void EngineSupervisor::attach(CatalogPort& catalog) {
   catalog_ = &catalog;
   if (plexSync_) plexSync_->attachCatalog(&catalog);
-  // A list that lost members has labels to take off in Plex.
-  catalog.setOnPublishedMembershipShrunk([this] { kickPlexSync(); });
+  // A list that lost members lets go of the titles nothing else holds, and
+  // Plex follows.
+  catalog.setOnPublishedMembershipShrunk([this] {
+    if (catalog_) pruneOrphans(catalog_->protectedIds());
+    kickPlexSync();
+  });
+}
+
+void EngineSupervisor::pruneOrphans(const std::set<std::string>& protectedIds) {
+  std::vector<std::string> names;
+  for (const auto& record : store_.records())
+    if (record->imdbId && !protectedIds.count(*record->imdbId)) names.push_back(record->title.name);
+  if (names.empty()) return;
+  std::string shown;
+  for (size_t i = 0; i < names.size() && i < 4; ++i) shown += (i ? ", " : "") + names[i];
+  if (names.size() > 4) shown += " … +" + std::to_string(names.size() - 4) + " more";
+  log("[supervisor] pruning " + std::to_string(names.size()) +
+      " orphaned title(s) not in any published collection (keeping " + std::to_string(protectedIds.size()) +
+      " id(s)): " + shown);
+  for (const auto& name : names) store_.remove(name);
+  kickPlexSync();
 }
 
 std::unique_ptr<EngineInstance> EngineSupervisor::makeInstance(EngineKind kind) {

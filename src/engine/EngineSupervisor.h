@@ -105,7 +105,8 @@ class EngineSupervisor : public QObject, public EnginePort, private EngineInstan
   QCoro::Task<> prepare(bool isTestHome) override;
   QCoro::Task<> start() override;
   EngineState movieState() const override { return movie_->state; }
-  void pruneOrphans(const std::set<std::string>&) override {}
+  // Takes the titles out of the library that no published collection wants.
+  void pruneOrphans(const std::set<std::string>& protectedIds) override;
   std::vector<std::string> collectionsMissingTitles(CatalogPort&) override { return {}; }
   void resolveAndPublish(const std::vector<std::string>&, CatalogPort&, const std::set<std::string>&, bool) override {}
   void kickPlexSync() override;

@@ -125,6 +125,7 @@ QCoro::Task<EngineApplyResult> ManifestPublisher::applyEngineConfig() {
       result.tvVisibleChanged = result.tvActive = tv.state == EngineState::running;
     } else {
       result.tvVisibleChanged = co_await sendConfig(std::move(entries.tv), tv);
+      if (token.isCancelled()) co_return result;
       result.tvActive = tv.state == EngineState::running;
     }
   } else if (auto* tv = instances_.existingTvInstance();

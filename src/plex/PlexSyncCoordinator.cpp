@@ -205,7 +205,8 @@ QCoro::Task<std::map<std::string, std::string>> PlexSyncCoordinator::readIndex(
 }
 
 QCoro::Task<> PlexSyncCoordinator::indexAndScan(SectionPass& pass, bool forceScan) {
-  pass.index = co_await readIndex(pass, {});
+  std::map<std::string, std::string> nothingYet;
+  pass.index = co_await readIndex(pass, std::move(nothingYet));
   if (pass.stopped()) co_return;
   std::set<std::string> missing;
   for (const auto& f : pass.desiredFiles)
@@ -276,7 +277,9 @@ QCoro::Task<> PlexSyncCoordinator::purgeStale(SectionPass& pass) {
   size_t failed = 0;
   std::string lastError;
   for (const auto& rk : stale) {
-    auto deleted = co_await pass.client.httpRequest("DELETE", "/library/metadata/" + rk, {}, kDeleteTimeout);
+    const std::string path = "/library/metadata/" + rk;
+    const PMSClient::Query noQuery;
+    auto deleted = co_await pass.client.httpRequest("DELETE", path, noQuery, kDeleteTimeout);
     if (pass.stopped()) co_return;
     if (!deleted) {
       ++failed;
@@ -326,7 +329,9 @@ QCoro::Task<> PlexSyncCoordinator::reanalyze(SectionPass& pass) {
       continue;
     ++asked;
     analyzeAskedAt_[rk] = at;
-    auto sent = co_await pass.client.putQuery("/library/metadata/" + rk + "/analyze", {});
+    const std::string path = "/library/metadata/" + rk + "/analyze";
+    const PMSClient::Query noQuery;
+    auto sent = co_await pass.client.putQuery(path, noQuery);
     if (pass.stopped()) co_return;
     if (sent)
       log("[sync] asked Plex to analyze item " + rk + " again: a version of it has no duration");
@@ -365,7 +370,9 @@ QCoro::Task<> PlexSyncCoordinator::purgeShowShells(SectionPass& pass) {
 
   size_t failed = 0;
   for (const auto& rk : orphans) {
-    auto deleted = co_await pass.client.httpRequest("DELETE", "/library/metadata/" + rk, {}, kDeleteTimeout);
+    const std::string path = "/library/metadata/" + rk;
+    const PMSClient::Query noQuery;
+    auto deleted = co_await pass.client.httpRequest("DELETE", path, noQuery, kDeleteTimeout);
     if (pass.stopped()) co_return;
     if (!deleted) ++failed;
   }

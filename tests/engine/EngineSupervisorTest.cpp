@@ -263,3 +263,22 @@ TEST_F(EngineSupervisorTest, AStopWhileTheFolderIsBeingConnectedAbandonsTheStart
                                : "Couldn't connect Plex to your library folder. Try quitting and reopening Vantory.");
   }
 }
+
+TEST_F(EngineSupervisorTest, PruningKeepsWhatAPublishedListHoldsAndTitlesWithoutAnId) {
+  auto& app = standardApp();
+  for (int i = 1; i <= 6; ++i)
+    app.library.upsert({.name = "Film " + std::to_string(i) + " (2000) {imdb-tt" + std::to_string(i) + "}.mkv",
+                        .url = "http://cdn/x"});
+  app.library.upsert({.name = "Show (2001) {imdb-tt9}/Season 01/Show (2001) - s01e01.mkv", .url = "http://cdn/x"});
+  app.library.upsert({.name = "Home video.mkv", .url = "http://cdn/x"});
+  app.supervisor->pruneOrphans({"tt1", "tt9"});
+  std::vector<std::string> left;
+  for (size_t i = 0; i < app.library.size(); ++i) left.push_back(app.library.at(i).name);
+  EXPECT_EQ(left,
+            (std::vector<std::string>{"Film 1 (2000) {imdb-tt1}.mkv",
+                                      "Show (2001) {imdb-tt9}/Season 01/Show (2001) - s01e01.mkv", "Home video.mkv"}));
+  EXPECT_EQ(app.linesWith("[supervisor] pruning").at(0).second,
+            "[supervisor] pruning 5 orphaned title(s) not in any published collection (keeping 2 id(s)): Film 2 (2000) "
+            "{imdb-tt2}.mkv, Film 3 (2000) {imdb-tt3}.mkv, Film 4 (2000) {imdb-tt4}.mkv, Film 5 (2000) "
+            "{imdb-tt5}.mkv … +1 more");
+}

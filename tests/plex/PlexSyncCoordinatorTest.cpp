@@ -195,8 +195,11 @@ TEST(PlexSyncCoordinator, AMountChangeScansWithoutWaitingAndTwoRequestsDuringAPa
 
 TEST(PlexSyncCoordinator, RefusedDeletesFallBackToTheTrashAndAnEmptyLibraryEmptiesTheSection) {
   Rig rig;
-  rig.addFilms(0, 1);
+  rig.addFilms(0, 2);
   rig.index(0, 1);
+  // One item, two versions: the wanted one keeps the other from being stale.
+  rig.plex.addItem(
+      {.ratingKey = "both", .sectionKey = "1", .files = {rig.movies() + "/" + filmName(1), "/old/cut.mkv"}});
   rig.stray("old");
   rig.plex.onPrefix("DELETE", "/library/metadata/", [](auto&, auto& reply) { reply.send(500); });
   rig.pass();
@@ -204,6 +207,7 @@ TEST(PlexSyncCoordinator, RefusedDeletesFallBackToTheTrashAndAnEmptyLibraryEmpti
       rig.logged("[sync] direct delete refused for 1/1 stale item(s) in " + rig.movies() + " — PMS returned HTTP 500"));
   EXPECT_TRUE(rig.logged("[sync] emptied trash for " + rig.movies() + " to clear 1 undeletable item(s)"));
   EXPECT_EQ(rig.count("PUT", "/library/sections/1/emptyTrash"), 1);
+  EXPECT_EQ(rig.count("DELETE", "/library/metadata/both"), 0);
 
   // With nothing wanted the guard has nothing to protect: every item goes,
   // and the trash is left alone.
@@ -231,6 +235,15 @@ TEST(PlexSyncCoordinator, UnreadableListsAndAnUnreachableServerDeleteNothing) {
   rig.pass();
   EXPECT_EQ(rig.count("DELETE", "/library/metadata/"), 0);
   EXPECT_TRUE(rig.plex.items.count("stale"));
+
+  // A section list that does not parse looks like no section: one is made,
+  // and when it still can't be found nothing goes on.
+  rig.plex.on("GET", "/library/sections", [](auto&, auto& reply) { reply.send(200, "<html>"); });
+  rig.lines.clear();
+  rig.clock.manual.advance(PlexSyncCoordinator::kRetryBackoff);
+  rig.settle();
+  EXPECT_TRUE(rig.logged("[sync] no Plex section matches " + rig.movies() + " yet — will retry"));
+  EXPECT_EQ(rig.count("DELETE", "/library/metadata/"), 0);
 
   rig.plex.forcedStatus = 503;
   rig.lines.clear();
@@ -289,6 +302,25 @@ TEST(PlexSyncCoordinator, ListsBecomeLabelsAndSmartCollectionsInOnePass) {
   EXPECT_GT(rig.plex.requests().size(), before);
 }
 
+TEST(PlexSyncCoordinator, ALabelWaitsForItsFilesAndIsNeverTakenOffWhileOnesAreMissing) {
+  Rig rig;
+  rig.addFilms(0, 3);
+  rig.catalog.lists = {{.id = "A", .name = "Noir", .members = std::vector<std::string>{imdb(0), imdb(1)}}};
+  rig.pass();  // nothing indexed: no label, so no collection yet
+  EXPECT_EQ(rig.count("POST", "/library/collections"), 0);
+  rig.index(0, 1);  // one of two members indexed
+  rig.clock.manual.advance(PlexSyncCoordinator::kRetryBackoff);
+  rig.settle();
+  EXPECT_TRUE(rig.plex.items["rk0"].labels.count("Noir"));
+  EXPECT_EQ(rig.count("POST", "/library/collections"), 1) << "labelled and made in the same pass";
+  // A title Plex labelled that the list doesn't want keeps the label while a
+  // member's file is still missing.
+  rig.plex.addItem({.ratingKey = "x", .sectionKey = "1", .files = {"/elsewhere/x.mkv"}, .labels = {"Noir"}});
+  rig.pass();
+  EXPECT_EQ(rig.count("PUT", "/library/metadata/x"), 0);
+  EXPECT_TRUE(rig.plex.items["x"].labels.count("Noir"));
+}
+
 TEST(PlexSyncCoordinator, PlainCollectionsAreReplacedSmartOnesAdoptedAndOnlyOwnedOrphansRetired) {
   Rig rig;
   rig.addFilms(0, 2);
@@ -305,7 +337,8 @@ TEST(PlexSyncCoordinator, PlainCollectionsAreReplacedSmartOnesAdoptedAndOnlyOwne
   plex.collections["o1"] = {.ratingKey = "o1", .sectionKey = "1", .title = "Old Ours", .smart = true};
   plex.collections["o2"] = {.ratingKey = "o2", .sectionKey = "1", .title = "Old Users", .smart = true};
   plex.collections["o3"] = {.ratingKey = "o3", .sectionKey = "1", .title = "Old Plain", .smart = false};
-  rig.catalog.owned = {"Old Ours", "Old Plain"};
+  plex.collections["o4"] = {.ratingKey = "o4", .sectionKey = "1", .title = "Old Bare", .smart = true};
+  rig.catalog.owned = {"Old Ours", "Old Plain", "Old Bare"};
 
   rig.warmUp();
   rig.pass();
@@ -325,6 +358,7 @@ TEST(PlexSyncCoordinator, PlainCollectionsAreReplacedSmartOnesAdoptedAndOnlyOwne
   EXPECT_EQ(rig.catalog.owned.count("Old Ours"), 0u);
   EXPECT_TRUE(plex.collections.count("o2"));
   EXPECT_TRUE(plex.collections.count("o3")) << "only smart collections are retired";
+  EXPECT_TRUE(plex.collections.count("o4") && rig.catalog.owned.count("Old Bare")) << "no title carries its label";
   EXPECT_TRUE(plex.items["rk1"].labels.count("Old Users"));
 }
 

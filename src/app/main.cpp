@@ -6,23 +6,14 @@
 #include <variant>
 
 #include "app/SingleInstance.h"
+#include "app/StandardWiring.h"
 #include "app/VantoryApp.h"
-#include "catalog/CatalogStore.h"
-#include "catalog/CatalogSync.h"
-#include "core/WatchlistPort.h"
-#include "engine/EngineSupervisor.h"
 #include "platform/Http.h"
 #include "platform/Mounts.h"
-#include "core/LibraryFolders.h"
 #include "core/LogFile.h"
 #include "platform/Clock.h"
-#include "platform/Endpoints.h"
 #include "plex/PlexAuth.h"
-#include "plex/PlexLibrarySetup.h"
-#include "plex/PlexSyncCoordinator.h"
-#include "sources/StreamProviders.h"
 #include "platform/Job.h"
-#include "platform/FolderAccess.h"
 #include "platform/Log.h"
 #include "platform/Signals.h"
 
@@ -114,59 +105,14 @@ int main(int argc, char** argv) {
 
   vt::AppWiring wiring;
   wiring.paths = paths;
-  wiring.registrySync = [](const vt::AppConfig& config) { vt::syncStreamProviders(config); };
   // The engine: the vtnfs built with the application, mounted through the
   // kernel's NFS client where this user may mount, else the FUSE helper.
   vt::LinuxLibraryMounter mounter;
-  wiring.makeEngine = [&paths, &mounter](vt::AppConfig& config, vt::LibraryStore& library,
-                                         const vt::PMSClientFactory& plex) {
-    vt::EngineSupervisorEnvironment env;
-    env.clock = &vt::systemClock();
-    env.http = &vt::sharedHttpClient();
-    env.mounter = &mounter;
-    env.dataDirectory = paths.dataDirectory;
-    env.bundledEngine = vt::findHelperProgram("vtnfs");
-    env.appVersion = VT_APP_VERSION;
-    env.mediaServerAccessProblem = [](const std::string& folder) -> std::optional<std::string> {
-      const auto account = vt::mediaServerAccount();
-      if (!account) return std::nullopt;
-      const auto problem = vt::readProblem(folder, *account);
-      if (!problem) return std::nullopt;
-      return problem->describe(*account);
-    };
-    // Once an engine is up, Plex gets its section for the folder.
-    env.prepareLibrary = vt::libraryPreparer(plex, library, [](const std::string& line) { vt::logLine(line); });
-    env.refreshItem = [&plex](std::string name, std::string location, vt::CancelToken) -> QCoro::Task<bool> {
-      auto client = plex.make();
-      if (!client) co_return false;
-      auto refreshed = co_await client->refreshItem(std::move(name), std::move(location));
-      (void)refreshed;  // a hint: the next scan catches up anyway
-      co_return true;
-    };
-    // Plex follows what the engines publish: scans, stale items, labels and
-    // the lists' smart collections.
-    env.makePlexSync = [&paths, &config, &library, &plex](vt::PlexSyncOperations ops) {
-      vt::PlexSyncCoordinator::Environment sync{.config = &config,
-                                                .store = &library,
-                                                .plex = &plex,
-                                                .clock = &vt::systemClock(),
-                                                .http = &vt::sharedHttpClient(),
-                                                .dataDirectory = paths.dataDirectory};
-      return std::make_unique<vt::PlexSyncCoordinator>(std::move(sync), std::move(ops));
-    };
-    return std::make_unique<vt::EngineSupervisor>(config, library, std::move(env));
-  };
-  // The catalog of followed lists, loaded from the data folder at creation.
-  // Its lists follow their sources from two minutes after start; the Plex
-  // Watchlist is a stand-in that fails until its client exists, so the
-  // Watchlist collection keeps its members.
-  static vt::UnavailableWatchlist watchlist;
-  wiring.makeCatalog = [](const std::string& directory, vt::AppConfig& config) {
-    auto store = std::make_unique<vt::CatalogStore>(directory, vt::systemClock(), &config);
-    vt::StremioCatalogClient client(vt::sharedHttpClient(), QUrl(QString::fromStdString(vt::endpoints().cinemeta)));
-    store->startFollowing(std::make_unique<vt::CatalogSync>(*store, client, watchlist, vt::systemClock(), &config));
-    return store;
-  };
+  vt::wireStandardParts(wiring, {.clock = &vt::systemClock(),
+                                 .http = &vt::sharedHttpClient(),
+                                 .mounter = &mounter,
+                                 .bundledEngine = vt::findHelperProgram("vtnfs"),
+                                 .appVersion = VT_APP_VERSION});
   // The poller finds a moved server again through the account. Its probes
   // carry the token, so they go without the shared cache and cookies.
   vt::HttpClient discoveryHttp(vt::systemClock(), vt::HttpClient::Session::ephemeral);

@@ -13,7 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "core/AppConfig.h"
-#include "core/CatalogPort.h"
+#include "app/StandardWiring.h"
+#include "catalog/CatalogStore.h"
 #include "core/LibraryStore.h"
 #include "engine/EngineSupervisor.h"
 #include "fakes/FakePlexServer.h"
@@ -29,30 +30,6 @@
 using namespace vt;
 
 namespace {
-
-class OneList : public CatalogPort {
- public:
-  std::vector<PlexGrouping> lists;
-  std::set<std::string> owned;
-  std::set<std::string> heldBack;
-
-  void deferRefresh(Date) override {}
-  QCoro::Task<> materialiseExisting() override { co_return; }
-  std::vector<std::string> takeRetiredPlexGroupings() override { return {}; }
-  std::set<std::string> protectedIds() const override { return {}; }
-  std::vector<MaterialisedCollection> materialisedCollections() const override { return {}; }
-  bool isStaging(const std::string&) const override { return false; }
-  void finishStaging(const std::string&) override {}
-  bool holdsBack(const LibraryTitle& t) const override { return heldBack.count(t.name) > 0; }
-  std::vector<PlexGrouping> plexGroupings() const override { return lists; }
-  const std::set<std::string>& ownedGroupings() const override { return owned; }
-  void setPlexRatingKey(std::optional<std::string> key, const std::string& id) override {
-    for (auto& l : lists)
-      if (l.id == id) l.plexRatingKey = key;
-  }
-  void addOwnedGrouping(const std::string& name) override { owned.insert(name); }
-  void removeOwnedGrouping(const std::string& name) override { owned.erase(name); }
-};
 
 std::string film(int i) { return "Film " + std::to_string(i) + " (2000) {imdb-tt10" + std::to_string(i) + "}.mkv"; }
 
@@ -73,40 +50,43 @@ TEST(PlexFollowsLibrary, PublishedTitlesReachPlexWithTheirListAndRemovedOnesLeav
   plex.canRead = [](const std::string&) { return true; };
   const std::string movies = home.path() + "/Library";
   plex.addSection("1", "Vantory", "movie", {movies});
+  {
+    const auto settings = SettingsStore::openForTestHome(home.path());
+    AppConfig config(*settings);
+    config.setControlURLString("http://127.0.0.1:" + std::to_string(test::freePort()));
+    config.setRdKey("rd-key-1");
+    config.setPmsURLString(plex.baseUrl().toString().toStdString());
+    config.setToken(plex.token);
+  }
 
+  // The application as main() makes it, on the test clock, with the real
+  // engine and its mount.
   QFile(QString::fromStdString(home.file("fstab"))).open(QIODevice::WriteOnly);
   LinuxLibraryMounter mounter(VT_VTNFS_MOUNT_BINARY, home.file("fstab"));
-  SettingsStore settings(home.file("settings.ini"));
-  AppConfig config(settings);
-  const quint16 control = test::freePort();
-  config.setControlURLString("http://127.0.0.1:" + std::to_string(control));
-  config.setRdKey("rd-key-1");
-  config.setPmsURLString(plex.baseUrl().toString().toStdString());
-  config.setToken(plex.token);
-  LibraryStore library(home.file("library.json"), clock);
   HttpClient http(clock, HttpClient::Session::ephemeral);
-  PMSClientFactory clients(config, http);
-  std::vector<std::string> lines;
-
-  EngineSupervisorEnvironment env;
-  env.clock = &clock;
-  env.http = &http;
-  env.mounter = &mounter;
-  env.dataDirectory = home.path();
-  env.bundledEngine = VT_VTNFS_BINARY;
-  env.appVersion = "test";
-  env.log = [&lines](const std::string& line) { lines.push_back(line); };
-  env.probeFolder = [](std::string, double) -> QCoro::Task<bool> { co_return true; };
-  env.makePlexSync = [&](PlexSyncOperations ops) {
-    return std::make_unique<PlexSyncCoordinator>(
-        PlexSyncCoordinator::Environment{&config, &library, &clients, &clock, &http, home.path()}, std::move(ops));
-  };
-  EngineSupervisor supervisor(config, library, std::move(env));
+  AppWiring wiring;
+  wiring.paths = AppPaths::forTestHome(home.path());
+  wiring.installHttpCache = false;
+  wireStandardParts(
+      wiring,
+      {.clock = &clock, .http = &http, .mounter = &mounter, .bundledEngine = VT_VTNFS_BINARY, .appVersion = "test"});
+  VantoryApp app(std::move(wiring));
+  auto& supervisor = dynamic_cast<EngineSupervisor&>(app.engine());
+  auto& catalog = dynamic_cast<CatalogStore&>(app.catalog());
   supervisor.movie().paths.nfsAddress = "127.0.0.1:" + std::to_string(test::freePort());
-  OneList catalog;
-  catalog.lists = {{.id = "L", .name = "Noir", .members = std::vector<std::string>{"tt101", "tt102", "tt103"}}};
-  catalog.heldBack = {film(3)};  // staged: not revealed yet
-  supervisor.attach(catalog);
+  struct Stop {
+    VantoryApp& app;
+    ~Stop() { app.willTerminate(); }
+  } stop{app};
+
+  // A published list in waves: two of its three films revealed so far.
+  const CatalogCollection noir{.id = newCollectionId(),
+                               .name = "Noir",
+                               .source = CollectionSource::stremioCatalog("http://127.0.0.1:9/", "movie", "noir"),
+                               .itemImdbIds = {"tt101", "tt102", "tt103"}};
+  catalog.upsert(noir);
+  catalog.materialise(noir);
+  catalog.noteRevealed({"tt101", "tt102"}, noir.id);
 
   auto drive = [&](const std::function<bool()>& done) {
     QElapsedTimer t;
@@ -118,19 +98,14 @@ TEST(PlexFollowsLibrary, PublishedTitlesReachPlexWithTheirListAndRemovedOnesLeav
     }
     return true;
   };
-  struct Stop {
-    EngineSupervisor& s;
-    ~Stop() { s.shutdownAtExit(); }
-  } stop{supervisor};
-
-  Job::start([&](CancelToken) { return supervisor.start(); });
+  Job::start([&](CancelToken) { return app.bootstrap(); });
   ASSERT_TRUE(drive([&] { return supervisor.state() == EngineState::running; }));
-  const auto fs = mountedFileSystem(movies);
-  if (!fs) GTEST_SKIP() << "the library folder could not be mounted here";
+  if (!mountedFileSystem(movies)) GTEST_SKIP() << "the library folder could not be mounted here";
 
   // Changes reach Plex through the flush, well before the safety tick would.
   Date changedAt = clock.now();
-  for (int i = 1; i <= 3; ++i) library.upsert(test::sampleTitle(film(i), "http://127.0.0.1:9/f" + std::to_string(i)));
+  for (int i = 1; i <= 3; ++i)
+    app.library().upsert(test::sampleTitle(film(i), "http://127.0.0.1:9/f" + std::to_string(i)));
   auto inPlex = [&](int i) { return plex.itemForFile(movies + "/" + film(i)) != nullptr; };
   auto labelled = [&] { return plex.itemsWithLabel("1", "Noir").size() == 2; };
   auto smartNoir = [&] {
@@ -139,10 +114,11 @@ TEST(PlexFollowsLibrary, PublishedTitlesReachPlexWithTheirListAndRemovedOnesLeav
   };
   ASSERT_TRUE(drive([&] { return inPlex(1) && inPlex(2) && labelled() && smartNoir(); }));
   EXPECT_LT(clock.now() - changedAt, PlexSyncCoordinator::kSafetyTick);
-  EXPECT_EQ(catalog.owned, std::set<std::string>{"Noir"});
+  EXPECT_EQ(catalog.ownedGroupings(), std::set<std::string>{"Noir"});
+  EXPECT_TRUE(catalog.collection(noir.id)->plexRatingKey);
 
   changedAt = clock.now();
-  library.remove(film(2));
+  app.library().remove(film(2));
   ASSERT_TRUE(drive([&] { return !inPlex(2); }));
   EXPECT_LT(clock.now() - changedAt, PlexSyncCoordinator::kSafetyTick);
   auto* sync = static_cast<PlexSyncCoordinator*>(supervisor.plexSync());

@@ -1,0 +1,74 @@
+#include "app/StandardWiring.h"
+
+#include "catalog/CatalogStore.h"
+#include "catalog/CatalogSync.h"
+#include "catalog/StremioCatalogClient.h"
+#include "core/WatchlistPort.h"
+#include "engine/EngineSupervisor.h"
+#include "platform/Endpoints.h"
+#include "platform/FolderAccess.h"
+#include "platform/Log.h"
+#include "plex/PlexLibrarySetup.h"
+#include "plex/PlexSyncCoordinator.h"
+#include "sources/StreamProviders.h"
+
+namespace vt {
+
+void wireStandardParts(AppWiring& wiring, StandardParts parts) {
+  const AppPaths paths = wiring.paths;
+  wiring.clock = parts.clock;
+  wiring.http = parts.http;
+  wiring.registrySync = [](const AppConfig& config) { syncStreamProviders(config); };
+
+  wiring.makeEngine = [paths, parts](AppConfig& config, LibraryStore& library, const PMSClientFactory& plex) {
+    EngineSupervisorEnvironment env;
+    env.clock = parts.clock;
+    env.http = parts.http;
+    env.mounter = parts.mounter;
+    env.dataDirectory = paths.dataDirectory;
+    env.bundledEngine = parts.bundledEngine;
+    env.appVersion = parts.appVersion;
+    env.mediaServerAccessProblem = [](const std::string& folder) -> std::optional<std::string> {
+      const auto account = mediaServerAccount();
+      if (!account) return std::nullopt;
+      const auto problem = readProblem(folder, *account);
+      if (!problem) return std::nullopt;
+      return problem->describe(*account);
+    };
+    // Once an engine is up, Plex gets its section for the folder.
+    env.prepareLibrary = libraryPreparer(plex, library, [](const std::string& line) { logLine(line); });
+    env.refreshItem = [&plex](std::string name, std::string location, CancelToken) -> QCoro::Task<bool> {
+      auto client = plex.make();
+      if (!client) co_return false;
+      auto refreshed = co_await client->refreshItem(std::move(name), std::move(location));
+      (void)refreshed;  // a hint: the next scan catches up anyway
+      co_return true;
+    };
+    // Plex follows what the engines publish: scans, stale items, labels and
+    // the lists' smart collections.
+    env.makePlexSync = [paths, parts, &config, &library, &plex](PlexSyncOperations ops) {
+      PlexSyncCoordinator::Environment sync{.config = &config,
+                                            .store = &library,
+                                            .plex = &plex,
+                                            .clock = parts.clock,
+                                            .http = parts.http,
+                                            .dataDirectory = paths.dataDirectory};
+      return std::make_unique<PlexSyncCoordinator>(std::move(sync), std::move(ops));
+    };
+    return std::make_unique<EngineSupervisor>(config, library, std::move(env));
+  };
+
+  // The catalog of followed lists, loaded from the data folder at creation.
+  // Its lists follow their sources from two minutes after start; the Plex
+  // Watchlist is a stand-in that fails until its client exists, so the
+  // Watchlist collection keeps its members.
+  wiring.makeCatalog = [parts](const std::string& directory, AppConfig& config) {
+    static UnavailableWatchlist watchlist;
+    auto store = std::make_unique<CatalogStore>(directory, *parts.clock, &config);
+    StremioCatalogClient client(*parts.http, QUrl(QString::fromStdString(endpoints().cinemeta)));
+    store->startFollowing(std::make_unique<CatalogSync>(*store, client, watchlist, *parts.clock, &config));
+    return store;
+  };
+}
+
+}  // namespace vt

@@ -53,7 +53,7 @@ bool drive(ManualClock& clock, const std::function<bool()>& done, double step = 
 // One application process: settings, library and supervisor over a data folder that several can share.
 struct App {
   App(const std::string& home, ManualClock& clock, LibraryMounter& mounter, quint16 controlPort, quint16 nfsPort,
-      std::string version = "0.1.0", std::string rdKey = "rd-key-1")
+      std::string version = "0.1.0", std::string rdKey = "rd-key-1", PlexSyncFactory makePlexSync = {})
       : clock(clock),
         store(home + "/settings.ini"),
         config(store),
@@ -73,14 +73,17 @@ struct App {
     env.playbackActive = [this] { return playback; };
     env.probeFolder = [](std::string, double) -> QCoro::Task<bool> { co_return true; };
     env.mediaServerAccessProblem = [this](const std::string&) { return plexProblem; };
+    env.makePlexSync = std::move(makePlexSync);
     supervisor = std::make_unique<EngineSupervisor>(config, library, std::move(env));
     supervisor->movie().paths.nfsAddress = "127.0.0.1:" + std::to_string(nfsPort);
     QObject::connect(supervisor.get(), &EngineSupervisor::stateChanged,
                      [this, &clock] { stateTimes.emplace_back(clock.now(), supervisor->state()); });
   }
   ~App() {  // a leftover engine must not outlive the test
-    if (supervisor)
-      if (auto pid = supervisor->movie().runningPid()) ::kill(*pid, SIGKILL);
+    if (!supervisor) return;
+    if (auto pid = supervisor->movie().runningPid()) ::kill(*pid, SIGKILL);
+    if (auto* tv = supervisor->tvInstanceIfAny())
+      if (auto pid = tv->runningPid()) ::kill(*pid, SIGKILL);
   }
   std::vector<std::pair<Date, std::string>> linesWith(const std::string& text) const {
     std::vector<std::pair<Date, std::string>> out;
@@ -281,4 +284,40 @@ TEST_F(EngineSupervisorTest, PruningKeepsWhatAPublishedListHoldsAndTitlesWithout
             "[supervisor] pruning 5 orphaned title(s) not in any published collection (keeping 2 id(s)): Film 2 (2000) "
             "{imdb-tt2}.mkv, Film 3 (2000) {imdb-tt3}.mkv, Film 4 (2000) {imdb-tt4}.mkv, Film 5 (2000) "
             "{imdb-tt5}.mkv … +1 more");
+}
+
+// What the supervision tells the Plex sync.
+struct SyncProbe : PlexSyncPort {
+  std::vector<std::pair<Date, Date>>* warmups;  // (when, until)
+  int* kicks;
+  Clock* clock;
+  void requestReconcile() override { ++*kicks; }
+  void setWarmupUntil(Date until) override { warmups->emplace_back(clock->now(), until); }
+  void attachCatalog(CatalogPort*) override {}
+};
+
+TEST_F(EngineSupervisorTest, EitherEngineStartingWarmsThePlexSyncUpAndTheFilmEngineKicksIt) {
+  std::vector<std::pair<Date, Date>> warmups;
+  int kicks = 0;
+  App& app = app_.emplace(home.path(), clock, mounter, freeControlPort(), test::freePort(), "0.1.0", "rd-key-1",
+                          [&](PlexSyncOperations) {
+                            auto probe = std::make_unique<SyncProbe>();
+                            probe->warmups = &warmups;
+                            probe->kicks = &kicks;
+                            probe->clock = &clock;
+                            return probe;
+                          });
+  ASSERT_TRUE(app.startUntil(EngineState::running));
+  ASSERT_EQ(warmups.size(), 1u);
+  EXPECT_EQ(warmups[0].second, warmups[0].first + 120);
+  const int kicksAfterFilm = kicks;
+  EXPECT_GE(kicksAfterFilm, 1);
+
+  auto& tv = app.supervisor->ensureTvInstance();
+  tv.paths.nfsAddress = "127.0.0.1:" + std::to_string(test::freePort());
+  Job::start([&](CancelToken) { return app.supervisor->startInstance(tv, {}); });
+  ASSERT_TRUE(drive(clock, [&] { return tv.state == EngineState::running; }));
+  ASSERT_EQ(warmups.size(), 2u);
+  EXPECT_EQ(warmups[1].second, warmups[1].first + 120);
+  EXPECT_EQ(kicks, kicksAfterFilm) << "the tv engine starts within a pass";
 }

@@ -13,11 +13,13 @@
 #include "catalog/CatalogTypes.h"
 #include "core/LibraryTitle.h"
 #include "platform/Cancellation.h"
+#include "platform/Clock.h"
 #include "sources/ranking/StreamRanker.h"
 #include "sources/resolve/StreamResolver.h"
 
 namespace vt {
 
+class ActivityLog;
 class CatalogStore;
 class LibraryStore;
 class StremioCatalogClient;
@@ -76,6 +78,7 @@ class CollectionResolve {
     StremioCatalogClient* catalogClient = nullptr;  // the backfill's pages
     Clock* clock = nullptr;
     std::function<std::string()> currentKey;  // the Real-Debrid key of the registry
+    ActivityLog* activity = nullptr;          // none: the application's shared list
     // Shows go through the series resolve once it exists; until then a
     // series makes no progress.
   };
@@ -85,6 +88,53 @@ class CollectionResolve {
                     Services services);
 
   QCoro::Task<CollectionResolveResult> run(CancelToken token = CancelToken::none());
+
+ private:
+  // What one show's resolve came to.
+  enum class SeriesOutcome { done, noProgress, transient, noListing };
+
+  QCoro::Task<bool> pass(CancelToken token);
+  QCoro::Task<SeriesOutcome> resolveSeries(std::string id, CancelToken token);
+  QCoro::Task<bool> backfill(CancelToken token);
+  void recomputePending();
+  void applyVerdicts(const std::vector<std::string>& ids, bool confirmed, const std::string& noun,
+                     const std::string& removedReason, const std::string& keptTail);
+  void recordTransients(const std::vector<std::string>& ids);
+  void takeResolved(const LibraryTitle& title, const std::string& id);
+  void takeOutOfWorking(const std::set<std::string>& ids);
+  bool stopping(const CancelToken& token) const;
+  bool isCatalogSource() const { return collection_.source.kind == CollectionSource::Kind::stremioCatalog; }
+  bool isSeries(const std::string& id) const;
+  std::string currentKey() const;
+  Clock& clock() const;
+
+  CatalogCollection collection_;
+  QUrl addon_;
+  StreamRanker ranker_;
+  bool allowTS_;
+  std::set<std::string> protectedIds_;
+  CollectionResolveHooks hooks_;
+  ResolvePace* pace_;
+  Services services_;
+
+  std::vector<std::string> workingIds_;
+  std::set<std::string> seenIds_;
+  std::vector<std::string> pendingIds_;
+  std::map<std::string, int> transientAttempts_;
+  std::set<std::string> deferredIds_;
+  std::set<std::string> noStreamSkip_;
+  std::set<std::string> coolingSkip_;
+  std::set<std::string> unreleasedSkip_;
+  std::set<std::string> seriesNoProgressSkip_;
+  // Ids that resolved in this run: not tried again even if the library has
+  // not taken their titles (no caller's hook), so a run always ends.
+  std::set<std::string> resolvedIds_;
+  std::vector<LibraryTitle> allResolved_;
+  int totalFailed_ = 0;
+  int skip_ = 0;
+  int extraPages_ = 0;
+  std::set<std::string> protectedFailed_;
+  int backoffPasses_ = 0;
 };
 
 }  // namespace vt

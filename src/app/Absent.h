@@ -27,8 +27,6 @@ class AbsentEngineSupervisor final : public EnginePort {
   QCoro::Task<> start() override;
   EngineState movieState() const override { return EngineState::stopped; }
   void pruneOrphans(const std::set<std::string>&) override {}
-  std::vector<std::string> collectionsMissingTitles(CatalogPort&) override { return {}; }
-  void resolveAndPublish(const std::vector<std::string>&, CatalogPort&, const std::set<std::string>&, bool) override {}
   void kickPlexSync() override {}
   void measureLink(double) override {}
   void stopLogTails() override {}

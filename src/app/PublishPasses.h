@@ -65,7 +65,7 @@ struct PublishPassesEnvironment {
   std::function<bool()> playbackActive;
   std::function<bool()> networkOffline;
   const EngineStatusClient* engineStatus = nullptr;
-  PMSClientFactory* plex = nullptr;  // none: nothing waits for Plex's index
+  const PMSClientFactory* plex = nullptr;  // none: nothing waits for Plex's index
   std::string dataDirectory;
   // When Plex last reported a change of its library; none until that is watched.
   std::function<std::optional<Date>()> lastTimelineEvent;

@@ -1,5 +1,7 @@
 #include "app/StandardWiring.h"
 
+#include "app/Publishing.h"
+
 #include "catalog/CatalogStore.h"
 #include "catalog/CatalogSync.h"
 #include "catalog/StremioCatalogClient.h"
@@ -68,6 +70,22 @@ void wireStandardParts(AppWiring& wiring, StandardParts parts) {
     StremioCatalogClient client(*parts.http, QUrl(QString::fromStdString(endpoints().cinemeta)));
     store->startFollowing(std::make_unique<CatalogSync>(*store, client, watchlist, *parts.clock, &config));
     return store;
+  };
+
+  // Published lists become titles, then files in Plex, without anyone asking.
+  wiring.makePublishing = [paths, parts](VantoryApp& app) -> std::unique_ptr<PublishPort> {
+    auto* engine = dynamic_cast<EngineSupervisor*>(&app.engine());
+    auto* catalog = dynamic_cast<CatalogStore*>(&app.catalog());
+    if (!engine || !catalog) return nullptr;
+    return std::make_unique<Publishing>(Publishing::Parts{.clock = parts.clock,
+                                                          .http = parts.http,
+                                                          .config = &app.config(),
+                                                          .library = &app.library(),
+                                                          .catalog = catalog,
+                                                          .engine = engine,
+                                                          .plex = &app.plexClients(),
+                                                          .releaseWords = &app.releaseWords(),
+                                                          .dataDirectory = paths.dataDirectory});
   };
 }
 

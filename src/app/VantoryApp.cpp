@@ -60,6 +60,7 @@ VantoryApp::VantoryApp(AppWiring wiring)
   // 6. The catalog, with the data folder as its directory.
   catalog_ = wiring_.makeCatalog ? wiring_.makeCatalog(wiring_.paths.dataDirectory, *config_) : nullptr;
   if (!catalog_) catalog_ = std::make_unique<AbsentCatalog>();
+  if (wiring_.makePublishing) publishing_ = wiring_.makePublishing(*this);
 
   // 7. The server connection state.
   viewModel_ =
@@ -76,6 +77,7 @@ VantoryApp::~VantoryApp() {
   // The engine supervision, with the Plex sync it owns, goes before the
   // catalog it reads.
   viewModel_.reset();
+  publishing_.reset();
   engine_.reset();
   catalog_.reset();
   if (ActivityLog::shared() == activity_.get()) ActivityLog::setShared(nullptr);
@@ -134,8 +136,7 @@ QCoro::Task<> VantoryApp::bootstrap() {
   for (const auto& c : catalog.materialisedCollections())
     if (c.resolvePaused && catalog.isStaging(c.id)) catalog.finishStaging(c.id);
 
-  const auto missing = engine.collectionsMissingTitles(catalog);
-  if (!missing.empty()) engine.resolveAndPublish(missing, catalog, {}, false);
+  if (publishing_) publishing_->publishMissing();
 }
 
 void VantoryApp::willTerminate() {

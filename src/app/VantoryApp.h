@@ -26,6 +26,7 @@ namespace vt {
 
 class Clock;
 class HttpClient;
+class VantoryApp;
 
 // Whether the first-run connect sheet must show, and what to do after it.
 class ConnectGate {
@@ -45,6 +46,9 @@ struct AppWiring {
   AppConfig::RegistrySync registrySync;
   std::function<std::unique_ptr<EnginePort>(AppConfig&, LibraryStore&, const PMSClientFactory&)> makeEngine;
   std::function<std::unique_ptr<CatalogPort>(const std::string& directory, AppConfig&)> makeCatalog;
+  // The publish passes, over the engine and the catalog made above; none
+  // leaves published lists as they are.
+  std::function<std::unique_ptr<PublishPort>(VantoryApp&)> makePublishing;
   // The start-up's view of the Plex server; by default a probe over the
   // application's Plex clients.
   PlexAccessFactory plexAccess;
@@ -69,6 +73,7 @@ class VantoryApp {
   LibraryStore& library() { return *library_; }
   EnginePort& engine() { return *engine_; }
   CatalogPort& catalog() { return *catalog_; }
+  PublishPort* publishing() { return publishing_.get(); }
   BridgeViewModel& viewModel() { return *viewModel_; }
   ConnectGate& connectGate() { return *connectGate_; }
   const PMSClientFactory& plexClients() const { return *plexClients_; }
@@ -93,6 +98,7 @@ class VantoryApp {
   std::unique_ptr<UnrecognizedReleaseWords> releaseWords_;
   std::unique_ptr<EnginePort> engine_;
   std::unique_ptr<CatalogPort> catalog_;
+  std::unique_ptr<PublishPort> publishing_;
   std::unique_ptr<BridgeViewModel> viewModel_;
   std::unique_ptr<ConnectGate> connectGate_;
   EngineLog engineLog_;

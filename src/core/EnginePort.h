@@ -16,6 +16,14 @@ namespace vt {
 
 enum class EngineState { stopped, starting, running, stopping, failed };
 
+// The publish passes: what turns published lists into titles in Plex.
+class PublishPort {
+ public:
+  virtual ~PublishPort() = default;
+  // Resolves and publishes every published list that misses titles.
+  virtual void publishMissing() = 0;
+};
+
 // The engine supervision.
 class EnginePort {
  public:
@@ -26,9 +34,6 @@ class EnginePort {
   virtual QCoro::Task<> start() = 0;
   virtual EngineState movieState() const = 0;
   virtual void pruneOrphans(const std::set<std::string>& protectedIds) = 0;
-  virtual std::vector<std::string> collectionsMissingTitles(CatalogPort& catalog) = 0;
-  virtual void resolveAndPublish(const std::vector<std::string>& collectionIds, CatalogPort& catalog,
-                                 const std::set<std::string>& protectedIds, bool markPublished) = 0;
   // Marks the Plex sync coordinator dirty and starts it if idle.
   virtual void kickPlexSync() = 0;
   virtual void measureLink(double delaySeconds) = 0;

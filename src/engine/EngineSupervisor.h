@@ -107,8 +107,6 @@ class EngineSupervisor : public QObject, public EnginePort, private EngineInstan
   EngineState movieState() const override { return movie_->state; }
   // Takes the titles out of the library that no published collection wants.
   void pruneOrphans(const std::set<std::string>& protectedIds) override;
-  std::vector<std::string> collectionsMissingTitles(CatalogPort&) override { return {}; }
-  void resolveAndPublish(const std::vector<std::string>&, CatalogPort&, const std::set<std::string>&, bool) override {}
   void kickPlexSync() override;
   void measureLink(double) override {}
   void stopLogTails() override;

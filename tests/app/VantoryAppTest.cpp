@@ -34,10 +34,6 @@ class Recorder final : public CatalogPort, public EnginePort, public PlexServerA
   QCoro::Task<> start() override { co_return c.push_back("start"); }
   EngineState movieState() const override { return EngineState::stopped; }
   void pruneOrphans(const Ids& ids) override { c.push_back("pruneOrphans " + std::to_string(ids.size())); }
-  Calls collectionsMissingTitles(CatalogPort&) override { return missing; }
-  void resolveAndPublish(const Calls& ids, CatalogPort&, const Ids&, bool mark) override {
-    c.push_back("resolveAndPublish " + std::to_string(ids.size()) + (mark ? " mark" : ""));
-  }
   void kickPlexSync() override { c.push_back("kickPlexSync"); }
   void measureLink(double delay) override { c.push_back("measureLink " + std::to_string(int(delay))); }
   void stopLogTails() override { c.push_back("stopLogTails"); }
@@ -49,6 +45,12 @@ class Recorder final : public CatalogPort, public EnginePort, public PlexServerA
   QCoro::Task<bool> deleteCollectionNamed(std::string t) override { co_return (c.push_back("delete " + t), true); }
   Calls& c;
   Calls retired, missing;
+};
+
+struct PublishRecorder final : PublishPort {
+  explicit PublishRecorder(Calls& calls) : c(calls) {}
+  void publishMissing() override { c.push_back("publishMissing"); }
+  Calls& c;
 };
 
 struct Rig {
@@ -71,6 +73,7 @@ struct Rig {
     w.makeEngine = [this](auto&&...) { return std::make_unique<Recorder>(calls, retired, missing); };
     w.makeCatalog = [this](auto&&...) { return std::make_unique<Recorder>(calls, retired, missing); };
     w.plexAccess = [this](auto&&...) { return std::make_unique<Recorder>(calls, retired, missing); };
+    w.makePublishing = [this](auto&&...) { return std::make_unique<PublishRecorder>(calls); };
     return std::make_unique<VantoryApp>(std::move(w));
   }
 };
@@ -84,7 +87,7 @@ TEST(VantoryApp, StartsUpInOrderAndStartsTheEngineOnlyWhenEverythingIsSet) {
   test::settle(20);
   EXPECT_EQ(rig.calls, (Calls{"attach", "deferRefresh 1120", "materialiseExisting", "takeRetired", "delete Old list",
                               "probe", "prepare test", "pruneOrphans 1", "start", "kickPlexSync", "measureLink 30",
-                              "finishStaging paused-staging", "resolveAndPublish 2"}));
+                              "finishStaging paused-staging", "publishMissing"}));
   app->activity().record(ActivityLog::Kind::added, "Film");
   EXPECT_TRUE(std::filesystem::exists(rig.home.file("activity.json")));
   EXPECT_EQ(PickHistory::shared(), &app->pickHistory()) << "every picker shares the application's history";

@@ -37,8 +37,6 @@ struct EngineHandle final : EnginePort {
   QCoro::Task<> start() override { co_return; }
   EngineState movieState() const override { return EngineState::stopped; }
   void pruneOrphans(const std::set<std::string>& ids) override { r.pruneKept = ids; }
-  std::vector<std::string> collectionsMissingTitles(CatalogPort&) override { return {}; }
-  void resolveAndPublish(const std::vector<std::string>&, CatalogPort&, const std::set<std::string>&, bool) override {}
   void kickPlexSync() override {}
   void measureLink(double) override {}
   void stopLogTails() override {}

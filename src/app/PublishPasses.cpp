@@ -407,8 +407,9 @@ QCoro::Task<> PublishPasses::finishPublishing(CatalogCollection collection, std:
 
   auto alive = alive_;
   co_await waitForIndexing(std::move(names), target, id, batch, token);
-  // Given up meanwhile: whoever took it over decides what Plex has.
-  if (!*alive || batch->cancelled.count(id)) co_return;
+  // Even when given up meanwhile: a pass that took the list over is no
+  // staged one and would never mark it ready.
+  if (!*alive) co_return;
   env_.catalog->setDelivery(id, kDeliveryMetadataReady);
   setApplying(id, false);
 }

@@ -63,10 +63,14 @@ Publishing::Publishing(Parts parts)
   passes_ = std::make_unique<PublishPasses>(std::move(env));
 
   p_.catalog->setOnPublishedCatalogSynced([this](const std::string& id) { onPublishedCatalogSynced(id); });
-  NetworkReach::shared().setOnRestored([this] { onNetworkRestored(); });
+  // The call may already be queued when this object goes.
+  NetworkReach::shared().setOnRestored([this, alive = alive_] {
+    if (*alive) onNetworkRestored();
+  });
 }
 
 Publishing::~Publishing() {
+  *alive_ = false;
   NetworkReach::shared().setOnRestored({});
   p_.catalog->setOnPublishedCatalogSynced({});
   followUp_.cancelAll();
@@ -131,6 +135,17 @@ std::vector<CatalogCollection> Publishing::withoutResolving(std::vector<CatalogC
 void Publishing::publishMissing() {
   auto missing = withoutResolving(collectionsMissingTitles());
   if (!missing.empty()) passes_->resolveAndPublish(std::move(missing), {}, false);
+  // A list still publishing in waves when the application last quit (or
+  // made published since, headless) picks its waves up again.
+  auto staged = withoutResolving(stagedCollections());
+  if (!staged.empty()) passes_->resolveAndPublish(std::move(staged), {}, true);
+}
+
+std::vector<CatalogCollection> Publishing::stagedCollections() const {
+  std::vector<CatalogCollection> out;
+  for (auto& c : p_.catalog->materialisedCollectionList())
+    if (!c.resolvePaused && p_.catalog->isStaging(c.id)) out.push_back(std::move(c));
+  return out;
 }
 
 void Publishing::scheduleFollowUp(const std::vector<CatalogCollection>& collections,
@@ -177,6 +192,7 @@ void Publishing::onPublishedCatalogSynced(const std::string& id) {
 }
 
 void Publishing::onNetworkRestored() {
+  p_.engine->measureLink(10.0);
   followUpAttempts_.clear();
   const auto missing = withoutResolving(collectionsMissingTitles());
   if (missing.empty()) return;

@@ -53,6 +53,8 @@ class Publishing : public PublishPort {
   // The published lists, in order, that want a pass; paused and staged ones
   // are left to their own passes.
   std::vector<CatalogCollection> collectionsMissingTitles() const;
+  // The published lists still in staging, not paused: their waves go on.
+  std::vector<CatalogCollection> stagedCollections() const;
 
   void scheduleFollowUp(const std::vector<CatalogCollection>& collections,
                         const std::map<std::string, int>& resolvedByCollection, const std::set<std::string>& cancelled);
@@ -76,6 +78,7 @@ class Publishing : public PublishPort {
   std::unique_ptr<PublishPasses> passes_;
   std::map<std::string, int> followUpAttempts_;
   std::set<std::string> followUpScheduledIds_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   JobScope followUp_;
   JobScope jobs_;  // last: its jobs end before anything else here goes
 };

@@ -20,7 +20,8 @@ enum class EngineState { stopped, starting, running, stopping, failed };
 class PublishPort {
  public:
   virtual ~PublishPort() = default;
-  // Resolves and publishes every published list that misses titles.
+  // Resolves and publishes every published list that misses titles, and
+  // goes on with the waves of those still in staging.
   virtual void publishMissing() = 0;
 };
 

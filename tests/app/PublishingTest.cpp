@@ -9,6 +9,7 @@
 #include "platform/Http.h"
 #include "platform/Log.h"
 #include "platform/Mounts.h"
+#include "platform/NetworkReach.h"
 #include "platform/Settings.h"
 #include "plex/PMSClient.h"
 #include "sources/StreamProviders.h"
@@ -46,6 +47,7 @@ struct Rig {
 
   Rig() {
     config.setRdKey("KEY1");
+    config.setStreamAddonOverride("http://127.0.0.1:9/");  // no add-on answers here
     syncStreamProviders(config);
     EngineSupervisorEnvironment env;
     env.clock = &clock;
@@ -137,4 +139,35 @@ TEST(Publishing, FollowUpsComeAfter75Then180Then480SecondsAndProgressStartsThemA
   rig.film("tt1");
   rig.publishing->scheduleFollowUp({c}, {}, {});
   EXPECT_TRUE(rig.lines.empty()) << "nothing missing";
+}
+
+TEST(Publishing, ARefreshedListAndTheNetworkComingBackStartPassesForListsThatMissTitles) {
+  Rig rig;
+  const auto c = rig.list({"tt1"}, Rig::addon());
+  auto paused = rig.list({"tt2"}, Rig::addon());
+  rig.catalog.setResolvePaused(true, paused.id);
+  const CatalogCollection staged{
+      .id = newCollectionId(), .name = "Staged", .source = Rig::addon(), .itemImdbIds = {"tt3"}};
+  rig.catalog.upsert(staged);
+  rig.catalog.materialise(staged);
+
+  auto& resolving = rig.publishing->passes().resolvingIds();
+  rig.publishing->onPublishedCatalogSynced(paused.id);
+  rig.publishing->onPublishedCatalogSynced(staged.id);
+  EXPECT_TRUE(resolving.empty()) << "paused and staged lists have passes of their own";
+  rig.publishing->onPublishedCatalogSynced(c.id);
+  EXPECT_EQ(resolving, std::set<std::string>{c.id});
+
+  // The network comes back: the follow-up count starts afresh and the lists
+  // not being resolved get a pass.
+  for (int i = 0; i < 3; ++i) rig.publishing->scheduleFollowUp({c}, {}, {});
+  rig.lines.clear();
+  auto other = rig.list({"tt4"}, Rig::addon());
+  NetworkReach::shared().setOnline(false);
+  NetworkReach::shared().setOnline(true);
+  test::settle(20);
+  EXPECT_TRUE(rig.logged("[supervisor] network back — retrying 1 collection(s) with missing titles"));
+  EXPECT_TRUE(resolving.count(other.id));
+  rig.publishing->scheduleFollowUp({c}, {}, {});
+  EXPECT_EQ(rig.lines.back(), "[supervisor] 1 collection(s) still missing titles — retrying in 75s");
 }

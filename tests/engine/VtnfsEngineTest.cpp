@@ -7,6 +7,7 @@
 #include "engine/EngineStatusClient.h"
 #include "engine/EngineTestKit.h"
 #include "engine/LocalEngine.h"
+#include "fakes/FakeFileHost.h"
 #include "fakes/FakeHttpServer.h"
 #include "platform/SerialFileWriter.h"
 
@@ -71,4 +72,27 @@ TEST(VtnfsEngine, GoingAwayClosesTheWarmersOpenRequest) {
   EXPECT_TRUE(test::spinUntil([&] { return cdn.abandonedRequests() == 1; }));
   test::settle(50);
   EXPECT_EQ(e.log().find("warming"), std::string::npos) << e.log();
+}
+
+TEST(VtnfsEngine, RevealingAWarmedEntryKeepsWhatItsSourceTaught) {
+  test::TestHome home;
+  test::FakeHttpServer cdn;
+  const QByteArray bytes = test::generatedBytes(0, 3 << 20);
+  test::serveBytes(cdn, "/film.mkv", bytes);
+  auto film = entry("Film.mkv", cdn.url("/film.mkv").toString().toStdString());
+  film.size = bytes.size();
+  film.hidden = true;
+  LocalEngine e(home, {film});
+  EngineStatusClient client(sharedHttpClient());
+  test::runTask(client.warmPending(e.control, {"Film.mkv"}));
+  ASSERT_TRUE(test::spinUntil([&] { return e.engine->entries().at("Film.mkv").probeReady; }));
+
+  // The wave: only `hidden` changes, and the entry is warmed again.
+  film.hidden = false;
+  ASSERT_TRUE(writeFileAtomically(e.manifest, encodeEngineConfig({film})));
+  ASSERT_EQ(e.post("/control/reload").status, 200);
+  EXPECT_TRUE(e.engine->entries().at("Film.mkv").probeReady);
+  test::runTask(client.warmPending(e.control, {"Film.mkv"}));
+  test::settle(200);
+  EXPECT_EQ(e.log().find("failed"), std::string::npos) << e.log();
 }

@@ -27,6 +27,11 @@ namespace vtnfs {
 
 namespace {
 
+// Whether two entries read the same bytes from the same place.
+bool sameSource(const vt::EngineEntry& a, const vt::EngineEntry& b) {
+  return a.url == b.url && a.local == b.local && a.resolve_url == b.resolve_url;
+}
+
 constexpr int64_t kProbeBytes = 1 << 20;  // the first and the last MiB
 
 bool splitAddress(const std::string& text, std::string& host, quint16& port) {
@@ -268,9 +273,7 @@ vt::Result<int, ManifestError> Engine::reload() {
         continue;
       }
       // A new source means what was learnt of the old one no longer holds.
-      const bool sameSource = old->second.entry.url == e.url && old->second.entry.local == e.local &&
-                              old->second.entry.resolve_url == e.resolve_url;
-      EntryState s = sameSource ? old->second : EntryState{};
+      EntryState s = sameSource(old->second.entry, e) ? old->second : EntryState{};
       s.entry = e;
       next[e.name] = std::move(s);
       continue;
@@ -287,7 +290,8 @@ vt::Result<int, ManifestError> Engine::reload() {
   }
   for (const auto& [name, state] : entries_) {
     auto kept = next.find(name);
-    if (kept == next.end() || !(kept->second.entry == state.entry)) reader_.forget(name);
+    // A change of `hidden` (every wave) keeps what the reader learnt.
+    if (kept == next.end() || !sameSource(kept->second.entry, state.entry)) reader_.forget(name);
   }
   entries_ = std::move(next);
   for (const auto& [name, s] : entries_) expected_.erase(name);

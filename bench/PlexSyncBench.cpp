@@ -18,6 +18,7 @@
 #include "platform/Http.h"
 #include "platform/Settings.h"
 #include "plex/PlexSyncCoordinator.h"
+#include "support/ListCatalog.h"
 
 namespace {
 
@@ -26,27 +27,6 @@ using namespace vt;
 constexpr int kFilms = 20000;
 constexpr int kLists = 40;
 constexpr int kLabelBatch = 50;
-
-class Lists : public CatalogPort {
- public:
-  std::vector<PlexGrouping> lists;
-  std::set<std::string> owned;
-  void deferRefresh(Date) override {}
-  QCoro::Task<> materialiseExisting() override { co_return; }
-  std::vector<std::string> takeRetiredPlexGroupings() override { return {}; }
-  std::set<std::string> protectedIds() const override { return {}; }
-  std::vector<MaterialisedCollection> materialisedCollections() const override { return {}; }
-  bool isStaging(const std::string&) const override { return false; }
-  void finishStaging(const std::string&) override {}
-  std::vector<PlexGrouping> plexGroupings() const override { return lists; }
-  const std::set<std::string>& ownedGroupings() const override { return owned; }
-  void setPlexRatingKey(std::optional<std::string> key, const std::string& id) override {
-    for (auto& l : lists)
-      if (l.id == id) l.plexRatingKey = key;
-  }
-  void addOwnedGrouping(const std::string& name) override { owned.insert(name); }
-  void removeOwnedGrouping(const std::string& name) override { owned.erase(name); }
-};
 
 std::string film(int i) {
   return "Film " + std::to_string(i) + " (2000) {imdb-tt" + std::to_string(1000000 + i) + "}.mkv";
@@ -63,7 +43,7 @@ struct World {
   std::unique_ptr<LibraryStore> library;
   HttpClient http{clock, HttpClient::Session::ephemeral};
   PMSClientFactory clients{config, http};
-  Lists catalog;
+  test::ListCatalog catalog;
   std::unique_ptr<PlexSyncCoordinator> sync;
 
   World() {

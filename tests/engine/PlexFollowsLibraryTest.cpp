@@ -24,6 +24,7 @@
 #include "platform/Settings.h"
 #include "plex/PlexLibrarySetup.h"
 #include "plex/PlexSyncCoordinator.h"
+#include "engine/AppWorld.h"
 #include "support/TestKit.h"
 #include "support/Titles.h"
 
@@ -33,51 +34,19 @@ namespace {
 
 std::string film(int i) { return "Film " + std::to_string(i) + " (2000) {imdb-tt10" + std::to_string(i) + "}.mkv"; }
 
-bool canMountWithFuse() {
-  return !QStandardPaths::findExecutable("fusermount3").isEmpty() && QFile::exists("/dev/fuse");
-}
-
 }  // namespace
 
 TEST(PlexFollowsLibrary, PublishedTitlesReachPlexWithTheirListAndRemovedOnesLeave) {
-  if (!canMountWithFuse()) GTEST_SKIP() << "no FUSE on this machine";
+  if (!test::canMountWithFuse()) GTEST_SKIP() << "no FUSE on this machine";
   test::TestHome home;
   ManualClock clock;
   test::FakePlexServer plex("plex-token", clock);
   plex.scanDelay = 3;
-  // Reading a file would ask the engine for bytes from a host this very
-  // thread serves; Plex only needs to see the file.
-  plex.canRead = [](const std::string&) { return true; };
-  const std::string movies = home.path() + "/Library";
-  plex.addSection("1", "Vantory", "movie", {movies});
-  {
-    const auto settings = SettingsStore::openForTestHome(home.path());
-    AppConfig config(*settings);
-    config.setControlURLString("http://127.0.0.1:" + std::to_string(test::freePort()));
-    config.setRdKey("rd-key-1");
-    config.setPmsURLString(plex.baseUrl().toString().toStdString());
-    config.setToken(plex.token);
-  }
-
-  // The application as main() makes it, on the test clock, with the real
-  // engine and its mount.
-  QFile(QString::fromStdString(home.file("fstab"))).open(QIODevice::WriteOnly);
-  LinuxLibraryMounter mounter(VT_VTNFS_MOUNT_BINARY, home.file("fstab"));
-  HttpClient http(clock, HttpClient::Session::ephemeral);
-  AppWiring wiring;
-  wiring.paths = AppPaths::forTestHome(home.path());
-  wiring.installHttpCache = false;
-  wireStandardParts(
-      wiring,
-      {.clock = &clock, .http = &http, .mounter = &mounter, .bundledEngine = VT_VTNFS_BINARY, .appVersion = "test"});
-  VantoryApp app(std::move(wiring));
-  auto& supervisor = dynamic_cast<EngineSupervisor&>(app.engine());
-  auto& catalog = dynamic_cast<CatalogStore&>(app.catalog());
-  supervisor.movie().paths.nfsAddress = "127.0.0.1:" + std::to_string(test::freePort());
-  struct Stop {
-    VantoryApp& app;
-    ~Stop() { app.willTerminate(); }
-  } stop{app};
+  test::AppWorld world(home, clock, plex);
+  auto& app = *world.app;
+  auto& supervisor = *world.supervisor;
+  auto& catalog = *world.catalog;
+  const std::string& movies = world.movies;
 
   auto drive = [&](const std::function<bool()>& done) {
     QElapsedTimer t;

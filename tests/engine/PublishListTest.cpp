@@ -34,6 +34,7 @@
 #include "platform/Mounts.h"
 #include "platform/Settings.h"
 #include "sources/resolve/StreamResolver.h"
+#include "engine/AppWorld.h"
 #include "support/TestKit.h"
 
 using namespace vt;
@@ -51,10 +52,6 @@ std::string fileOf(int n) { return filmName(n) + " (2015) {imdb-" + tt(n) + "}.m
 std::string hashOf(int n) {
   const std::string digits = std::to_string(n);
   return std::string(40 - digits.size(), 'a') + digits;
-}
-
-bool canMountWithFuse() {
-  return !QStandardPaths::findExecutable("fusermount3").isEmpty() && QFile::exists("/dev/fuse");
 }
 
 std::string withoutTrailingSlash(QUrl url) {
@@ -101,7 +98,7 @@ struct Sources {
 }  // namespace
 
 TEST(PublishList, ASubscribedListOfSixtyReachesPlexInWavesWithBackfillForFilmsWithoutSource) {
-  if (!canMountWithFuse()) GTEST_SKIP() << "no FUSE on this machine";
+  if (!test::canMountWithFuse()) GTEST_SKIP() << "no FUSE on this machine";
   QElapsedTimer realTime;
   realTime.start();
   test::TestHome home;
@@ -146,41 +143,16 @@ TEST(PublishList, ASubscribedListOfSixtyReachesPlexInWavesWithBackfillForFilmsWi
 
   test::FakePlexServer plex("plex-token", clock);
   plex.scanDelay = 3;
-  // Reading a file would ask the engine for bytes from a host this very
-  // thread serves; Plex only needs to see the file.
-  plex.canRead = [](const std::string&) { return true; };
-  const std::string movies = home.path() + "/Library";
-  plex.addSection("1", "Vantory", "movie", {movies});
-  {
-    const auto settings = SettingsStore::openForTestHome(home.path());
-    AppConfig config(*settings);
-    config.setControlURLString("http://127.0.0.1:" + std::to_string(test::freePort()));
+  test::AppWorld world(home, clock, plex, [&](AppConfig& config) {
     config.setRdKey(sources.rd.key);
     config.setStreamAddonOverride(sources.torrentio.base().toString().toStdString());
-    config.setPmsURLString(plex.baseUrl().toString().toStdString());
-    config.setToken(plex.token);
-  }
-
-  // The application as main() makes it, on the test clock.
-  QFile(QString::fromStdString(home.file("fstab"))).open(QIODevice::WriteOnly);
-  LinuxLibraryMounter mounter(VT_VTNFS_MOUNT_BINARY, home.file("fstab"));
-  HttpClient http(clock, HttpClient::Session::ephemeral);
-  AppWiring wiring;
-  wiring.paths = AppPaths::forTestHome(home.path());
-  wiring.installHttpCache = false;
-  wireStandardParts(
-      wiring,
-      {.clock = &clock, .http = &http, .mounter = &mounter, .bundledEngine = VT_VTNFS_BINARY, .appVersion = "test"});
-  VantoryApp app(std::move(wiring));
-  auto& supervisor = dynamic_cast<EngineSupervisor&>(app.engine());
-  auto& catalog = dynamic_cast<CatalogStore&>(app.catalog());
+  });
+  auto& app = *world.app;
+  auto& supervisor = *world.supervisor;
+  auto& catalog = *world.catalog;
+  const std::string& movies = world.movies;
   auto* publishing = dynamic_cast<Publishing*>(app.publishing());
   ASSERT_NE(publishing, nullptr);
-  supervisor.movie().paths.nfsAddress = "127.0.0.1:" + std::to_string(test::freePort());
-  struct Stop {
-    VantoryApp& app;
-    ~Stop() { app.willTerminate(); }
-  } stop{app};
 
   // Each step lets the services and the engine answer in real time, then
   // moves the application's clock on: about six times faster than real time,
@@ -203,7 +175,7 @@ TEST(PublishList, ASubscribedListOfSixtyReachesPlexInWavesWithBackfillForFilmsWi
 
   // The user subscribes to the add-on's catalog with room for 60 films and
   // publishes it: the first 60 become its members, and it goes to Plex staged.
-  StremioCatalogClient catalogClient(http, sources.cinemeta.baseUrl());
+  StremioCatalogClient catalogClient(*world.http, sources.cinemeta.baseUrl());
   auto firstPage = test::runTask(catalogClient.metas(addon.base(), "movie", "top", std::nullopt, kListSize));
   ASSERT_TRUE(firstPage);
   ASSERT_EQ(firstPage->size(), static_cast<size_t>(kListSize));

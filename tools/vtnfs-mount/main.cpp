@@ -12,6 +12,9 @@
 
 #include <fcntl.h>
 #include <fuse.h>
+#include <malloc.h>
+#include <poll.h>
+#include <signal.h>
 #include <nfsc/libnfs.h>
 #include <sys/stat.h>
 
@@ -85,6 +88,14 @@ class Pool {
     }
     return c;
   }
+  void discard(Connection* c) {
+    for (auto& [path, fh] : c->files) nfs_close(c->nfs, fh);
+    nfs_destroy_context(c->nfs);
+    delete c;
+    std::lock_guard lock(mutex_);
+    --count_;
+    freed_.notify_one();
+  }
   // The first connection, made before mounting so that a wrong address is
   // reported at once.
   bool start(std::string& error) {
@@ -147,6 +158,12 @@ class Lease {
     c_ = pool.renew(c_);
     return c_ != nullptr;
   }
+  // Closes the connection instead of giving it back (a call is still
+  // outstanding on it).
+  void discard() {
+    pool.discard(c_);
+    c_ = nullptr;
+  }
 
  private:
   Connection* c_;
@@ -189,9 +206,8 @@ void fillStat(struct stat* st, const nfs_stat_64& s) {
 }
 
 void* init(fuse_conn_info* conn, fuse_config* cfg) {
-  // Players read big pieces in order: ask the kernel for reads and
-  // read-ahead of a whole NFS transfer each, so that one round trip to the
-  // engine moves 1 MiB rather than 128 KiB.
+  // A read reaches the helper whole up to one NFS transfer (see open), so
+  // that one round trip to the engine moves 1 MiB.
   conn->max_read = kTransferBytes;
   conn->max_readahead = kTransferBytes;
   conn->max_write = kTransferBytes;  // libfuse sizes the kernel's requests (max_pages) from this
@@ -203,6 +219,9 @@ void* init(fuse_conn_info* conn, fuse_config* cfg) {
   cfg->attr_timeout = 1;
   cfg->negative_timeout = 1;
   cfg->kernel_cache = 0;
+  // A killed reader's read is let go: libfuse signals the thread serving it
+  // (SIGUSR1, whose handler main installs), and preadOnce gives up.
+  cfg->intr = 1;
   return nullptr;
 }
 
@@ -244,6 +263,28 @@ int handleFor(Connection& c, const std::string& path, nfsfh** fh) {
   return 0;
 }
 
+// An open file. Reads bypass the kernel's page cache (see open), so the
+// helper keeps a little read-ahead of its own: a small read that carries on
+// where the previous one ended fetches a whole transfer, and the reads that
+// follow it are answered from memory rather than by a round trip each.
+struct OpenFile {
+  static constexpr size_t kSmallRead = 128 << 10;
+
+  std::string path;
+  std::mutex mutex;
+  std::vector<char> ahead;  // bytes from aheadAt on
+  uint64_t aheadAt = 0;
+  uint64_t next = 0;  // where the last read ended
+
+  // Copies the read from `ahead` when it holds all of it.
+  bool take(char* buf, size_t size, uint64_t offset) {
+    if (offset < aheadAt || offset + size > aheadAt + ahead.size()) return false;
+    std::memcpy(buf, ahead.data() + (offset - aheadAt), size);
+    next = offset + size;
+    return true;
+  }
+};
+
 int open(const char* path, fuse_file_info* fi) {
   if ((fi->flags & O_ACCMODE) != O_RDONLY) return -EROFS;
   Lease c;
@@ -252,12 +293,49 @@ int open(const char* path, fuse_file_info* fi) {
   const int rc = handleFor(*c, path, &fh);
   if (rc < 0) return fuseError(rc);
   // Reads may run on any connection: the open file is known by its path.
-  fi->fh = reinterpret_cast<uint64_t>(new std::string(path));
+  fi->fh = reinterpret_cast<uint64_t>(new OpenFile{path});
+  // Reads bypass the kernel's page cache. Through it, every read is cut
+  // into the mount's read-ahead window, 128 KiB unless root raises it, so
+  // a player's 1 MiB read costs eight round trips to the engine and one copy
+  // more; direct, it comes here whole (up to max_read) and goes straight
+  // into the reader's buffer. The engine keeps its own caches, and the
+  // folder holds read-only media that players read rather than map shared.
+  fi->direct_io = 1;
   return 0;
 }
 
-int read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) {
-  const std::string& path = *reinterpret_cast<std::string*>(fi->fh);
+// One READ on the connection, waited for in small steps so that a reader
+// that gives up (a killed player, whose read the kernel interrupts) frees
+// this thread at once instead of when a stalled source times out. Bytes
+// read, a negative error, or -EINTR when interrupted: the call is then
+// still outstanding, so the connection can't be used again.
+int preadOnce(Connection& c, nfsfh* fh, uint64_t offset, size_t size, char* buf) {
+  struct Call {
+    char* buf;
+    size_t size;
+    bool done = false;
+    int status = 0;
+  } call{buf, size};
+  const auto finished = [](int status, nfs_context*, void* data, void* self) {
+    auto& call = *static_cast<Call*>(self);
+    call.done = true;
+    call.status = status;
+    if (status > 0) std::memcpy(call.buf, data, std::min(static_cast<size_t>(status), call.size));
+  };
+  if (nfs_pread_async(c.nfs, fh, offset, size, finished, &call) != 0) return -EIO;
+  while (!call.done) {
+    if (fuse_interrupted()) return -EINTR;
+    pollfd p{nfs_get_fd(c.nfs), static_cast<short>(nfs_which_events(c.nfs)), 0};
+    const int ready = ::poll(&p, 1, 200);
+    if (ready < 0 && errno != EINTR) return -EIO;
+    if (nfs_service(c.nfs, ready > 0 ? p.revents : 0) < 0 && !call.done) return -EIO;
+  }
+  return call.status;
+}
+
+// Reads `size` bytes at `offset` from the engine; how many came (fewer at
+// the end of the file), or a negative error.
+int readFromEngine(const std::string& path, char* buf, size_t size, uint64_t offset) {
   Lease c;
   if (!c) return -EIO;
   size_t done = 0;
@@ -265,7 +343,11 @@ int read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) 
   while (done < size) {
     nfsfh* fh = nullptr;
     int n = handleFor(*c, path, &fh);
-    if (n == 0) n = nfs_pread(c->nfs, fh, static_cast<uint64_t>(offset) + done, size - done, buf + done);
+    if (n == 0) n = preadOnce(*c, fh, offset + done, size - done, buf + done);
+    if (n == -EINTR) {
+      c.discard();
+      return -EINTR;
+    }
     if (n < 0) {
       // After an engine restart the connection is dead: try once more on a
       // fresh one (the engine's handles stay the same for the same path).
@@ -283,8 +365,37 @@ int read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) 
   return static_cast<int>(done);
 }
 
+int read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) {
+  auto& file = *reinterpret_cast<OpenFile*>(fi->fh);
+  const auto at = static_cast<uint64_t>(offset);
+  bool sequential = false;
+  {
+    std::lock_guard lock(file.mutex);
+    if (file.take(buf, size, at)) return static_cast<int>(size);
+    sequential = at == file.next;
+  }
+  if (size >= OpenFile::kSmallRead || !sequential) {
+    const int n = readFromEngine(file.path, buf, size, at);
+    if (n >= 0) {
+      std::lock_guard lock(file.mutex);
+      file.next = at + static_cast<uint64_t>(n);
+    }
+    return n;
+  }
+  std::vector<char> ahead(kTransferBytes);
+  const int n = readFromEngine(file.path, ahead.data(), ahead.size(), at);
+  if (n < 0) return n;
+  ahead.resize(static_cast<size_t>(n));
+  std::lock_guard lock(file.mutex);
+  file.ahead = std::move(ahead);
+  file.aheadAt = at;
+  const size_t got = std::min(size, file.ahead.size());
+  file.take(buf, got, at);
+  return static_cast<int>(got);
+}
+
 int release(const char*, fuse_file_info* fi) {
-  delete reinterpret_cast<std::string*>(fi->fh);
+  delete reinterpret_cast<OpenFile*>(fi->fh);
   return 0;
 }
 
@@ -335,6 +446,17 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vtnfs-mount: %s at %s\n", error.c_str(), address.c_str());
     return 1;
   }
+
+  // Every READ reply comes in a buffer of its own, a transfer long. Keep
+  // freed memory for the next one rather than give it back to the system
+  // and take it again: touching fresh pages costs more than the copy.
+  mallopt(M_MMAP_THRESHOLD, 64 << 20);
+  mallopt(M_TRIM_THRESHOLD, 256 << 20);
+
+  // The interrupt signal only has to wake a waiting poll (see init).
+  struct sigaction wake {};
+  wake.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &wake, nullptr);
 
   fuse_operations ops{};
   ops.init = init;

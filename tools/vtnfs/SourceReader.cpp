@@ -78,7 +78,7 @@ SourceReader::SourceReader(vt::HttpClient& http, std::string cacheDirectory, Hoo
 }
 
 SourceReader::~SourceReader() {
-  for (auto& [path, fd] : fds_) ::close(fd);
+  for (auto& [path, file] : fds_) ::close(file.fd);
 }
 
 void SourceReader::setBudgetBytes(int64_t bytes) {
@@ -128,7 +128,7 @@ QCoro::Task<vt::HttpResponse> SourceReader::send(std::string entryName, vt::Http
 void SourceReader::forget(const std::string& entryName) {
   sources_.erase(entryName);
   if (auto it = fds_.find(entryName); it != fds_.end()) {
-    ::close(it->second);
+    ::close(it->second.fd);
     fds_.erase(it);
   }
 }
@@ -138,7 +138,7 @@ ReadResult SourceReader::readLocal(const vt::EngineEntry& entry, uint64_t offset
   auto it = fds_.find(entry.name);
   if (it == fds_.end()) {
     if (fds_.size() >= 64) {
-      for (auto& [name, fd] : fds_) ::close(fd);
+      for (auto& [name, file] : fds_) ::close(file.fd);
       fds_.clear();
     }
     const int fd = ::open(entry.local.c_str(), O_RDONLY | O_CLOEXEC);
@@ -147,14 +147,15 @@ ReadResult SourceReader::readLocal(const vt::EngineEntry& entry, uint64_t offset
       return readFailed(error == ENOENT || error == ENOTDIR ? ReadError::Kind::notFound : ReadError::Kind::io,
                         entry.local + ": " + std::strerror(error));
     }
-    it = fds_.emplace(entry.name, fd).first;
+    it = fds_.emplace(entry.name, LocalFile{fd}).first;
   }
+  LocalFile& file = it->second;
   struct stat st {};
-  if (::fstat(it->second, &st) != 0) return readFailed(ReadError::Kind::io, entry.local + ": " + std::strerror(errno));
+  if (::fstat(file.fd, &st) != 0) return readFailed(ReadError::Kind::io, entry.local + ": " + std::strerror(errno));
   // A folder or a device opens fine and then fails half-way through a
   // reply; only regular files are served.
   if (!S_ISREG(st.st_mode)) {
-    ::close(it->second);
+    ::close(file.fd);
     fds_.erase(it);
     return readFailed(ReadError::Kind::io, entry.local + ": not a regular file");
   }
@@ -163,17 +164,27 @@ ReadResult SourceReader::readLocal(const vt::EngineEntry& entry, uint64_t offset
   const auto n = static_cast<size_t>(std::min<uint64_t>(count, static_cast<uint64_t>(size) - offset));
   // Ask the kernel for what a player reads next, so that a file on a slow
   // disk is on its way while this reply goes out; the kernel's own
-  // read-ahead window is far smaller than a 1 MiB READ.
-  ::posix_fadvise(it->second, static_cast<off_t>(offset + n), kLocalReadAhead, POSIX_FADV_WILLNEED);
+  // read-ahead window is far smaller than a 1 MiB READ. The window is asked
+  // for again only when reading has used up half of it: every request walks
+  // the page cache over the whole range, which costs more than the copy
+  // itself when the file is already there.
+  const auto end = static_cast<off_t>(offset + n);
+  const bool elsewhere = static_cast<off_t>(offset) + kLocalReadAhead < file.advisedFrom || end > file.advisedTo;
+  if (elsewhere || end + kLocalReadAhead / 2 > file.advisedTo) {
+    const off_t from = elsewhere ? end : file.advisedTo;
+    ::posix_fadvise(file.fd, from, end + kLocalReadAhead - from, POSIX_FADV_WILLNEED);
+    if (elsewhere) file.advisedFrom = end;
+    file.advisedTo = end + kLocalReadAhead;
+  }
   if (span) {
-    *span = FileSpan(it->second, offset, n);
+    *span = FileSpan(file.fd, offset, n);
     if (*span) return readDone(offset + n >= static_cast<uint64_t>(size), size);
   }
   const size_t before = out.size();
   out.resize(before + n);
   size_t got = 0;
   while (got < n) {
-    const ssize_t r = ::pread(it->second, out.data() + before + got, n - got, static_cast<off_t>(offset + got));
+    const ssize_t r = ::pread(file.fd, out.data() + before + got, n - got, static_cast<off_t>(offset + got));
     if (r < 0 && errno == EINTR) continue;
     if (r < 0) {
       const int error = errno;

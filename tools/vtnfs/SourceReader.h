@@ -119,7 +119,13 @@ class SourceReader {
   std::list<std::pair<std::string, int64_t>> diskOrder_;
   std::unordered_map<std::string, std::list<std::pair<std::string, int64_t>>::iterator> disk_;
   // Open files of local entries.
-  std::unordered_map<std::string, int> fds_;
+  // Open local files by entry name, with the range the kernel was last asked
+  // to read ahead.
+  struct LocalFile {
+    int fd = -1;
+    off_t advisedFrom = 0, advisedTo = 0;
+  };
+  std::unordered_map<std::string, LocalFile> fds_;
   // Chunks being written to the disk cache on a worker thread.
   std::set<std::string> writing_;
   // An entry's own HTTP client, its requests under way and those waiting

@@ -3,8 +3,11 @@
 #include <sys/socket.h>
 
 #include <QPointer>
+#include <QSocketNotifier>
 #include <QTcpSocket>
 #include <algorithm>
+#include <cstdio>
+#include <deque>
 #include <cerrno>
 #include <functional>
 #include <memory>
@@ -15,9 +18,23 @@ namespace vtnfs {
 
 namespace {
 
+// Replies that the socket could not take at once wait here, in order, and
+// go on from where they stopped as the socket drains: the bytes of a local
+// file still leave with sendfile, never copied through this process.
+struct Outbox {
+  struct Waiting {
+    NfsService::Reply reply;
+    size_t sent = 0;  // of reply.bytes
+  };
+  std::deque<Waiting> replies;
+  qint64 bytes = 0;  // not yet sent
+  QSocketNotifier* writable = nullptr;
+};
+
 // What one connection holds: the bytes received that don't make a whole
-// record yet, and the calls being answered. It is a child of the socket, so
-// when the socket goes its calls are cancelled first.
+// record yet, the calls being answered and the replies waiting to go. It is
+// a child of the socket, so when the socket goes its calls are cancelled
+// first.
 struct Pending : QObject {
   Pending(QObject* parent, vt::Clock& c) : QObject(parent), clock(c) {}
   ~Pending() override { disarm(); }
@@ -32,7 +49,9 @@ struct Pending : QObject {
   size_t pos = 0;      // where the unparsed part of `buffer` begins
   int inFlight = 0;    // calls being answered
   bool pumping = false, again = false;
-  vt::JobScope calls;  // last: see above
+  Outbox outbox;
+  std::weak_ptr<std::function<void()>> pump;  // reads calls; run again when the outbox drains
+  vt::JobScope calls;                         // last: see above
 };
 
 // A client that sends calls and doesn't read the replies must not make the
@@ -41,46 +60,97 @@ struct Pending : QObject {
 constexpr qint64 kMaxUnsentBytes = 4 << 20;
 constexpr int kMaxCallsInFlight = 32;
 constexpr qint64 kReadPiece = 256 << 10;
+// The send buffer asked for, where the system allows that much: a few whole
+// READ replies, so that a reply rarely waits for the client to read.
+constexpr int kSendBuffer = 4 << 20;
 
-// Sends from `sent` on without blocking; true when all of it went.
-bool sendDirect(int fd, const char* data, size_t size, size_t& sent, int flags) {
-  while (sent < size) {
-    const ssize_t n = ::send(fd, data + sent, size - sent, MSG_DONTWAIT | MSG_NOSIGNAL | flags);
+enum class Sent { all, wouldBlock, failed };
+
+Sent sendBytes(int fd, const std::string& bytes, size_t upTo, size_t& sent, int flags) {
+  while (sent < upTo) {
+    const ssize_t n = ::send(fd, bytes.data() + sent, upTo - sent, MSG_DONTWAIT | MSG_NOSIGNAL | flags);
     if (n > 0) {
       sent += static_cast<size_t>(n);
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    return false;  // would block, or an error that Qt will report
+    return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? Sent::wouldBlock : Sent::failed;
   }
-  return true;
+  return Sent::all;
 }
 
-// Writes straight to the socket while Qt has nothing queued for it, which
-// saves copying each reply into Qt's buffer, and sends a local file's bytes
-// with sendfile; what the kernel doesn't take at once goes through Qt, which
-// keeps the order. False when the reply can't be completed (its file ended
-// early): the connection must close, as its record mark already promised
-// more.
-bool send(QTcpSocket& socket, NfsService::Reply& reply) {
-  const std::string& bytes = reply.bytes;
-  const size_t spanAt = reply.span ? reply.spanAt : bytes.size();
-  size_t sent = 0;
-  bool spanDone = !reply.span;
-  if (socket.bytesToWrite() == 0 && socket.state() == QAbstractSocket::ConnectedState) {
-    const int fd = static_cast<int>(socket.socketDescriptor());
-    if (sendDirect(fd, bytes.data(), spanAt, sent, reply.span ? MSG_MORE : 0) && !spanDone) {
-      bool ended = false;
-      spanDone = reply.span.sendTo(fd, ended);
-      if (ended) return false;
-      if (spanDone) sendDirect(fd, bytes.data(), bytes.size(), sent, 0);
-    }
+// Sends what the socket takes of a reply, from where it stopped: the bytes
+// before the span, the span, the bytes after it. A span whose file ended
+// early fails: its record mark already promised more.
+Sent sendSome(int fd, NfsService::Reply& reply, size_t& sent) {
+  const size_t spanAt = reply.span ? reply.spanAt : reply.bytes.size();
+  if (Sent s = sendBytes(fd, reply.bytes, spanAt, sent, reply.span ? MSG_MORE : 0); s != Sent::all) return s;
+  if (reply.span && reply.span.length() > 0) {
+    bool ended = false;
+    if (!reply.span.sendTo(fd, ended))
+      return !ended && (errno == EAGAIN || errno == EWOULDBLOCK) ? Sent::wouldBlock : Sent::failed;
   }
-  std::string rest;
-  if (sent < spanAt) rest.append(bytes, sent, spanAt - sent);
-  if (!spanDone && !reply.span.appendTo(rest)) return false;
-  if (sent < bytes.size()) rest.append(bytes, std::max(sent, spanAt));
-  if (!rest.empty()) socket.write(rest.data(), static_cast<qint64>(rest.size()));
+  return sendBytes(fd, reply.bytes, reply.bytes.size(), sent, 0);
+}
+
+qint64 unsentBytes(const NfsService::Reply& reply, size_t sent) {
+  return static_cast<qint64>(reply.bytes.size() - sent + reply.span.length());
+}
+
+// The largest send buffer an unprivileged socket may ask for.
+int systemSendBufferLimit() {
+  static const int limit = [] {
+    int value = 0;
+    if (std::FILE* f = std::fopen("/proc/sys/net/core/wmem_max", "r")) {
+      if (std::fscanf(f, "%d", &value) != 1) value = 0;
+      std::fclose(f);
+    }
+    return value;
+  }();
+  return limit;
+}
+
+// Sends the replies that wait, in order, as far as the socket takes them;
+// once none waits, reading calls resumes.
+void drain(QTcpSocket& socket, Pending& pending) {
+  auto& box = pending.outbox;
+  const int fd = static_cast<int>(socket.socketDescriptor());
+  while (!box.replies.empty()) {
+    auto& head = box.replies.front();
+    const qint64 before = unsentBytes(head.reply, head.sent);
+    const Sent sent = sendSome(fd, head.reply, head.sent);
+    box.bytes -= before - unsentBytes(head.reply, head.sent);
+    if (sent == Sent::failed) {
+      socket.abort();
+      return;
+    }
+    if (sent == Sent::wouldBlock) return;
+    box.replies.pop_front();
+  }
+  box.writable->setEnabled(false);
+  if (auto pump = pending.pump.lock()) (*pump)();
+}
+
+// Sends a reply, straight away when none waits before it; false when the
+// connection must close.
+bool queue(QTcpSocket& socket, Pending& pending, NfsService::Reply reply) {
+  if (socket.state() != QAbstractSocket::ConnectedState) return true;  // closing: nobody to answer
+  auto& box = pending.outbox;
+  const int fd = static_cast<int>(socket.socketDescriptor());
+  size_t sent = 0;
+  if (box.replies.empty()) {
+    const Sent result = sendSome(fd, reply, sent);
+    if (result == Sent::all) return true;
+    if (result == Sent::failed) return false;
+  }
+  box.bytes += unsentBytes(reply, sent);
+  box.replies.push_back({std::move(reply), sent});
+  if (!box.writable) {
+    box.writable = new QSocketNotifier(fd, QSocketNotifier::Write, &pending);
+    QObject::connect(box.writable, &QSocketNotifier::activated, &pending,
+                     [&socket, &pending] { drain(socket, pending); });
+  }
+  box.writable->setEnabled(true);
   return true;
 }
 
@@ -95,6 +165,11 @@ bool NfsServer::listen(const QHostAddress& address, quint16 port) {
 void NfsServer::accept() {
   while (QTcpSocket* socket = server_.nextPendingConnection()) {
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    // A fixed size turns the kernel's own tuning off: asked for only where
+    // the system's limit is at least as large.
+    if (systemSendBufferLimit() >= kSendBuffer)
+      ::setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_SNDBUF, &kSendBuffer,
+                   sizeof kSendBuffer);
     auto* pending = new Pending(socket, clock_);
     connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
     // Qt stops taking bytes from the kernel once this much waits unread.
@@ -110,7 +185,7 @@ void NfsServer::accept() {
       pending->pumping = true;
       auto& buf = pending->buffer;
       const auto roomForMore = [&] {
-        return socket->bytesToWrite() <= kMaxUnsentBytes && pending->inFlight < kMaxCallsInFlight;
+        return pending->outbox.bytes <= kMaxUnsentBytes && pending->inFlight < kMaxCallsInFlight;
       };
       bool waitingForBytes = false;
       // Drops what was parsed and takes the next piece from the socket;
@@ -154,7 +229,7 @@ void NfsServer::accept() {
             auto reply = co_await service_.reply(std::move(record), token);
             if (token.isCancelled()) co_return;  // the connection, or the server, is gone
             --pending->inFlight;
-            if (!reply || !send(*socket, *reply)) {
+            if (!reply || !queue(*socket, *pending, std::move(*reply))) {
               socket->abort();
               co_return;
             }
@@ -175,8 +250,8 @@ void NfsServer::accept() {
         });
       }
     };
+    pending->pump = pump;
     connect(socket, &QTcpSocket::readyRead, pending, [pump] { (*pump)(); });
-    connect(socket, &QTcpSocket::bytesWritten, pending, [pump] { (*pump)(); });
   }
 }
 

@@ -24,9 +24,12 @@
 #include <cstring>
 #include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "NfsReadClient.h"
 
 namespace {
 
@@ -39,6 +42,7 @@ constexpr unsigned kTransferBytes = 1 << 20;
 struct Connection {
   nfs_context* nfs = nullptr;
   std::map<std::string, nfsfh*> files;  // open handles by path, per connection
+  vtnfs::NfsReadClient reads;           // the reads themselves
 };
 
 class Pool {
@@ -72,28 +76,6 @@ class Pool {
   void give(Connection* c) {
     std::lock_guard lock(mutex_);
     idle_.push_back(c);
-    freed_.notify_one();
-  }
-  // A fresh connection in place of one that failed (after an engine
-  // restart the old one is dead); none when the export can't be reached.
-  Connection* renew(Connection* old) {
-    for (auto& [path, fh] : old->files) nfs_close(old->nfs, fh);
-    nfs_destroy_context(old->nfs);
-    delete old;
-    Connection* c = connect();
-    if (!c) {
-      std::lock_guard lock(mutex_);
-      --count_;
-      freed_.notify_one();
-    }
-    return c;
-  }
-  void discard(Connection* c) {
-    for (auto& [path, fh] : c->files) nfs_close(c->nfs, fh);
-    nfs_destroy_context(c->nfs);
-    delete c;
-    std::lock_guard lock(mutex_);
-    --count_;
     freed_.notify_one();
   }
   // The first connection, made before mounting so that a wrong address is
@@ -131,7 +113,7 @@ class Pool {
       nfs_destroy_context(nfs);
       return nullptr;
     }
-    return new Connection{nfs, {}};
+    return new Connection{nfs, {}, {server, static_cast<uint16_t>(std::strtol(port.c_str(), nullptr, 10))}};
   }
 
   std::mutex mutex_;
@@ -154,16 +136,6 @@ class Lease {
   explicit operator bool() const { return c_ != nullptr; }
   Connection* operator->() const { return c_; }
   Connection& operator*() const { return *c_; }
-  bool renew() {
-    c_ = pool.renew(c_);
-    return c_ != nullptr;
-  }
-  // Closes the connection instead of giving it back (a call is still
-  // outstanding on it).
-  void discard() {
-    pool.discard(c_);
-    c_ = nullptr;
-  }
 
  private:
   Connection* c_;
@@ -220,7 +192,7 @@ void* init(fuse_conn_info* conn, fuse_config* cfg) {
   cfg->negative_timeout = 1;
   cfg->kernel_cache = 0;
   // A killed reader's read is let go: libfuse signals the thread serving it
-  // (SIGUSR1, whose handler main installs), and preadOnce gives up.
+  // (SIGUSR1, whose handler main installs), and readFromEngine gives up.
   cfg->intr = 1;
   return nullptr;
 }
@@ -264,23 +236,28 @@ int handleFor(Connection& c, const std::string& path, nfsfh** fh) {
 }
 
 // An open file. Reads bypass the kernel's page cache (see open), so the
-// helper keeps a little read-ahead of its own: a small read that carries on
-// where the previous one ended fetches a whole transfer, and the reads that
-// follow it are answered from memory rather than by a round trip each.
+// helper keeps a little read-ahead of its own: once small reads follow one
+// another in order, one of them fetches a whole transfer, and those after it
+// are answered from memory rather than by a round trip each. (A large read
+// into a buffer that doesn't start on a page comes as one request of all but
+// a few bytes and one of those few: that is not a run of small reads.)
 struct OpenFile {
   static constexpr size_t kSmallRead = 128 << 10;
 
   std::string path;
   std::mutex mutex;
-  std::vector<char> ahead;  // bytes from aheadAt on
+  std::unique_ptr<char[]> ahead;  // aheadSize bytes from aheadAt on
+  size_t aheadSize = 0;
   uint64_t aheadAt = 0;
-  uint64_t next = 0;  // where the last read ended
+  uint64_t next = 0;       // where the last read ended
+  bool lastSmall = false;  // whether it was a small one
 
   // Copies the read from `ahead` when it holds all of it.
   bool take(char* buf, size_t size, uint64_t offset) {
-    if (offset < aheadAt || offset + size > aheadAt + ahead.size()) return false;
-    std::memcpy(buf, ahead.data() + (offset - aheadAt), size);
+    if (!ahead || offset < aheadAt || offset + size > aheadAt + aheadSize) return false;
+    std::memcpy(buf, ahead.get() + (offset - aheadAt), size);
     next = offset + size;
+    lastSmall = size < kSmallRead;
     return true;
   }
 };
@@ -304,59 +281,19 @@ int open(const char* path, fuse_file_info* fi) {
   return 0;
 }
 
-// One READ on the connection, waited for in small steps so that a reader
-// that gives up (a killed player, whose read the kernel interrupts) frees
-// this thread at once instead of when a stalled source times out. Bytes
-// read, a negative error, or -EINTR when interrupted: the call is then
-// still outstanding, so the connection can't be used again.
-int preadOnce(Connection& c, nfsfh* fh, uint64_t offset, size_t size, char* buf) {
-  struct Call {
-    char* buf;
-    size_t size;
-    bool done = false;
-    int status = 0;
-  } call{buf, size};
-  const auto finished = [](int status, nfs_context*, void* data, void* self) {
-    auto& call = *static_cast<Call*>(self);
-    call.done = true;
-    call.status = status;
-    if (status > 0) std::memcpy(call.buf, data, std::min(static_cast<size_t>(status), call.size));
-  };
-  if (nfs_pread_async(c.nfs, fh, offset, size, finished, &call) != 0) return -EIO;
-  while (!call.done) {
-    if (fuse_interrupted()) return -EINTR;
-    pollfd p{nfs_get_fd(c.nfs), static_cast<short>(nfs_which_events(c.nfs)), 0};
-    const int ready = ::poll(&p, 1, 200);
-    if (ready < 0 && errno != EINTR) return -EIO;
-    if (nfs_service(c.nfs, ready > 0 ? p.revents : 0) < 0 && !call.done) return -EIO;
-  }
-  return call.status;
-}
-
 // Reads `size` bytes at `offset` from the engine; how many came (fewer at
-// the end of the file), or a negative error.
+// the end of the file), or a negative error. The wait gives up at once when
+// the reader is killed (the kernel interrupts its read), rather than when a
+// stalled source times out.
 int readFromEngine(const std::string& path, char* buf, size_t size, uint64_t offset) {
   Lease c;
   if (!c) return -EIO;
   size_t done = 0;
-  bool reopened = false;
   while (done < size) {
-    nfsfh* fh = nullptr;
-    int n = handleFor(*c, path, &fh);
-    if (n == 0) n = preadOnce(*c, fh, offset + done, size - done, buf + done);
-    if (n == -EINTR) {
-      c.discard();
-      return -EINTR;
-    }
+    const int n = c->reads.read(path, offset + done, static_cast<uint32_t>(size - done), buf + done,
+                                [] { return fuse_interrupted() != 0; });
     if (n < 0) {
-      // After an engine restart the connection is dead: try once more on a
-      // fresh one (the engine's handles stay the same for the same path).
-      if (!reopened) {
-        reopened = true;
-        if (!c.renew()) return done ? static_cast<int>(done) : -EIO;
-        continue;
-      }
-      std::fprintf(stderr, "vtnfs-mount: read of %s failed: %s\n", path.c_str(), nfs_get_error(c->nfs));
+      if (n != -EINTR) std::fprintf(stderr, "vtnfs-mount: read of %s failed: %s\n", path.c_str(), std::strerror(-n));
       return done ? static_cast<int>(done) : fuseError(n);
     }
     if (n == 0) break;
@@ -368,28 +305,30 @@ int readFromEngine(const std::string& path, char* buf, size_t size, uint64_t off
 int read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) {
   auto& file = *reinterpret_cast<OpenFile*>(fi->fh);
   const auto at = static_cast<uint64_t>(offset);
-  bool sequential = false;
+  const bool small = size < OpenFile::kSmallRead;
+  bool fetchAhead = false;
   {
     std::lock_guard lock(file.mutex);
     if (file.take(buf, size, at)) return static_cast<int>(size);
-    sequential = at == file.next;
+    fetchAhead = small && file.lastSmall && at == file.next;
   }
-  if (size >= OpenFile::kSmallRead || !sequential) {
+  if (!fetchAhead) {
     const int n = readFromEngine(file.path, buf, size, at);
     if (n >= 0) {
       std::lock_guard lock(file.mutex);
       file.next = at + static_cast<uint64_t>(n);
+      file.lastSmall = small;
     }
     return n;
   }
-  std::vector<char> ahead(kTransferBytes);
-  const int n = readFromEngine(file.path, ahead.data(), ahead.size(), at);
+  auto ahead = std::make_unique_for_overwrite<char[]>(kTransferBytes);
+  const int n = readFromEngine(file.path, ahead.get(), kTransferBytes, at);
   if (n < 0) return n;
-  ahead.resize(static_cast<size_t>(n));
   std::lock_guard lock(file.mutex);
   file.ahead = std::move(ahead);
+  file.aheadSize = static_cast<size_t>(n);
   file.aheadAt = at;
-  const size_t got = std::min(size, file.ahead.size());
+  const size_t got = std::min(size, file.aheadSize);
   file.take(buf, got, at);
   return static_cast<int>(got);
 }
@@ -439,6 +378,9 @@ int main(int argc, char** argv) {
   const auto colon = address.rfind(':');
   if (colon == std::string::npos || colon == 0) return usage();
   const std::string host = address.substr(0, colon), port = address.substr(colon + 1);
+  char* end = nullptr;
+  const long portNumber = std::strtol(port.c_str(), &end, 10);
+  if (port.empty() || *end != '\0' || portNumber <= 0 || portNumber > 65535) return usage();
 
   pool.server = host;
   pool.port = port;

@@ -10,6 +10,7 @@
 
 #include "Engine.h"
 #include "engine/EngineTestKit.h"
+#include "platform/Clock.h"
 #include "platform/Http.h"
 #include "platform/SerialFileWriter.h"
 
@@ -18,7 +19,8 @@ namespace vt::test {
 // The engine in this process on free loopback ports over a manifest in a
 // test home, for what its tree, log and control replies show directly.
 struct LocalEngine {
-  explicit LocalEngine(const TestHome& home, const std::vector<EngineEntry>& entries)
+  // `clock` times the ports' connection limits.
+  explicit LocalEngine(const TestHome& home, const std::vector<EngineEntry>& entries, Clock& clock = systemClock())
       : manifest(home.file("entries.json")), logFile(home.file("engine.log")) {
     EXPECT_TRUE(writeFileAtomically(manifest, encodeEngineConfig(entries)));
     vtnfs::Options o;
@@ -29,7 +31,7 @@ struct LocalEngine {
     o.mount = "/tmp/unused-mount";
     o.log = logFile;
     control = QUrl(QStringLiteral("http://127.0.0.1:%1").arg(o.controlPort));
-    engine = std::make_unique<vtnfs::Engine>(o);
+    engine = std::make_unique<vtnfs::Engine>(o, clock);
     std::string error;
     started = engine->start(error);
     EXPECT_TRUE(started) << error;

@@ -326,3 +326,24 @@ TEST(NfsServer, ARecordLeftHalfSentClosesItsConnectionAfterThirtySeconds) {
   clock.advance(0.1);
   EXPECT_TRUE(vt::test::spinUntil([&] { return socket.state() == QAbstractSocket::UnconnectedState; }));
 }
+
+TEST(NfsServer, AConnectionWithNothingInFlightClosesAfterTenQuietMinutesEachCallStartingThemAgain) {
+  MemoryBackend backend;
+  backend.set({{"Film.mkv", "x"}});
+  NfsService service(backend, 0, 0);
+  vt::ManualClock clock;
+  NfsServer server(service, clock);
+  ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0));
+  QTcpSocket socket;
+  ASSERT_TRUE(connectTo(socket, server));
+  vt::test::settle(50);
+  clock.advance(NfsServer::kIdleSeconds - 1);
+  const std::string nullCall = call(kNfs, 3, 0), framed = mark(nullCall.size()) + nullCall;
+  socket.write(framed.data(), static_cast<qint64>(framed.size()));
+  ASSERT_TRUE(vt::test::spinUntil([&] { return socket.bytesAvailable() >= 28; }));
+  clock.advance(NfsServer::kIdleSeconds - 0.1);
+  vt::test::settle(50);
+  EXPECT_EQ(socket.state(), QAbstractSocket::ConnectedState);
+  clock.advance(0.1);
+  EXPECT_TRUE(vt::test::spinUntil([&] { return socket.state() == QAbstractSocket::UnconnectedState; }));
+}

@@ -4,9 +4,6 @@
 
 #include <QFile>
 #include <QHostAddress>
-#include <QHttpServerRequest>
-#include <QHttpServerResponse>
-#include <QTcpSocket>
 #include <QUrlQuery>
 #include <algorithm>
 #include <chrono>
@@ -46,10 +43,7 @@ bool splitAddress(const std::string& text, std::string& host, quint16& port) {
   return true;
 }
 
-QHttpServerResponse jsonReply(const vt::Json& j,
-                              QHttpServerResponse::StatusCode status = QHttpServerResponse::StatusCode::Ok) {
-  return QHttpServerResponse("application/json", QByteArray::fromStdString(vt::json::encode(j)), status);
-}
+ControlReply jsonReply(const vt::Json& j, int status = 200) { return ControlReply::json(j, status); }
 
 // Limits of the control port's hints.
 constexpr double kDefaultExpectSeconds = 120;
@@ -59,18 +53,20 @@ constexpr char kNamesExpected[] = "expected {\"names\": [<text>...]}";
 
 // A body that doesn't read or has the wrong types is answered 400 with the
 // reason; the application ignores hint replies, but a person with curl sees it.
-QHttpServerResponse badRequest(const std::string& reason) {
-  return jsonReply(vt::Json{{"error", reason}}, QHttpServerResponse::StatusCode::BadRequest);
+ControlReply badRequest(const std::string& reason) { return jsonReply(vt::Json{{"error", reason}}, 400); }
+
+std::string_view bodyText(const ControlRequest& req) {
+  return std::string_view(req.body.constData(), static_cast<size_t>(req.body.size()));
 }
 
-std::optional<vt::Json> bodyObject(const QHttpServerRequest& req) {
-  auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
+std::optional<vt::Json> bodyObject(const ControlRequest& req) {
+  auto body = vt::json::parse(bodyText(req));
   if (!body || !body->is_object()) return std::nullopt;
   return body;
 }
 
 // The "names" list of a hint; none when the body isn't {"names": [text...]}.
-std::optional<std::vector<std::string>> namesOf(const QHttpServerRequest& req) {
+std::optional<std::vector<std::string>> namesOf(const ControlRequest& req) {
   const auto body = bodyObject(req);
   if (!body) return std::nullopt;
   const auto it = body->find("names");
@@ -171,14 +167,15 @@ std::string probeCacheFor(const std::string& manifest) {
 
 }  // namespace
 
-Engine::Engine(Options options)
+Engine::Engine(Options options, vt::Clock& clock)
     : options_(std::move(options)),
+      control_(clock),
       http_(vt::systemClock(), vt::HttpClient::Session::ephemeral),
       reader_(http_, probeCacheFor(options_.config),
               SourceReader::Hooks{[this](const std::string& line) { log(line); },
                                   [this](const std::string& name, int64_t size) { confirmSize(name, size); }}),
       service_(*this, static_cast<uint32_t>(::getuid()), static_cast<uint32_t>(::getgid())),
-      nfs_(service_) {}
+      nfs_(service_, clock) {}
 
 Engine::~Engine() = default;
 
@@ -205,7 +202,7 @@ bool Engine::start(std::string& error) {
     return false;
   }
   routes();
-  if (control_.listen(QHostAddress(QString::fromStdString(options_.controlHost)), options_.controlPort) == 0) {
+  if (!control_.listen(QHostAddress(QString::fromStdString(options_.controlHost)), options_.controlPort)) {
     error = "cannot listen for control on " + options_.controlHost + ":" + std::to_string(options_.controlPort);
     return false;
   }
@@ -412,10 +409,10 @@ QCoro::Task<bool> Engine::warmOne(std::string name, vt::CancelToken token) {
 }
 
 void Engine::routes() {
-  using Method = QHttpServerRequest::Method;
-  control_.route("/healthz", Method::Get, [] { return QHttpServerResponse("text/plain", "ok"); });
+  using Method = ControlServer::Method;
+  control_.route("/healthz", Method::get, [] { return ControlReply::text("ok"); });
 
-  control_.route("/status", Method::Get, [this] {
+  control_.route("/status", Method::get, [this] {
     vt::EngineStatusPayload p;
     for (const auto& [name, s] : entries_) {
       vt::EngineStatusEntry e;
@@ -427,11 +424,11 @@ void Engine::routes() {
       e.bytes_served = s.bytesServed;
       p.entries.push_back(std::move(e));
     }
-    return QHttpServerResponse("application/json", QByteArray::fromStdString(vt::encodeEngineStatus(p)));
+    return ControlReply{200, "application/json", vt::encodeEngineStatus(p)};
   });
 
-  control_.route("/control/adopt", Method::Post, [this](const QHttpServerRequest& req) {
-    auto body = vt::json::parse(std::string_view(req.body().constData(), static_cast<size_t>(req.body().size())));
+  control_.route("/control/adopt", Method::post, [this](const ControlRequest& req) {
+    auto body = vt::json::parse(bodyText(req));
     if (body && body->is_object() && body->contains("pid") && (*body)["pid"].is_number_integer())
       log("adopted by application pid " + std::to_string((*body)["pid"].get<int64_t>()));
     vt::Json reply;
@@ -441,15 +438,13 @@ void Engine::routes() {
     return jsonReply(reply);
   });
 
-  control_.route("/control/reload", Method::Post, [this] {
+  control_.route("/control/reload", Method::post, [this] {
     const auto loaded = reload();
     if (!loaded) {
       // The entries stay as they were; the caller learns why.
       vt::Json reply;
       reply["error"] = message(loaded.error());
-      return jsonReply(reply, loaded.error().kind == ManifestError::Kind::invalid
-                                  ? QHttpServerResponse::StatusCode::UnprocessableEntity
-                                  : QHttpServerResponse::StatusCode::InternalServerError);
+      return jsonReply(reply, loaded.error().kind == ManifestError::Kind::invalid ? 422 : 500);
     }
     log("reloaded manifest: " + std::to_string(entries_.size()) + " entries, " + std::to_string(*loaded) + " deferred");
     vt::Json reply;
@@ -457,28 +452,28 @@ void Engine::routes() {
     return jsonReply(reply);
   });
 
-  control_.route("/control/warm-pending", Method::Post, [this](const QHttpServerRequest& req) {
+  control_.route("/control/warm-pending", Method::post, [this](const ControlRequest& req) {
     const auto names = namesOf(req);
     if (!names) return badRequest(kNamesExpected);
     queueWarm(*names);
     return jsonReply(vt::Json::object());
   });
-  control_.route("/control/prewarm", Method::Post, [this](const QHttpServerRequest& req) {
+  control_.route("/control/prewarm", Method::post, [this](const ControlRequest& req) {
     const auto names = namesOf(req);
     if (!names) return badRequest(kNamesExpected);
     queueWarm(*names);
     return jsonReply(vt::Json::object());
   });
   for (const char* path : {"/control/boost", "/control/touch"}) {
-    control_.route(path, Method::Post, [this](const QHttpServerRequest& req) {
+    control_.route(path, Method::post, [this](const ControlRequest& req) {
       const auto names = namesOf(req);
       if (!names) return badRequest(kNamesExpected);
       boosted_.insert(names->begin(), names->end());
       return jsonReply(vt::Json::object());
     });
   }
-  control_.route("/control/expect", Method::Post, [this](const QHttpServerRequest& req) {
-    const QUrlQuery query(req.url());
+  control_.route("/control/expect", Method::post, [this](const ControlRequest& req) {
+    const QUrlQuery query(req.url);
     bool ok = false;
     const double ttl = std::clamp(query.queryItemValue("ttl").toDouble(&ok), 0.0, kMaxExpectSeconds);
     const double now = vt::wallClockNow();
@@ -488,7 +483,7 @@ void Engine::routes() {
       expected_[n.toStdString()] = now + (ok ? ttl : kDefaultExpectSeconds);
     return jsonReply(vt::Json::object());
   });
-  control_.route("/control/budget", Method::Post, [this](const QHttpServerRequest& req) {
+  control_.route("/control/budget", Method::post, [this](const ControlRequest& req) {
     const auto body = bodyObject(req);
     const auto it = body ? body->find("cache_gb") : vt::Json::const_iterator();
     if (!body || it == body->end() || !it->is_number()) return badRequest("expected {\"cache_gb\": <number>}");
@@ -497,7 +492,7 @@ void Engine::routes() {
     reader_.setBudgetBytes(static_cast<int64_t>(gigabytes * 1e9));
     return jsonReply(vt::Json::object());
   });
-  control_.route("/control/playback", Method::Post, [this](const QHttpServerRequest& req) {
+  control_.route("/control/playback", Method::post, [this](const ControlRequest& req) {
     const auto body = bodyObject(req);
     const auto it = body ? body->find("active") : vt::Json::const_iterator();
     if (!body || it == body->end() || !it->is_boolean()) return badRequest("expected {\"active\": <boolean>}");

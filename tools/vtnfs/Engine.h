@@ -8,14 +8,13 @@
 #include <string>
 #include <vector>
 
-#include <QHttpServer>
-#include <QTcpServer>
-
+#include "ControlServer.h"
 #include "NfsServer.h"
 #include "NfsService.h"
 #include "NfsTree.h"
 #include "SourceReader.h"
 #include "engine/contract/EngineContract.h"
+#include "platform/Clock.h"
 #include "platform/Http.h"
 #include "platform/Job.h"
 #include "platform/Result.h"
@@ -54,7 +53,8 @@ std::string message(const ManifestError& error);
 // known of each, warming, and the hints the application sends.
 class Engine : public NfsBackend {
  public:
-  explicit Engine(Options options);
+  // The clock times the ports' connection limits.
+  explicit Engine(Options options, vt::Clock& clock = vt::systemClock());
   ~Engine() override;
 
   // Binds the NFS port, then the control port, and reads the manifest.
@@ -96,7 +96,7 @@ class Engine : public NfsBackend {
   bool inUse(const std::string& name) const;
 
   Options options_;
-  QHttpServer control_;
+  ControlServer control_;
   std::map<std::string, EntryState> entries_;
   NfsTree tree_;
   std::vector<std::string> warmQueue_;

@@ -39,11 +39,16 @@ struct Pending : QObject {
   Pending(QObject* parent, vt::Clock& c) : QObject(parent), clock(c) {}
   ~Pending() override { disarm(); }
   void disarm() {
-    if (halfSentTimer) clock.cancelTimer(halfSentTimer);
-    halfSentTimer = 0;
+    if (timer) clock.cancelTimer(timer);
+    timer = 0;
   }
   vt::Clock& clock;
-  vt::Clock::TimerId halfSentTimer = 0;  // armed while a record waits for its rest
+  // One timer: for the half-sent record while one waits for its rest, else
+  // for idleness, checked against `lastActivity` when it comes due rather
+  // than set again on every call.
+  vt::Clock::TimerId timer = 0;
+  bool halfSent = false;
+  vt::Date lastActivity = 0;
   std::string buffer;
   std::string record;  // fragments of the record being assembled
   size_t pos = 0;      // where the unparsed part of `buffer` begins
@@ -154,6 +159,28 @@ bool queue(QTcpSocket& socket, Pending& pending, NfsService::Reply reply) {
   return true;
 }
 
+// Closes the connection once it has been idle for the limit, `seconds` from now at the soonest.
+void armIdle(QTcpSocket* socket, Pending* pending, double seconds) {
+  pending->disarm();
+  pending->halfSent = false;
+  QPointer<QTcpSocket> guard(socket);
+  pending->timer = pending->clock.schedule(seconds, [guard, pending] {
+    pending->timer = 0;
+    if (!guard) return;
+    // A call waiting on a slow source, or a reply the client is still taking, is no idleness.
+    if (pending->inFlight > 0 || guard->bytesToWrite() > 0) {
+      armIdle(guard, pending, NfsServer::kIdleSeconds);
+      return;
+    }
+    const double left = NfsServer::kIdleSeconds - (pending->clock.now() - pending->lastActivity);
+    if (left > 0) {
+      armIdle(guard, pending, left);
+      return;
+    }
+    guard->abort();
+  });
+}
+
 }  // namespace
 
 bool NfsServer::listen(const QHostAddress& address, quint16 port) {
@@ -172,6 +199,8 @@ void NfsServer::accept() {
                    sizeof kSendBuffer);
     auto* pending = new Pending(socket, clock_);
     connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    pending->lastActivity = clock_.now();
+    armIdle(socket, pending, kIdleSeconds);
     // Qt stops taking bytes from the kernel once this much waits unread.
     socket->setReadBufferSize(kReadPiece);
     auto pump = std::make_shared<std::function<void()>>();
@@ -183,6 +212,7 @@ void NfsServer::accept() {
         return;
       }
       pending->pumping = true;
+      pending->lastActivity = clock_.now();
       auto& buf = pending->buffer;
       const auto roomForMore = [&] {
         return pending->outbox.bytes <= kMaxUnsentBytes && pending->inFlight < kMaxCallsInFlight;
@@ -240,12 +270,14 @@ void NfsServer::accept() {
       } while (pending->again);
       pending->pumping = false;
       const bool halfSent = waitingForBytes && (!buf.empty() || !pending->record.empty());
-      if (!halfSent) {
+      if (!halfSent && pending->halfSent) {
+        armIdle(socket, pending, kIdleSeconds);
+      } else if (halfSent && !pending->halfSent) {
         pending->disarm();
-      } else if (!pending->halfSentTimer) {
+        pending->halfSent = true;
         QPointer<QTcpSocket> guard(socket);
-        pending->halfSentTimer = clock_.schedule(kHalfSentSeconds, [guard, pending] {
-          pending->halfSentTimer = 0;
+        pending->timer = clock_.schedule(kHalfSentSeconds, [guard, pending] {
+          pending->timer = 0;
           if (guard) guard->abort();
         });
       }

@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QTcpServer>
 
+#include "ConnectionLimits.h"
 #include "NfsService.h"
 #include "platform/Clock.h"
 
@@ -16,10 +17,12 @@ namespace vtnfs {
 // are ready, matched by their xid. A connection's jobs end with it (and so
 // with the server, which owns its sockets). A record over the service's
 // limit closes the connection, and so does a record left half-sent for
-// 30 seconds (its bytes would be held for ever).
+// 30 seconds (its bytes would be held for ever), and a connection with
+// nothing in flight that has been quiet for 10 minutes.
 class NfsServer : public QObject {
  public:
-  static constexpr double kHalfSentSeconds = 30;
+  static constexpr double kHalfSentSeconds = limits::kNfsHalfSentSeconds;
+  static constexpr double kIdleSeconds = limits::kNfsIdleSeconds;
 
   explicit NfsServer(NfsService& service, vt::Clock& clock = vt::systemClock()) : service_(service), clock_(clock) {}
 

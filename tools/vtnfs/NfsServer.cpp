@@ -129,6 +129,7 @@ void drain(QTcpSocket& socket, Pending& pending) {
       socket.abort();
       return;
     }
+    pending.lastActivity = pending.clock.now();
     if (sent == Sent::wouldBlock) return;
     box.replies.pop_front();
   }
@@ -168,7 +169,7 @@ void armIdle(QTcpSocket* socket, Pending* pending, double seconds) {
     pending->timer = 0;
     if (!guard) return;
     // A call waiting on a slow source, or a reply the client is still taking, is no idleness.
-    if (pending->inFlight > 0 || guard->bytesToWrite() > 0) {
+    if (pending->inFlight > 0 || pending->outbox.bytes > 0) {
       armIdle(guard, pending, NfsServer::kIdleSeconds);
       return;
     }

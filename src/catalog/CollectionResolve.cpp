@@ -10,6 +10,7 @@
 #include <QStringList>
 
 #include "catalog/CatalogStore.h"
+#include "catalog/SeriesResolve.h"
 #include "catalog/StremioCatalogClient.h"
 #include "core/ActivityLog.h"
 #include "core/LibraryStore.h"
@@ -266,10 +267,35 @@ QCoro::Task<bool> CollectionResolve::pass(CancelToken token) {
 }
 
 QCoro::Task<CollectionResolve::SeriesOutcome> CollectionResolve::resolveSeries(std::string id, CancelToken token) {
-  // Shows have no resolve of their own yet: a series makes no progress and
-  // waits for the next run.
-  (void)id;
-  (void)token;
+  std::function<bool()> stop = [this, token] { return stopping(token); };
+  // Each episode counts as it comes in, as a film would.
+  std::function<void(const LibraryTitle&)> onEpisode = [this](const LibraryTitle& title) {
+    allResolved_.push_back(title);
+    if (hooks_.onResolved) {
+      const std::vector<LibraryTitle> one{title};
+      hooks_.onResolved(one);
+    }
+  };
+  SeriesResolve::Services services{.titles = services_.resolver,
+                                   .catalog = services_.catalog,
+                                   .store = services_.store,
+                                   .clock = services_.clock,
+                                   .currentKey = services_.currentKey};
+  SeriesResolve series(id, addon_, ranker_, allowTS_, pace_, std::move(stop), std::move(onEpisode), hooks_.log,
+                       std::move(services));
+  const auto outcome = co_await series.run(token);
+  switch (outcome.kind) {
+    case SeriesResolve::Outcome::Kind::done:
+      // Walked once per run: a show cut short waits for the next run, not the next pass.
+      resolvedIds_.insert(id);
+      co_return SeriesOutcome::done;
+    case SeriesResolve::Outcome::Kind::noProgress:
+      co_return SeriesOutcome::noProgress;
+    case SeriesResolve::Outcome::Kind::transient:
+      co_return SeriesOutcome::transient;
+    case SeriesResolve::Outcome::Kind::noListing:
+      co_return SeriesOutcome::noListing;
+  }
   co_return SeriesOutcome::noProgress;
 }
 

@@ -79,8 +79,6 @@ class CollectionResolve {
     Clock* clock = nullptr;
     std::function<std::string()> currentKey;  // the Real-Debrid key of the registry
     ActivityLog* activity = nullptr;          // none: the application's shared list
-    // Shows go through the series resolve once it exists; until then a
-    // series makes no progress.
   };
 
   CollectionResolve(CatalogCollection collection, QUrl addon, StreamRanker ranker, bool allowTS,

@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "catalog/CatalogStore.h"
 #include "catalog/CollectionResolve.h"
 #include "catalog/StremioCatalogClient.h"
 #include "core/ActivityLog.h"
 #include "core/LibraryStore.h"
 #include "fakes/FakeCatalogAddon.h"
+#include "fakes/FakeCinemeta.h"
 #include "sources/ResolverWorld.h"
 #include "sources/ranking/RankingSettings.h"
 
@@ -162,29 +165,47 @@ TEST(CollectionResolve, PendingIdsFollowTheLibraryTheReleaseAndTheSeriesRest) {
   EXPECT_EQ(pendingIds({"tt8"}, w.library, w.catalog, {}, "", w.clock.now()).size(), 1u) << "rested";
 }
 
-TEST(CollectionResolve, FilmsResolveShowsWaitAndOneActivityEntryCountsThem) {
+TEST(CollectionResolve, FilmsAndShowsResolveWithOnePaceAndOneActivityEntryCountsThem) {
   Pass w;
   const auto ids = idsFrom(0, 3);
   for (const auto& id : ids) w.film(id);
   w.catalog.fillMeta(
       {{.id = "tt0900001", .name = "Show One", .mediaType = "series"}, {.id = "tt0900002", .mediaType = "series"}});
+  // Show One has two episodes out; Cinemeta has no record of the other show.
+  Json videos = Json::array();
+  for (int e = 1; e <= 2; ++e) {
+    videos.push_back(test::FakeCinemeta::video("tt0900001", 1, e, "2015-01-0" + std::to_string(e) + "T00:00:00.000Z"));
+    w.torrentio.setReleases("series", "tt0900001:1:" + std::to_string(e),
+                            {{"Show.One.S01E0" + std::to_string(e) + ".1080p.WEB.x264-GRP.mkv", kFilm, kHashA}});
+  }
+  w.cinemeta.addSeries("tt0900001", "Show One", "2015", videos);
   auto c = w.addonList({ids[0], "tt0900001", ids[1], "tt0900002", ids[2]}, 5);
   w.catalog.materialise(c);
+  w.pace.delay = 2.0;
   const auto out = w.resolve(c);
 
-  ASSERT_EQ(out.titles.size(), 3u);
+  ASSERT_EQ(out.titles.size(), 5u);
   EXPECT_EQ(out.titles[0].name, "Film " + ids[0] + " (2015) {imdb-" + ids[0] + "}.mkv");
+  EXPECT_EQ(out.titles[3].name, "Show One (2015) {imdb-tt0900001}/Season 01/Show One (2015) - s01e01.mkv");
   for (const auto& id : ids) EXPECT_TRUE(w.catalog.isVetted(id)) << id;
+  EXPECT_TRUE(w.catalog.isVetted("tt0900001")) << "a show that made progress";
+  EXPECT_TRUE(w.catalog.isSeriesResting("tt0900001"));
+  EXPECT_NE(w.library.titleByEpisodeKey("tt0900001:1:2"), nullptr);
   EXPECT_EQ(out.totalFailed, 0);
   EXPECT_TRUE(w.heard("[supervisor] resolve \"Top\": 5 pending"));
   EXPECT_TRUE(w.heard("[resolve] series 1/2: Show One"));
   EXPECT_TRUE(w.heard("[resolve] series 2/2: tt0900002")) << "no name: the id";
-  EXPECT_TRUE(w.heard("[supervisor] \"Top\" done — 3 resolved, 0 extra pages"));
-  EXPECT_EQ(w.members(c).size(), 5u) << "a series making no progress stays";
+  EXPECT_TRUE(w.heard("[resolve] tt0900001: all released episodes resolved or resting"));
+  EXPECT_TRUE(w.heard("[resolve] series no-listing verdict(s) in \"Top\": tt0900002"));
+  EXPECT_TRUE(w.heard("[supervisor] \"Top\" done — 5 resolved, 0 extra pages"));
+  EXPECT_EQ(w.members(c).size(), 5u) << "a show without a record stays while the provider can't confirm";
   EXPECT_TRUE(w.lists.catalogRequests().empty()) << "the list is full";
+  // Films and episodes share one pace: six definite answers (three films, the
+  // season's probe, two episodes; none for the missing show) ease it.
+  EXPECT_NEAR(w.pace.delay, 2.0 * std::pow(0.92, 6), 1e-9);
   ASSERT_EQ(w.activity.events().size(), 1u);
   EXPECT_EQ(w.activity.events()[0].kind, ActivityLog::Kind::added);
-  EXPECT_EQ(w.activity.events()[0].title, "3 titles added to Plex");
+  EXPECT_EQ(w.activity.events()[0].title, "5 titles added to Plex");
   EXPECT_EQ(w.activity.events()[0].detail, "Top");
 }
 

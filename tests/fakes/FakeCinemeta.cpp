@@ -56,6 +56,33 @@ void FakeCinemeta::addMovie(const std::string& id, const std::string& name, cons
   setMeta("movie", id, std::move(m));
 }
 
+void FakeCinemeta::addSeries(const std::string& id, const std::string& name, const std::string& year, Json videos,
+                             const std::string& runtime) {
+  Json m;
+  m["id"] = id;
+  m["imdb_id"] = id;
+  m["type"] = "series";
+  m["name"] = name;
+  if (!year.empty()) {
+    m["year"] = year;
+    m["releaseInfo"] = year;
+  }
+  if (!runtime.empty()) m["runtime"] = runtime;
+  m["videos"] = std::move(videos);
+  setMeta("series", id, std::move(m));
+}
+
+Json FakeCinemeta::video(const std::string& seriesId, int season, int episode, const std::string& released) {
+  Json v;
+  v["id"] = seriesId + ":" + std::to_string(season) + ":" + std::to_string(episode);
+  v["name"] = "Chapter " + std::to_string(episode);
+  v["season"] = season;
+  v["episode"] = episode;
+  v["number"] = episode;
+  if (!released.empty()) v["released"] = released;
+  return v;
+}
+
 void FakeCinemeta::setMeta(const std::string& type, const std::string& id, Json meta) {
   metas[type + "/" + id] = std::move(meta);
 }

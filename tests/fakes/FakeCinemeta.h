@@ -21,6 +21,11 @@ class FakeCinemeta : public FakeCatalogAddon {
   void addMovie(const std::string& id, const std::string& name, const std::string& year, const std::string& runtime,
                 const std::string& released = {}, const std::string& country = {});
   void setMeta(const std::string& type, const std::string& id, Json meta);
+  // A series record with its "videos" as given (Cinemeta's video objects).
+  void addSeries(const std::string& id, const std::string& name, const std::string& year, Json videos,
+                 const std::string& runtime = {});
+  // The same video as Cinemeta lists it: "<id>:<season>:<episode>", a name and a date.
+  static Json video(const std::string& seriesId, int season, int episode, const std::string& released);
   // Answers every request with this status when set (outages).
   std::optional<int> forcedStatus;
 

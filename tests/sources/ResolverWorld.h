@@ -11,6 +11,7 @@
 #include "platform/Log.h"
 #include "platform/SerialFileWriter.h"
 #include "sources/providers/ProviderRegistry.h"
+#include "sources/resolve/SeriesSkeletonCache.h"
 #include "sources/resolve/StremioResolver.h"
 #include "support/PauseClock.h"
 #include "support/TestKit.h"
@@ -37,6 +38,7 @@ struct World {
   ResolveCache cache{home.file("resolve-cache.json"), cacheClock};
   ProviderHealth health{clock};
   StreamProviderRegistry registry;
+  SeriesSkeletonCache skeletons;  // the world's own: shows of one test don't leak into the next
   ResolverServices services{http,
                             cache,
                             health,
@@ -46,7 +48,8 @@ struct World {
                             rd.restBase(),
                             comet.baseUrl().toString().toStdString(),
                             "placeholder.invalid",
-                            "slate.invalid"};
+                            "slate.invalid",
+                            &skeletons};
   std::vector<std::string> lines;
   ScopedLogSink sink{[this](std::string_view l) { lines.emplace_back(l); }};
 

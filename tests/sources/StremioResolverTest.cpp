@@ -399,10 +399,9 @@ TEST(StremioResolver, AnEpisodeResolvesFromItsSeriesSkeleton) {
   w.torrentio.setReleases("series", "tt0903747:1:2",
                           {{"Breaking.Bad.S01E02.1080p.BluRay.x264-GRP.mkv", kFilm, kHashA}});
   auto r = w.resolver();
-  const SeriesSkeleton show{"Breaking Bad",
-                            "2008",
-                            "United States",
-                            {{1, 2, "2008-01-27T05:00:00.000Z"}, {1, 3, "2099-01-01T05:00:00.000Z"}}};
+  SeriesSkeleton show{.seriesId = "tt0903747", .title = "Breaking Bad", .year = "2008", .country = "United States"};
+  show.episodes = {{.season = 1, .episode = 2, .released = "2008-01-27T05:00:00.000Z"},
+                   {.season = 1, .episode = 3, .released = "2099-01-01T05:00:00.000Z"}};
   auto ep = w.run(r.resolveEpisode("tt0903747", 1, 2, show));
   ASSERT_TRUE(ep) << why(ep);
   EXPECT_EQ(ep->title, "Breaking Bad - S01E02");

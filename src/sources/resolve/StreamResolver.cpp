@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/Http.h"
+#include "sources/resolve/SeriesSkeletonCache.h"
 #include "platform/Log.h"
 #include "sources/providers/ProviderRegistry.h"
 #include "sources/rd/RDClient.h"
@@ -122,16 +123,31 @@ QCoro::Task<ResolveOutcome> StreamResolver::resolveMovie(std::string id, QUrl ad
 
 QCoro::Task<ResolveOutcome> StreamResolver::resolveEpisode(std::string seriesId, int season, int episode, QUrl addon,
                                                            StreamRanker ranker, bool allowTS, CancelToken token) {
+  auto skeleton = co_await services_.skeletonCache().skeleton(seriesId, services_.cinemeta, services_.http, token);
+  if (!skeleton) {
+    logLine("[resolve] series/" + seriesId + " metadata lookup failed: " + message(skeleton.error()));
+    co_return ResolveOutcome::of(skeleton.error());
+  }
+  auto outcome = co_await resolveEpisode(std::move(*skeleton), season, episode, std::move(addon), std::move(ranker),
+                                         allowTS, std::nullopt, token);
+  co_return outcome;
+}
+
+QCoro::Task<ResolveOutcome> StreamResolver::resolveEpisode(SeriesSkeleton series, int season, int episode, QUrl addon,
+                                                           StreamRanker ranker, bool allowTS,
+                                                           std::optional<LibraryTitle> existing, CancelToken token) {
   StremioResolver resolver(services_, addon, allowTS);
-  const std::string link = seriesId + ":" + std::to_string(season) + ":" + std::to_string(episode);
-  auto resolution = co_await resolver.resolve(link, token);
+  const std::string seriesId = series.seriesId;
+  auto resolution = co_await resolver.resolveEpisode(seriesId, season, episode, std::move(series), token);
   if (!resolution) co_return ResolveOutcome::of(resolution.error());
   if (onResolution) onResolution(*resolution);
   if (resolution->streams.empty()) {
     if (resolution->fakes < resolution->rawStreamCount) co_return ResolveOutcome::transient();
     co_return ResolveOutcome::noStream(0);
   }
-  const std::string name = episodeFileName(resolution->showTitle, resolution->year, seriesId, season, episode);
+  const std::string name = existing && !existing->name.empty()
+                               ? existing->name
+                               : episodeFileName(resolution->showTitle, resolution->year, seriesId, season, episode);
   auto outcome =
       co_await pickAndMaterialise(std::move(resolver), std::move(*resolution), std::move(ranker), false, true, token);
   if (outcome.title) {

@@ -89,11 +89,20 @@ class StreamResolver {
 
   explicit StreamResolver(const ResolverServices& services) : services_(services) {}
 
+  const ResolverServices& services() const { return services_; }
+
   // Seen by the resolve verb: what the add-ons offered, before any pick.
   std::function<void(const StremioResolver::Resolution&)> onResolution;
 
   QCoro::Task<ResolveOutcome> resolveMovie(std::string id, QUrl addon, StreamRanker ranker, bool allowTS,
                                            bool allowUncachedFallback, CancelToken token = CancelToken::none());
+  // One episode of `series`: its skeleton gives the release gate and the
+  // file name. An `existing` title keeps its name (the file Plex knows).
+  QCoro::Task<ResolveOutcome> resolveEpisode(SeriesSkeleton series, int season, int episode, QUrl addon,
+                                             StreamRanker ranker, bool allowTS,
+                                             std::optional<LibraryTitle> existing = std::nullopt,
+                                             CancelToken token = CancelToken::none());
+  // The same with the show's skeleton from the skeleton cache.
   QCoro::Task<ResolveOutcome> resolveEpisode(std::string seriesId, int season, int episode, QUrl addon,
                                              StreamRanker ranker, bool allowTS,
                                              CancelToken token = CancelToken::none());

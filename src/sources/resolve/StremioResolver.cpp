@@ -15,6 +15,7 @@
 #include "sources/ranking/LanguageTag.h"
 #include "sources/rd/RDClient.h"
 #include "sources/release/UnrecognizedReleaseWords.h"
+#include "sources/resolve/SeriesSkeletonCache.h"
 
 namespace vt {
 
@@ -45,6 +46,10 @@ std::string message(const ResolveError& error) {
       return "The resolve was cancelled";
   }
   return "No playable source found for that title";
+}
+
+SeriesSkeletonCache& ResolverServices::skeletonCache() const {
+  return skeletons ? *skeletons : SeriesSkeletonCache::shared();
 }
 
 ResolverServices ResolverServices::standard(HttpClient& http, ResolveCache& cache, ProviderHealth& health,
@@ -238,7 +243,7 @@ std::optional<std::string> StremioResolver::originalLanguage(const std::optional
 
 QCoro::Task<Result<StremioResolver::MetaInfo, ResolveError>> StremioResolver::metaInfo(std::string type, std::string id,
                                                                                        CancelToken token) {
-  auto record = co_await metaRecord(std::move(type), std::move(id), token);
+  auto record = co_await fetchMeta(services_.http, services_.cinemeta, std::move(type), std::move(id), token);
   if (!record) co_return Failure{record.error()};
   const Json& meta = *record;
   MetaInfo info;
@@ -250,18 +255,16 @@ QCoro::Task<Result<StremioResolver::MetaInfo, ResolveError>> StremioResolver::me
   co_return info;
 }
 
-// Cinemeta's "meta" object of a title, with a "name"; the verdicts and the
-// one retry of metaInfo.
-QCoro::Task<Result<Json, ResolveError>> StremioResolver::metaRecord(std::string type, std::string id,
-                                                                    CancelToken token) {
-  const QUrl url = services_.cinemeta.resolved(QUrl(QString::fromStdString("meta/" + type + "/" + id + ".json")));
+QCoro::Task<Result<Json, ResolveError>> StremioResolver::fetchMeta(HttpClient& http, QUrl cinemeta, std::string type,
+                                                                   std::string id, CancelToken token) {
+  const QUrl url = cinemeta.resolved(QUrl(QString::fromStdString("meta/" + type + "/" + id + ".json")));
   HttpResponse response;
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (attempt == 1) {
-      const bool slept = co_await services_.http.clock().sleep(kMetaRetryPause, token);
+      const bool slept = co_await http.clock().sleep(kMetaRetryPause, token);
       if (!slept) co_return fail(Kind::cancelled);
     }
-    response = co_await services_.http.get(url, kMetaTimeout, token);
+    response = co_await http.get(url, kMetaTimeout, token);
     if (response.failure == HttpFailure::cancelled) co_return fail(Kind::cancelled);
     if (response.failure == HttpFailure::none && (response.status == 200 || response.status == 404)) break;
   }
@@ -275,23 +278,6 @@ QCoro::Task<Result<Json, ResolveError>> StremioResolver::metaRecord(std::string 
   if (!textField(*metaIt, "name")) co_return fail(Kind::noMeta);
   Json meta = *metaIt;
   co_return meta;
-}
-
-SeriesSkeleton StremioResolver::skeletonOf(const Json& meta) {
-  SeriesSkeleton show;
-  show.title = textField(meta, "name").value_or("");
-  show.year = textField(meta, "year").value_or(textField(meta, "releaseInfo").value_or(""));
-  show.country = textField(meta, "country");
-  if (const auto videos = meta.find("videos"); videos != meta.end() && videos->is_array()) {
-    for (const auto& v : *videos) {
-      const auto season = integerField(v, "season");
-      auto episode = integerField(v, "episode");
-      if (!episode) episode = integerField(v, "number");
-      if (!season || !episode) continue;
-      show.episodes.push_back({static_cast<int>(*season), static_cast<int>(*episode), textField(v, "released")});
-    }
-  }
-  return show;
 }
 
 std::optional<std::vector<CachedStream>> StremioResolver::decodeStreams(std::string_view body,
@@ -556,13 +542,12 @@ QCoro::Task<Result<StremioResolver::Resolution, ResolveError>> StremioResolver::
     const auto season = parts.size() == 3 ? parseAsciiInt(parts[1]) : std::nullopt;
     const auto episode = parts.size() == 3 ? parseAsciiInt(parts[2]) : std::nullopt;
     if (!season || !episode) co_return fail(Kind::episodeRequired);
-    auto meta = co_await metaRecord("series", parts[0], token);
-    if (!meta) {
-      logLine("[resolve] series/" + parts[0] + " metadata lookup failed: " + message(meta.error()));
-      co_return Failure{meta.error()};
+    auto skeleton = co_await services_.skeletonCache().skeleton(parts[0], services_.cinemeta, services_.http, token);
+    if (!skeleton) {
+      logLine("[resolve] series/" + parts[0] + " metadata lookup failed: " + message(skeleton.error()));
+      co_return Failure{skeleton.error()};
     }
-    SeriesSkeleton skeleton = skeletonOf(*meta);
-    co_return co_await resolveEpisode(parts[0], *season, *episode, std::move(skeleton), token);
+    co_return co_await resolveEpisode(parts[0], *season, *episode, std::move(*skeleton), token);
   }
 
   const std::string key = type + "/" + id;
@@ -599,12 +584,11 @@ QCoro::Task<Result<StremioResolver::Resolution, ResolveError>> StremioResolver::
                                                                                                int season, int episode,
                                                                                                SeriesSkeleton skeleton,
                                                                                                CancelToken token) {
-  for (const auto& e : skeleton.episodes) {
-    if (e.season != season || e.episode != episode || !e.released) continue;
-    if (ReleaseParser::releaseState(e.released, "", services_.http.clock().now()) == ReleaseState::unreleased)
-      co_return Failure{ResolveError{Kind::notReleasedYet, e.released, skeleton.year}};
+  if (const EpisodeMeta* e = skeleton.find(season, episode); e && e->released) {
+    if (ReleaseParser::releaseState(e->released, "", services_.http.clock().now()) == ReleaseState::unreleased)
+      co_return Failure{ResolveError{Kind::notReleasedYet, e->released, skeleton.year}};
   }
-  const std::string id = seriesId + ":" + std::to_string(season) + ":" + std::to_string(episode);
+  const std::string id = episodeKey(seriesId, season, episode);
   auto rows = co_await streamPool("series", id, token);
   if (!rows) co_return Failure{rows.error()};
   Candidates found = candidates(*rows, std::nullopt, std::nullopt);
@@ -622,6 +606,14 @@ QCoro::Task<Result<StremioResolver::Resolution, ResolveError>> StremioResolver::
   r.fakes = found.fakes;
   r.originalLanguage = originalLanguage(skeleton.country);
   co_return r;
+}
+
+QCoro::Task<Result<bool, ResolveError>> StremioResolver::seasonHasSource(std::string seriesId, int season, int episode,
+                                                                         CancelToken token) {
+  auto rows = co_await streamPool("series", episodeKey(seriesId, season, episode), token);
+  if (!rows) co_return Failure{rows.error()};
+  const bool any = std::any_of(rows->begin(), rows->end(), [this](const CachedStream& r) { return isPlayable(r); });
+  co_return any;
 }
 
 QCoro::Task<Result<StremioResolver::Probe, ResolveError>> StremioResolver::probe(std::string url, CancelToken token) {

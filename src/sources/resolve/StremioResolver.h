@@ -19,12 +19,14 @@
 #include "sources/providers/StreamProvider.h"
 #include "sources/release/ReleaseParser.h"
 #include "sources/resolve/ResolveCache.h"
+#include "sources/resolve/SeriesSkeleton.h"
 
 namespace vt {
 
 class HttpClient;
 struct HttpResponse;
 class ProviderHealth;
+class SeriesSkeletonCache;
 class StreamProviderRegistry;
 class UnrecognizedReleaseWords;
 
@@ -71,23 +73,13 @@ struct ResolverServices {
   std::string cometHost;                             // where the last-resort Comet is asked
   std::string cometPlaceholderHost;                  // rows linking here are not playable
   std::string slateHost;                             // a probe landing here found no film
+  SeriesSkeletonCache* skeletons = nullptr;          // none: the application's shared cache
+
+  SeriesSkeletonCache& skeletonCache() const;
 
   // The addresses from the endpoint table.
   static ResolverServices standard(HttpClient& http, ResolveCache& cache, ProviderHealth& health,
                                    StreamProviderRegistry& registry, UnrecognizedReleaseWords* releaseWords);
-};
-
-// The episodes a series is known to have, as far as resolving needs them.
-struct SeriesSkeleton {
-  struct Episode {
-    int season = 0;
-    int episode = 0;
-    std::optional<std::string> released;  // ISO date
-  };
-  std::string title;
-  std::string year;
-  std::optional<std::string> country;
-  std::vector<Episode> episodes;
 };
 
 // Turns a Stremio link or IMDb id into candidate rows (from Cinemeta and the
@@ -158,13 +150,17 @@ class StremioResolver {
   static std::optional<std::pair<std::string, std::string>> parseLink(std::string_view text);
 
   // A film, or an episode by its link (the episode's date then comes from
-  // the "videos" of Cinemeta's series record).
+  // the show's skeleton).
   QCoro::Task<Result<Resolution, ResolveError>> resolve(std::string link, CancelToken token = CancelToken::none());
   QCoro::Task<Result<Resolution, ResolveError>> resolveEpisode(std::string seriesId, int season, int episode,
                                                                SeriesSkeleton skeleton,
                                                                CancelToken token = CancelToken::none());
   QCoro::Task<Result<MetaInfo, ResolveError>> metaInfo(std::string type, std::string id,
                                                        CancelToken token = CancelToken::none());
+  // Whether the season has any playable row, asked of one episode of it.
+  // Fails as streamPool fails.
+  QCoro::Task<Result<bool, ResolveError>> seasonHasSource(std::string seriesId, int season, int episode,
+                                                          CancelToken token = CancelToken::none());
   // The playable rows of a title, through the resolve cache: the first
   // provider that answers with playable rows ends the search.
   QCoro::Task<Result<std::vector<CachedStream>, ResolveError>> streamPool(std::string type, std::string id,
@@ -196,9 +192,11 @@ class StremioResolver {
   bool isPlayable(const CachedStream& row) const;
   // The original language of a Cinemeta country text.
   static std::optional<std::string> originalLanguage(const std::optional<std::string>& country);
-  // The series record as resolving needs it: title, year, country, and
-  // each entry of "videos" with its season, episode and release date.
-  static SeriesSkeleton skeletonOf(const Json& meta);
+  // Cinemeta's "meta" object of a title at `cinemeta`, with a "name":
+  // 15 seconds, one retry after 1.5 s; 404 or an unreadable record is noMeta,
+  // a second failure of the service metaNetworkError.
+  static QCoro::Task<Result<Json, ResolveError>> fetchMeta(HttpClient& http, QUrl cinemeta, std::string type,
+                                                           std::string id, CancelToken token);
   // "1h 30min" → 90, "142 min" → 142.
   static std::optional<int> runtimeMinutes(std::string_view text);
 
@@ -211,7 +209,6 @@ class StremioResolver {
   QCoro::Task<Asked> ask(StreamProvider provider, std::string type, std::string id, CancelToken token);
   QCoro::Task<Result<LibraryTitle, ResolveError>> fromDebrid(StreamCandidate candidate, std::string hash, double budget,
                                                              DebridTry kind, CancelToken token);
-  QCoro::Task<Result<Json, ResolveError>> metaRecord(std::string type, std::string id, CancelToken token);
   QCoro::Task<HttpResponse> rangedProbe(QUrl url, double timeout, CancelToken token);
   QCoro::Task<std::optional<std::string>> stableLink(QUrl finalURL, std::string filename, CancelToken token);
   std::optional<std::string> addonKey() const;

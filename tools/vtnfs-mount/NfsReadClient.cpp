@@ -188,29 +188,24 @@ int NfsReadClient::handleFor(const std::string& path, std::string& handle, const
     return error;
   };
   const auto broken = [&] { return interruptedNow_ ? fail(-EINTR, false) : fail(-EIO, true); };
-  std::string record;
-  if (path == "/") {
-    std::string args;
-    XdrOut(args).opaque("/");
-    if (!send(kMountProgram, kMount, args) || !receiveRecord(record, interrupted)) return broken();
-    XdrReader r(record.data(), record.size());
-    uint32_t status = 0;
-    std::string_view fh;
-    if (!r.u32(status)) return broken();
-    if (status != 0) return fail(errorOf(status), false);
-    if (!r.opaque(fh, 64)) return broken();
-    handle = handles_["/"] = std::string(fh);
-    return 0;
-  }
-  const auto slash = path.find_last_of('/');
-  std::string parent;
-  const int rc = handleFor(slash == 0 ? "/" : path.substr(0, slash), parent, interrupted, failure);
-  if (rc < 0) return rc;
+  // MNT of the root, or LOOKUP of the name in its folder: both answer a
+  // status and then the handle.
   std::string args;
   XdrOut w(args);
-  w.opaque(parent);
-  w.opaque(path.substr(slash + 1));
-  if (!send(kNfsProgram, kLookup, args) || !receiveRecord(record, interrupted)) return broken();
+  const auto slash = path.find_last_of('/');
+  if (path == "/") {
+    w.opaque("/");
+    if (!send(kMountProgram, kMount, args)) return broken();
+  } else {
+    std::string parent;
+    if (const int rc = handleFor(slash == 0 ? "/" : path.substr(0, slash), parent, interrupted, failure); rc < 0)
+      return rc;
+    w.opaque(parent);
+    w.opaque(path.substr(slash + 1));
+    if (!send(kNfsProgram, kLookup, args)) return broken();
+  }
+  std::string record;
+  if (!receiveRecord(record, interrupted)) return broken();
   XdrReader r(record.data(), record.size());
   uint32_t status = 0;
   std::string_view fh;

@@ -358,6 +358,13 @@ std::set<std::string> CatalogStore::wantedIds() const {
   return out;
 }
 
+bool CatalogStore::isWanted(std::string_view id) const {
+  for (const auto& c : collections_)
+    if (isMaterialised(c.id) && std::find(c.itemImdbIds.begin(), c.itemImdbIds.end(), id) != c.itemImdbIds.end())
+      return true;
+  return false;
+}
+
 std::optional<CatalogCollection> CatalogStore::libraryCollection() {
   for (const auto& c : collections_) {
     if (c.source.kind != CollectionSource::Kind::library) continue;

@@ -69,6 +69,8 @@ class CatalogStore : public QObject, public CatalogPort {
   std::vector<CatalogCollection> publishedLists() const;
   // Every member of every published collection: the ids nothing may prune.
   std::set<std::string> wantedIds() const;
+  // Whether `id` is in wantedIds(), without building the set.
+  bool isWanted(std::string_view id) const;
   // The library collection, made published first if it is not.
   std::optional<CatalogCollection> libraryCollection();
 

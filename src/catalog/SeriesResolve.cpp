@@ -48,7 +48,7 @@ bool SeriesResolve::isReleased(const EpisodeMeta& episode) const {
 bool SeriesResolve::stopping(const CancelToken& token) const {
   if (token.isCancelled() || aborted_ || (shouldStop_ && shouldStop_())) return true;
   // A show that left every published list has nobody left to resolve for.
-  return services_.catalog->wantedIds().count(seriesId_) == 0;
+  return !services_.catalog->isWanted(seriesId_);
 }
 
 QCoro::Task<SeriesResolve::Outcome> SeriesResolve::run(CancelToken token) {
@@ -203,7 +203,7 @@ bool SeriesResolve::allReleasedDone(const SeriesSkeleton& skeleton) const {
 
 EpisodeCatalogView episodeCatalogView(CatalogStore& catalog) {
   EpisodeCatalogView view;
-  view.isWanted = [&catalog](const std::string& seriesId) { return catalog.wantedIds().count(seriesId) > 0; };
+  view.isWanted = [&catalog](const std::string& seriesId) { return catalog.isWanted(seriesId); };
   view.isCooling = [&catalog](const std::string& key) { return catalog.isCooling(key); };
   view.markFailed = [&catalog](const std::string& key) { catalog.markFailed(key); };
   // Vetting an id is what clears its failures.

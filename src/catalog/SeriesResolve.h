@@ -56,9 +56,6 @@ class SeriesResolve {
   // Whether every released episode has a title with a link or is cooling.
   bool allReleasedDone(const SeriesSkeleton& skeleton) const;
 
-  const std::vector<LibraryTitle>& inserted() const { return inserted_; }
-  bool aborted() const { return aborted_; }
-
  private:
   QCoro::Task<> workSeason(const SeriesSkeleton& skeleton, int season, CancelToken token);
   QCoro::Task<bool> seasonAlive(int season, EpisodeMeta probe, CancelToken token);

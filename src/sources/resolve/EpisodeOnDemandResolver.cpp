@@ -134,8 +134,8 @@ QCoro::Task<EpisodeOnDemandResolver::Outcome> EpisodeOnDemandResolver::resolveNe
   if (!parsed) co_return outcomeOf(Kind::giveUp);
   const ResolverServices& services = parts_.resolver->services();
   auto skeleton = co_await services.skeletonCache().skeleton(parsed->seriesId, services.cinemeta, services.http, token);
-  if (!skeleton)
-    co_return outcomeOf(skeleton.error().kind == ResolveError::Kind::noMeta ? Kind::noStream : Kind::transient);
+  // No skeleton, no next episode to warm: nothing was asked, nothing cools.
+  if (!skeleton) co_return outcomeOf(Kind::giveUp);
   const auto next = nextEpisode(*skeleton, parsed->season, parsed->episode);
   if (!next) co_return outcomeOf(Kind::giveUp);
   auto outcome =

@@ -38,7 +38,7 @@ struct SeriesSkeleton {
   std::string year;
   std::vector<EpisodeMeta> episodes;  // in Cinemeta's order
   std::optional<int> runtimeMinutes;
-  // Cinemeta's country text: the original language of the show's releases.
+  // Cinemeta's country text, from which the releases' original language is told.
   std::optional<std::string> country;
 
   // The episodes that are out (no release date counts as out), by season,

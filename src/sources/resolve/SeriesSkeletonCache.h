@@ -19,8 +19,8 @@ namespace vt {
 class HttpClient;
 
 // The skeletons of the shows asked for so far, in memory for the life of the
-// process (nothing on disk, nothing expires). Callers on the main thread take
-// turns: two callers asking for one show while it loads share that one load.
+// process (nothing on disk, nothing expires). Main thread only: two callers
+// asking for one show while it loads share that one load.
 class SeriesSkeletonCache {
  public:
   using Loaded = Result<SeriesSkeleton, ResolveError>;

@@ -604,6 +604,9 @@ QCoro::Task<Result<StremioResolver::Resolution, ResolveError>> StremioResolver::
   r.recordingGroups = std::move(found.recordingGroups);
   r.droppedRecordings = std::move(found.droppedRecordings);
   r.fakes = found.fakes;
+  // As for a film, from the meta: the ranker reads a release's bit rate by
+  // the running time, and an episode is not a two-hour film.
+  r.runtimeMinutes = skeleton.runtimeMinutes;
   r.originalLanguage = originalLanguage(skeleton.country);
   co_return r;
 }

@@ -13,6 +13,7 @@
 
 #include "platform/Clock.h"
 #include "platform/Json.h"
+#include "platform/JsonWriter.h"
 #include "platform/Log.h"
 #include "platform/SerialFileWriter.h"
 
@@ -187,10 +188,7 @@ LibraryTitle readTitle(element e) {
 
 }  // namespace
 
-std::optional<std::vector<LibraryStore::RecordRef>> LibraryStore::decodeRecords(const simdjson::padded_string& padded) {
-  simdjson::dom::parser parser;
-  element doc;
-  if (parser.parse(padded).get(doc)) return std::nullopt;
+std::optional<std::vector<LibraryStore::RecordRef>> LibraryStore::decodeRecords(const simdjson::dom::element& doc) {
   simdjson::dom::array arr;
   if (doc.get_array().get(arr)) return std::nullopt;
   std::vector<element> items;
@@ -236,13 +234,17 @@ void LibraryStore::keepUnreadableFile() {
 
 void LibraryStore::load() {
   removeInterruptedWrites(fileURL_);
-  // Read straight into the parser's padded buffer: no extra copy of a large file.
-  simdjson::padded_string text;
-  if (simdjson::padded_string::load(fileURL_).get(text)) return;
+  // The parser reads the file into its own buffer, and both the buffer and
+  // the parsed document's memory are kept for the next load on this thread:
+  // fresh memory costs more than the parse itself.
+  thread_local simdjson::dom::parser parser;
+  element doc;
+  const auto error = parser.load(fileURL_).get(doc);
+  if (error == simdjson::IO_ERROR) return;  // no file
   // One bad record: the library starts empty, and the file is copied aside
   // before any save can replace it.
-  auto decoded = decodeRecords(text);
-  text = simdjson::padded_string();
+  std::optional<std::vector<RecordRef>> decoded;
+  if (!error) decoded = decodeRecords(doc);
   if (!decoded) {
     keepUnreadableFile();
     return;
@@ -265,6 +267,7 @@ void LibraryStore::load() {
     const auto held = holder.insertIfAbsent(*id, idHash(*loaded[i]), i);
     if (held != i && !(rank(*loaded[held]) >= rank(*loaded[i]))) holder.assign(*id, idHash(*loaded[i]), i);
   }
+  // From here on each id belongs to one title; upsert relies on that.
   std::vector<RecordRef> kept;
   kept.reserve(loaded.size());
   for (size_t i = 0; i < loaded.size(); ++i) {
@@ -273,9 +276,10 @@ void LibraryStore::load() {
       changed = true;
       continue;
     }
-    kept.push_back(loaded[i]);
+    kept.push_back(std::move(loaded[i]));
   }
   holder.reset(0);
+  loaded = {};
 
   const Date now = clock_.now();
   for (auto& r : kept) {
@@ -289,21 +293,21 @@ void LibraryStore::load() {
     changed = true;
   }
 
-  records_ = std::move(kept);
-  rebuildIndexes();
+  records_ = RecordList(std::move(kept));
+  // The repaired file is encoded on the write thread while the indexes are built.
   if (changed) save();
+  rebuildIndexes();
 }
 
 void LibraryStore::rebuildIndexes() { buildIndexes(records_, ix_); }
 
-void LibraryStore::buildIndexes(const std::vector<RecordRef>& records, Indexes& ix) {
+void LibraryStore::rebuildSeriesIndex() { buildSeriesIndex(records_, ix_); }
+
+void LibraryStore::buildIndexes(const RecordList& records, Indexes& ix) {
   const size_t n = records.size();
   ix.byImdb.reset(n);
   ix.byEpisode.reset(n);
   ix.byName.reset(n);
-  ix.bySeries.reset(n / 8);
-  for (auto& g : ix.seriesGroups) g.clear();
-  size_t groups = 0;
   for (uint32_t i = 0; i < n; ++i) {
     const auto& r = *records[i];
     ix.byName.insertIfAbsent(r.title.name, r.nameHash, i);
@@ -312,7 +316,18 @@ void LibraryStore::buildIndexes(const std::vector<RecordRef>& records, Indexes& 
       continue;
     }
     ix.byEpisode.assign(*r.episodeKey, r.episodeHash, i);
-    if (!r.seriesId) continue;
+  }
+  buildSeriesIndex(records, ix);
+}
+
+void LibraryStore::buildSeriesIndex(const RecordList& records, Indexes& ix) {
+  const size_t n = records.size();
+  ix.bySeries.reset(n / 8);
+  for (auto& g : ix.seriesGroups) g.clear();
+  size_t groups = 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    const auto& r = *records[i];
+    if (!r.episodeKey || !r.seriesId) continue;
     const auto g = ix.bySeries.insertIfAbsent(*r.seriesId, r.seriesHash, static_cast<uint32_t>(groups));
     if (g == groups) {
       ++groups;
@@ -324,12 +339,14 @@ void LibraryStore::buildIndexes(const std::vector<RecordRef>& records, Indexes& 
   for (auto& list : ix.seriesGroups) sortSeriesGroup(records, list);
 }
 
-void LibraryStore::sortSeriesGroup(const std::vector<RecordRef>& records, std::vector<uint32_t>& list) {
-  std::stable_sort(list.begin(), list.end(), [&](uint32_t a, uint32_t b) {
+void LibraryStore::sortSeriesGroup(const RecordList& records, std::vector<uint32_t>& list) {
+  // Ties keep list order, whatever order the group was in before: a group
+  // sorted again after one change is the group a rebuild makes.
+  std::sort(list.begin(), list.end(), [&](uint32_t a, uint32_t b) {
     const auto& ta = records[a]->title;
     const auto& tb = records[b]->title;
-    return std::make_pair(ta.season.value_or(0), ta.episode.value_or(0)) <
-           std::make_pair(tb.season.value_or(0), tb.episode.value_or(0));
+    return std::make_tuple(ta.season.value_or(0), ta.episode.value_or(0), a) <
+           std::make_tuple(tb.season.value_or(0), tb.episode.value_or(0), b);
   });
 }
 
@@ -353,35 +370,43 @@ bool LibraryStore::indexesMatchRebuild() const {
   return true;
 }
 
+void LibraryStore::encode(const RecordList& records, std::string& out) {
+  // Room for a typical title, so that a first save grows the buffer once.
+  if (out.capacity() < records.size() * 512) out.reserve(records.size() * 512 + 16);
+  JsonWriter w(std::move(out));
+  w.beginArray();
+  for (const auto& r : records) writeLibraryTitle(w, r->title);
+  w.endArray();
+  out = w.take();
+}
+
 void LibraryStore::save() {
-  // The snapshot is the list of shared immutable records.
-  writer_.save(fileURL_, [snapshot = records_]() -> std::optional<std::string> {
-    std::vector<const LibraryTitle*> titles;
-    titles.reserve(snapshot.size());
-    for (const auto& r : snapshot) titles.push_back(&r->title);
-    return encodeLibraryTitles(titles);
-  });
+  // The snapshot shares the list's chunks; it is encoded on the write thread.
+  writer_.save(fileURL_, SerialFileWriter::Encoder([snapshot = records_](std::string& bytes) {
+                 encode(snapshot, bytes);
+                 return true;
+               }));
   emit changed();
+}
+
+size_t LibraryStore::positionOf(const Record& r) const {
+  size_t found = records_.size();
+  if (auto i = ix_.byName.find(r.title.name, r.nameHash)) found = *i;
+  // Each id belongs to one title at most, so its index names the first.
+  std::optional<uint32_t> byId;
+  if (r.episodeKey)
+    byId = ix_.byEpisode.find(*r.episodeKey, r.episodeHash);
+  else if (r.imdbId)
+    byId = ix_.byImdb.find(*r.imdbId, r.imdbHash);
+  if (byId && *byId < found) found = *byId;
+  return found;
 }
 
 void LibraryStore::upsert(LibraryTitle title) {
   if (!companionIsValid(title)) title.altVersion.reset();
   auto incoming = makeRecord(std::move(title));
-  const auto& id = incoming->id();
-
-  size_t found = records_.size();
-  if (auto i = ix_.byName.find(incoming->title.name, incoming->nameHash)) found = *i;
-  if (id) {
-    // The first title in list order with the same name or the same id.
-    for (size_t i = 0; i < std::min(found, records_.size()); ++i) {
-      const auto& r = *records_[i];
-      const size_t hash = r.episodeKey ? r.episodeHash : r.imdbHash;
-      if (hash == (incoming->episodeKey ? incoming->episodeHash : incoming->imdbHash) && r.id() == id) {
-        found = i;
-        break;
-      }
-    }
-  }
+  // The first title in list order with the same name or the same id.
+  const size_t found = positionOf(*incoming);
 
   if (found < records_.size()) {
     const auto& stored = records_[found]->title;
@@ -398,11 +423,18 @@ void LibraryStore::upsert(LibraryTitle title) {
     auto replacement = makeRecord(std::move(merged));
     const auto& old = *records_[found];
     // The name is the stored one, so the name, IMDb and episode indexes stay
-    // as they are; only a change of series or of its order needs a rebuild.
-    const bool sameIndexes = replacement->seriesId == old.seriesId && replacement->title.season == old.title.season &&
-                             replacement->title.episode == old.title.episode;
-    records_[found] = std::move(replacement);
-    if (!sameIndexes) rebuildIndexes();
+    // as they are; a new series rebuilds the series index, a new place in the
+    // same series sorts that series again.
+    const bool sameSeries = replacement->seriesId == old.seriesId;
+    const bool sameOrder =
+        replacement->title.season == old.title.season && replacement->title.episode == old.title.episode;
+    const auto series = replacement->episodeKey ? replacement->seriesId : std::nullopt;
+    records_.set(found, std::move(replacement));
+    if (!sameSeries) {
+      rebuildSeriesIndex();
+    } else if (!sameOrder && series) {
+      if (auto g = ix_.bySeries.find(*series)) sortSeriesGroup(records_, ix_.seriesGroups[*g]);
+    }
   } else {
     records_.push_back(std::move(incoming));
     indexAppended(records_.size() - 1);
@@ -433,7 +465,7 @@ void LibraryStore::indexAppended(size_t index) {
 void LibraryStore::remove(const std::string& name) {
   // `name` may point into the record that goes.
   const std::string target = name;
-  std::erase_if(records_, [&](const RecordRef& r) { return r->title.name == target; });
+  records_.eraseIf([&](const RecordRef& r) { return r->title.name == target; });
   rebuildIndexes();
   save();
 }
@@ -441,8 +473,8 @@ void LibraryStore::remove(const std::string& name) {
 bool LibraryStore::applyVerifiedSizes(const std::map<std::string, int64_t>& sizes) {
   if (sizes.empty()) return false;
   bool any = false;
-  for (auto& ref : records_) {
-    const auto& t = ref->title;
+  for (size_t i = 0; i < records_.size(); ++i) {
+    const auto& t = records_[i]->title;
     std::optional<LibraryTitle> updated;
     if (auto it = sizes.find(t.name); it != sizes.end() && it->second > 0) {
       if (it->second != t.size || t.sizeVerified != true) {
@@ -461,12 +493,12 @@ bool LibraryStore::applyVerifiedSizes(const std::map<std::string, int64_t>& size
       }
     }
     if (updated) {
-      ref = makeRecord(std::move(*updated));
+      records_.set(i, makeRecord(std::move(*updated)));
       any = true;
     }
   }
   if (!any) return false;
-  rebuildIndexes();
+  // Names, series and order stay, so the indexes do too.
   save();
   return true;
 }

@@ -10,21 +10,24 @@
 
 #include <QObject>
 
-namespace simdjson {
-struct padded_string;
+namespace simdjson::dom {
+class element;
 }
 
 #include "core/LibraryTitle.h"
 #include "platform/FlatIndex.h"
 #include "platform/SerialFileWriter.h"
+#include "platform/SharedChunkList.h"
 
 namespace vt {
 
 class Clock;
 
 // The record of every published file, with three indexes and library.json.
-// Titles are immutable once stored and shared with background saves, so a
-// save's snapshot costs one pointer copy per title. Main thread only.
+// Titles are immutable once stored, and the list of them is kept in chunks
+// that copies share: a background save's snapshot costs one pointer per
+// thousand titles, and a change copies at most the chunk it touches. Main
+// thread only.
 class LibraryStore : public QObject {
   Q_OBJECT
  public:
@@ -40,6 +43,8 @@ class LibraryStore : public QObject {
     const std::optional<std::string>& id() const { return episodeKey ? episodeKey : imdbId; }
   };
   using RecordRef = std::shared_ptr<const Record>;
+  // Copies are cheap snapshots that later changes to the store leave alone.
+  using RecordList = SharedChunkList<RecordRef>;
 
   // Loads `fileURL` synchronously; a missing or bad file gives an empty store.
   LibraryStore(std::string fileURL, Clock& clock);
@@ -47,7 +52,7 @@ class LibraryStore : public QObject {
   // Titles in insertion order.
   size_t size() const { return records_.size(); }
   const LibraryTitle& at(size_t i) const { return records_[i]->title; }
-  const std::vector<RecordRef>& records() const { return records_; }
+  const RecordList& records() const { return records_; }
   std::vector<LibraryTitle> titles() const;
 
   // Index lookups. Films (names without an episode key) by IMDb id; episodes
@@ -67,6 +72,9 @@ class LibraryStore : public QObject {
   // Sizes confirmed by the engine, by file name. True when anything changed.
   bool applyVerifiedSizes(const std::map<std::string, int64_t>& sizes);
 
+  // library.json's bytes for `records`, written into `out` (its capacity kept).
+  static void encode(const RecordList& records, std::string& out);
+
   const std::string& fileURL() const { return fileURL_; }
   // Blocks until every save handed to the writer is on disk (tests, tools).
   void waitForSaves() { writer_.waitUntilIdle(); }
@@ -76,17 +84,20 @@ class LibraryStore : public QObject {
 
  private:
   static RecordRef makeRecord(LibraryTitle title);
-  static std::optional<std::vector<RecordRef>> decodeRecords(const simdjson::padded_string& text);
+  static std::optional<std::vector<RecordRef>> decodeRecords(const simdjson::dom::element& doc);
   void load();
   void keepUnreadableFile();
   void rebuildIndexes();
   void indexAppended(size_t index);
+  void rebuildSeriesIndex();
+  // The first title with the record's name or id; size() when none.
+  size_t positionOf(const Record& r) const;
   void save();
 
   std::string fileURL_;
   Clock& clock_;
   SerialFileWriter writer_;
-  std::vector<RecordRef> records_;
+  RecordList records_;
   struct Indexes {
     FlatIndex byImdb;
     FlatIndex byEpisode;
@@ -94,8 +105,9 @@ class LibraryStore : public QObject {
     FlatIndex bySeries;  // series id to its group in seriesGroups
     std::vector<std::vector<uint32_t>> seriesGroups;
   };
-  static void buildIndexes(const std::vector<RecordRef>& records, Indexes& ix);
-  static void sortSeriesGroup(const std::vector<RecordRef>& records, std::vector<uint32_t>& list);
+  static void buildIndexes(const RecordList& records, Indexes& ix);
+  static void buildSeriesIndex(const RecordList& records, Indexes& ix);
+  static void sortSeriesGroup(const RecordList& records, std::vector<uint32_t>& list);
   Indexes ix_;
 };
 

@@ -22,11 +22,28 @@ bool verified(const std::optional<bool>& sizeVerified, int64_t size) {
   return sizeVerified == true && size != kPlaceholderSize;
 }
 
-std::string subtitleName(const std::string& name, const std::string& language) {
+// "<name without extension>.<language>.srt", written into `out`.
+void setSubtitleName(std::string& out, const std::string& name, const std::string& language) {
   const auto slash = name.find_last_of('/');
   const auto dot = name.find_last_of('.');
   const bool hasExt = dot != std::string::npos && (slash == std::string::npos || dot > slash + 1);
-  return (hasExt ? name.substr(0, dot) : name) + "." + language + ".srt";
+  out.assign(name, 0, hasExt ? dot : name.size());
+  out += '.';
+  out += language;
+  out += ".srt";
+}
+
+// The next entry of `list`, reusing one that an earlier build left there.
+EngineEntry& nextEntry(std::vector<EngineEntry>& list, size_t& used) {
+  if (used == list.size()) list.emplace_back();
+  return list[used++];
+}
+
+void setOptional(std::string& field, const std::optional<std::string>& value) {
+  if (value)
+    field = *value;
+  else
+    field.clear();
 }
 
 }  // namespace
@@ -34,55 +51,75 @@ std::string subtitleName(const std::string& name, const std::string& language) {
 ManifestEntries buildEntries(const LibraryStore& library, const std::function<bool(const LibraryTitle&)>& isHidden,
                              bool companionVersions) {
   ManifestEntries out;
-  out.movie.reserve(library.size());
+  buildEntries(library, isHidden, companionVersions, out);
+  return out;
+}
+
+void buildEntries(const LibraryStore& library, const std::function<bool(const LibraryTitle&)>& isHidden,
+                  bool companionVersions, ManifestEntries& out) {
+  // Every field of a reused entry is set: strings keep their storage.
+  if (out.movie.capacity() < library.size()) out.movie.reserve(library.size());
+  size_t movies = 0, episodes = 0;
   for (const auto& record : library.records()) {
     const auto& t = record->title;
     if (t.url.empty()) continue;
     auto& list = t.season ? out.tv : out.movie;
+    auto& used = t.season ? episodes : movies;
     const bool hidden = isHidden ? isHidden(t) : false;
     const int64_t mtime = mtimeOf(t.resolvedAt);
 
-    EngineEntry main;
+    EngineEntry& main = nextEntry(list, used);
     main.name = t.name;
     main.url = t.url;
     main.size = t.size;
     main.mtime = mtime;
-    main.rd_link = t.rdLink.value_or("");
-    main.resolve_url = t.resolveURL.value_or("");
+    setOptional(main.rd_link, t.rdLink);
+    setOptional(main.resolve_url, t.resolveURL);
+    main.local.clear();
     main.hidden = hidden;
     main.size_verified = verified(t.sizeVerified, t.size);
+    main.lazy = false;
     if (t.mirrorURLs) {
-      std::vector<EngineAltSource> alts;
-      alts.reserve(t.mirrorURLs->size());
-      for (const auto& m : *t.mirrorURLs) alts.push_back({m});
-      main.alt_sources = std::move(alts);
+      auto& alts = main.alt_sources ? *main.alt_sources : main.alt_sources.emplace();
+      alts.resize(t.mirrorURLs->size());
+      for (size_t i = 0; i < alts.size(); ++i) alts[i].resolve_url = (*t.mirrorURLs)[i];
+    } else {
+      main.alt_sources.reset();
     }
-    list.push_back(std::move(main));
 
     if (!t.season && companionVersions && t.altVersion && !t.altVersion->resolveURL.empty()) {
       const auto& a = *t.altVersion;
-      EngineEntry c;
+      EngineEntry& c = nextEntry(list, used);
       c.name = a.name;
+      c.url.clear();
       c.size = a.size;
       c.mtime = mtimeOf(a.resolvedAt);
+      c.rd_link.clear();
       c.resolve_url = a.resolveURL;
+      c.local.clear();
       c.hidden = hidden;
       c.size_verified = verified(a.sizeVerified, a.size);
       c.lazy = true;
-      list.push_back(std::move(c));
+      c.alt_sources.reset();
     }
 
     if (t.subtitlePath) {
-      EngineEntry s;
-      s.name = subtitleName(t.name, t.subtitleLang.value_or("en"));
+      EngineEntry& s = nextEntry(list, used);
+      setSubtitleName(s.name, t.name, t.subtitleLang.value_or("en"));
+      s.url.clear();
       s.size = 0;
       s.mtime = mtime;
+      s.rd_link.clear();
+      s.resolve_url.clear();
       s.local = *t.subtitlePath;
       s.hidden = hidden;
-      list.push_back(std::move(s));
+      s.size_verified = false;
+      s.lazy = false;
+      s.alt_sources.reset();
     }
   }
-  return out;
+  out.movie.resize(movies);
+  out.tv.resize(episodes);
 }
 
 namespace {
@@ -90,11 +127,11 @@ namespace {
 // Feeds the canonical rows, in name order, to `sink(row, hidden)`.
 template <class Sink>
 void canonicalRows(const std::vector<EngineEntry>& entries, Sink&& sink) {
-  std::vector<const EngineEntry*> sorted;
+  // The names sit beside the pointers, so that a comparison reads no entry.
+  std::vector<std::pair<std::string_view, const EngineEntry*>> sorted;
   sorted.reserve(entries.size());
-  for (const auto& e : entries) sorted.push_back(&e);
-  std::stable_sort(sorted.begin(), sorted.end(),
-                   [](const EngineEntry* a, const EngineEntry* b) { return a->name < b->name; });
+  for (const auto& e : entries) sorted.emplace_back(e.name, &e);
+  std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   std::string row;
   char num[24];
   auto field = [&](std::string_view v) {
@@ -105,7 +142,7 @@ void canonicalRows(const std::vector<EngineEntry>& entries, Sink&& sink) {
     auto [p, ec] = std::to_chars(num, num + sizeof num, n);
     field(std::string_view(num, static_cast<size_t>(p - num)));
   };
-  for (const auto* e : sorted) {
+  for (const auto& [name, e] : sorted) {
     row.clear();
     field(e->name);
     field(e->url);

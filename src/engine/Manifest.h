@@ -21,6 +21,10 @@ struct ManifestEntries {
 // `isHidden` says whether staging holds a title back (none: nothing hidden).
 ManifestEntries buildEntries(const LibraryStore& library, const std::function<bool(const LibraryTitle&)>& isHidden,
                              bool companionVersions);
+// The same into `into`, whose entries' storage is reused: a caller that keeps
+// one from flush to flush spares the allocations of a large library.
+void buildEntries(const LibraryStore& library, const std::function<bool(const LibraryTitle&)>& isHidden,
+                  bool companionVersions, ManifestEntries& into);
 
 // The canonical text of a manifest: entries sorted by name, one row each of
 // name, url, size, mtime, rd_link, resolve_url, local, hidden, size_verified

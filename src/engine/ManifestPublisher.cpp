@@ -66,25 +66,28 @@ ManifestEntries ManifestPublisher::buildEntries() const {
   return vt::buildEntries(library_, hooks_.isHidden, config_.companionVersions());
 }
 
-QCoro::Task<bool> ManifestPublisher::sendConfig(std::vector<EngineEntry> entries, EngineInstanceState& instance) {
+QCoro::Task<bool> ManifestPublisher::sendConfig(const std::vector<EngineEntry>& entries,
+                                                EngineInstanceState& instance) {
+  const size_t count = entries.size();
   const auto prints = fingerprints(entries);
   if (instance.lastConfigFingerprint == prints.all) co_return false;
 
   std::string error;
-  if (!writeManifest(instance.paths.configURL, encodeEngineConfig(entries), error)) {
+  encodeEngineConfig(entries, manifestText_);
+  if (!writeManifest(instance.paths.configURL, manifestText_, error)) {
     log(instance.paths.label + " config write failed: " + error);
     co_return false;
   }
   const bool visibleUnchanged = instance.lastVisibleConfigFingerprint == prints.visible;
   instance.lastConfigFingerprint = prints.all;
   instance.lastVisibleConfigFingerprint = prints.visible;
-  instance.entryCount = entries.size();
+  instance.entryCount = count;
   if (instance.state != EngineState::running) co_return !visibleUnchanged;
 
   const auto token = jobs_.token();
   const auto reply = co_await client_.reload(instance.paths.controlURL, token);
   if (token.isCancelled()) co_return false;
-  log(instance.paths.label + " reloaded engine (" + std::to_string(entries.size()) + " titles)");
+  log(instance.paths.label + " reloaded engine (" + std::to_string(count) + " titles)");
 
   if (reply.deferred && *reply.deferred > 0) {
     log(instance.paths.label + " " + std::to_string(*reply.deferred) +
@@ -111,20 +114,24 @@ QCoro::Task<bool> ManifestPublisher::sendConfig(std::vector<EngineEntry> entries
 }
 
 QCoro::Task<EngineApplyResult> ManifestPublisher::applyEngineConfig() {
-  auto entries = buildEntries();
+  // Built into the kept lists. Applications don't overlap (the coordinator
+  // runs one at a time), and sendConfig reads the list before it suspends.
+  vt::buildEntries(library_, hooks_.isHidden, config_.companionVersions(), built_);
+  const bool anyEpisodes = !built_.tv.empty();
   EngineApplyResult result;
   const auto token = jobs_.token();
-  result.movieVisibleChanged = co_await sendConfig(std::move(entries.movie), instances_.movieInstance());
+  result.movieVisibleChanged = co_await sendConfig(built_.movie, instances_.movieInstance());
   if (token.isCancelled()) co_return result;
 
-  if (!entries.tv.empty()) {
+  if (anyEpisodes) {
     auto& tv = instances_.tvInstance();
     if (tv.state == EngineState::stopped || tv.state == EngineState::failed) {
-      co_await instances_.startInstance(tv, std::move(entries.tv));
+      auto episodes = built_.tv;
+      co_await instances_.startInstance(tv, std::move(episodes));
       if (token.isCancelled()) co_return result;
       result.tvVisibleChanged = result.tvActive = tv.state == EngineState::running;
     } else {
-      result.tvVisibleChanged = co_await sendConfig(std::move(entries.tv), tv);
+      result.tvVisibleChanged = co_await sendConfig(built_.tv, tv);
       if (token.isCancelled()) co_return result;
       result.tvActive = tv.state == EngineState::running;
     }

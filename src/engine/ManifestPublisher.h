@@ -76,8 +76,9 @@ class ManifestPublisher {
   ~ManifestPublisher();
 
   ManifestEntries buildEntries() const;
-  // True when Plex has to scan this instance's folder.
-  QCoro::Task<bool> sendConfig(std::vector<EngineEntry> entries, EngineInstanceState& instance);
+  // True when Plex has to scan this instance's folder. `entries` is read
+  // before the first suspension only.
+  QCoro::Task<bool> sendConfig(const std::vector<EngineEntry>& entries, EngineInstanceState& instance);
   QCoro::Task<EngineApplyResult> applyEngineConfig();
 
   void requestFlush(int count);
@@ -97,6 +98,10 @@ class ManifestPublisher {
   EngineInstances& instances_;
   Hooks hooks_;
   int pendingFlushCount_ = 0;
+  // The last build and the last manifest's bytes: the next flush reuses their
+  // storage, which spares a large library's allocations on every flush.
+  ManifestEntries built_;
+  std::string manifestText_;
   Date lastFlushAt_ = kDistantPast;
   bool flushScheduled_ = false;
   JobScope flushes_;

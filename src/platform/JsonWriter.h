@@ -14,6 +14,10 @@ namespace vt {
 class JsonWriter {
  public:
   explicit JsonWriter(size_t reserve = 0) { out_.reserve(reserve); }
+  // Writes into `buffer`, emptied first but keeping its capacity, so that a
+  // caller that encodes again and again reuses one allocation (take() gives
+  // it back).
+  explicit JsonWriter(std::string&& buffer) : out_(std::move(buffer)) { out_.clear(); }
 
   void beginObject() { open('{'); }
   void endObject() { close('}'); }

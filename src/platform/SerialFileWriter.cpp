@@ -126,12 +126,36 @@ SerialFileWriter::SerialFileWriter() : state_(std::make_shared<State>()) {}
 SerialFileWriter::~SerialFileWriter() { waitUntilIdle(); }
 
 void SerialFileWriter::save(std::string path, Producer produce) {
+  save(std::move(path), Encoder([produce = std::move(produce)](std::string& bytes) {
+         auto produced = produce();
+         if (produced) bytes = std::move(*produced);
+         return produced.has_value();
+       }));
+}
+
+namespace {
+
+// The encoding buffer of the write thread, reused by every save. It keeps
+// the capacity of the largest file written, unless that is far more than the
+// last save needed.
+std::string& writeBuffer() {
+  static std::string buffer;
+  return buffer;
+}
+
+void releaseIfOversized(std::string& buffer) {
+  if (buffer.capacity() > 4 * buffer.size() + (1u << 20)) buffer = std::string();
+}
+
+}  // namespace
+
+void SerialFileWriter::save(std::string path, Encoder encode) {
   uint64_t seq;
   {
     std::lock_guard lock(state_->mutex);
     seq = ++state_->issued;
   }
-  writeQueue().post([state = state_, seq, path = std::move(path), produce = std::move(produce)] {
+  writeQueue().post([state = state_, seq, path = std::move(path), encode = std::move(encode)] {
     bool superseded;
     {
       std::lock_guard lock(state->mutex);
@@ -139,11 +163,14 @@ void SerialFileWriter::save(std::string path, Producer produce) {
     }
     bool wrote = false;
     if (!superseded) {
+      auto& bytes = writeBuffer();
       try {
-        if (auto bytes = produce()) wrote = writeFileAtomically(path, *bytes);
+        bytes.clear();
+        if (encode(bytes)) wrote = writeFileAtomically(path, bytes);
       } catch (...) {
         // Dropped: the next save writes everything again.
       }
+      releaseIfOversized(bytes);
     }
     {
       std::lock_guard lock(state->mutex);

@@ -38,7 +38,14 @@ class SerialFileWriter {
   SerialFileWriter(const SerialFileWriter&) = delete;
   SerialFileWriter& operator=(const SerialFileWriter&) = delete;
 
+  // Fills `bytes` (empty, but with the capacity an earlier save left) with
+  // what to write; false to write nothing. The writer thread keeps one buffer
+  // for every encoder, so a large file is encoded without fresh memory each
+  // time; `bytes` is valid only during the call.
+  using Encoder = std::function<bool(std::string& bytes)>;
+
   void save(std::string path, Producer produce);
+  void save(std::string path, Encoder encode);
 
   // Blocks until every save handed over so far is on disk (tests, tools).
   void waitUntilIdle();

@@ -217,3 +217,70 @@ TEST(LibraryStore, AStoreThatGoesHasFinishedItsSaves) {
   }  // no waitForSaves: the store's end waits for them
   EXPECT_EQ(json::parse(f.file()).value().size(), 300u);
 }
+
+TEST(LibraryStore, ReplacementsKeepTheIndexesARebuildWouldMake) {
+  Fixture f;
+  auto store = f.open();
+  auto ep = [](const std::string& series, int s, int e) {
+    auto t = film(episodeFileName("Show", "2010", series, s, e));
+    t.season = s;
+    t.episode = e;
+    return t;
+  };
+  auto filmNamed = [](int i) {
+    return "F" + std::to_string(i) + " (2000) {imdb-tt" + std::to_string(100000 + i) + "}.mkv";
+  };
+  // More titles than one chunk of the list holds; the series come last, tt2's in the order e3, e1.
+  for (int i = 0; i < 1500; ++i) store->upsert(film(filmNamed(i)));
+  for (int e = 1; e <= 4; ++e) store->upsert(ep("tt1", 1, e));
+  store->upsert(ep("tt2", 1, 3));
+  store->upsert(ep("tt2", 1, 1));
+  auto seriesNames = [&](const std::string& id) {
+    std::vector<std::string> names;
+    for (const auto* t : store->titlesBySeries(id)) names.push_back(t->name.substr(t->name.size() - 12));
+    return names;
+  };
+  ASSERT_EQ(seriesNames("tt2"), (std::vector<std::string>{"- s01e01.mkv", "- s01e03.mkv"}));
+
+  auto link = film(filmNamed(700), "http://cdn/new");
+  store->upsert(link);
+  EXPECT_EQ(store->at(700).url, "http://cdn/new");
+  auto renamed = film("Another name (2000) {imdb-tt100005}.mkv", "http://cdn/by-id");
+  store->upsert(renamed);
+  EXPECT_EQ(store->at(5).name, filmNamed(5)) << "found by its id, kept its name";
+  EXPECT_EQ(store->at(5).url, "http://cdn/by-id");
+  EXPECT_EQ(store->size(), 1506u);
+  EXPECT_TRUE(store->indexesMatchRebuild());
+
+  auto later = ep("tt1", 1, 2);
+  later.season = 2;
+  later.episode = 1;
+  store->upsert(later);
+  EXPECT_EQ(seriesNames("tt1"),
+            (std::vector<std::string>{"- s01e01.mkv", "- s01e03.mkv", "- s01e04.mkv", "- s01e02.mkv"}));
+  EXPECT_TRUE(store->indexesMatchRebuild());
+
+  // A tie keeps list order, whatever order the series held before.
+  auto tie = ep("tt2", 1, 3);
+  tie.episode = 1;
+  store->upsert(tie);
+  EXPECT_EQ(seriesNames("tt2"), (std::vector<std::string>{"- s01e03.mkv", "- s01e01.mkv"}));
+  EXPECT_TRUE(store->indexesMatchRebuild());
+
+  auto moved = ep("tt2", 1, 1);
+  moved.seriesImdbId = "tt3";
+  store->upsert(moved);
+  EXPECT_EQ(seriesNames("tt2"), (std::vector<std::string>{"- s01e03.mkv"}));
+  EXPECT_EQ(seriesNames("tt3"), (std::vector<std::string>{"- s01e01.mkv"}));
+  EXPECT_TRUE(store->indexesMatchRebuild());
+
+  EXPECT_TRUE(store->applyVerifiedSizes({{filmNamed(1200), 5}, {ep("tt1", 1, 4).name, 6}}));
+  EXPECT_EQ(store->titleByEpisodeKey("tt1:1:4")->size, 6);
+  EXPECT_TRUE(store->indexesMatchRebuild());
+
+  store->waitForSaves();
+  auto back = f.open();
+  EXPECT_EQ(back->titles(), store->titles());
+  EXPECT_EQ(back->titlesBySeries("tt2").size(), 1u);
+  EXPECT_TRUE(back->indexesMatchRebuild());
+}

@@ -37,3 +37,30 @@ TEST(SerialFileWriter, KeepsCallOrderSurvivesAFailureAndNeverShowsAPartialFile) 
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(home.path()), {}), 1) << "no temporary file is left";
   EXPECT_FALSE(writeFileAtomically(home.file("no/such/dir/z"), "x"));
 }
+
+TEST(SerialFileWriter, EncodersGetAnEmptyBufferAndMayDeclineToWrite) {
+  test::TestHome home;
+  const auto path = home.file("a.json");
+  SerialFileWriter writer;
+  std::vector<std::string> seen;  // written on the write thread, read after waitUntilIdle
+  writer.save(path, SerialFileWriter::Encoder([&](std::string& bytes) {
+                seen.push_back(bytes);
+                bytes = std::string(100000, 'x');
+                return true;
+              }));
+  writer.waitUntilIdle();
+  writer.save(path, SerialFileWriter::Encoder([&](std::string& bytes) {
+                seen.push_back(bytes);
+                bytes += "short";
+                return true;
+              }));
+  writer.waitUntilIdle();
+  writer.save(path, SerialFileWriter::Encoder([&](std::string& bytes) {
+                bytes += "never written";
+                return false;
+              }));
+  writer.waitUntilIdle();
+  EXPECT_EQ(seen, (std::vector<std::string>{"", ""})) << "nothing of an earlier save shows through";
+  EXPECT_EQ(readFile(path), "short");
+  EXPECT_EQ(writer.completedWrites(), 2u);
+}

@@ -7,7 +7,14 @@
 namespace vt {
 
 std::string encodeEngineConfig(const std::vector<EngineEntry>& entries) {
-  JsonWriter w(entries.size() * 320 + 16);
+  std::string out;
+  encodeEngineConfig(entries, out);
+  return out;
+}
+
+void encodeEngineConfig(const std::vector<EngineEntry>& entries, std::string& out) {
+  if (out.capacity() < entries.size() * 384) out.reserve(entries.size() * 384 + 16);
+  JsonWriter w(std::move(out));
   w.beginObject();
   w.key("entries");
   w.beginArray();
@@ -37,7 +44,7 @@ std::string encodeEngineConfig(const std::vector<EngineEntry>& entries) {
   }
   w.endArray();
   w.endObject();
-  return w.take();
+  out = w.take();
 }
 
 std::optional<std::vector<EngineEntry>> decodeEngineConfig(std::string_view text) {

@@ -40,6 +40,9 @@ struct EngineEntry {
 // The manifest: {"entries":[...]}, compact, keys in declared order,
 // alt_sources left out when absent.
 std::string encodeEngineConfig(const std::vector<EngineEntry>& entries);
+// The same into `out`, replacing what it holds but keeping its capacity, for
+// a caller that writes manifests again and again.
+void encodeEngineConfig(const std::vector<EngineEntry>& entries, std::string& out);
 // Reads a manifest; none when it does not decode.
 std::optional<std::vector<EngineEntry>> decodeEngineConfig(std::string_view text);
 

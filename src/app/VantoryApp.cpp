@@ -46,6 +46,7 @@ VantoryApp::VantoryApp(AppWiring wiring)
 
   // 4. The title library, loaded synchronously.
   library_ = std::make_unique<LibraryStore>(libraryPath, clock_);
+  LibraryStore::releaseLoadMemory();  // loaded once: the parser's buffers would only sit there
 
   // The user's activity list and the census of unknown release words, kept
   // in the data folder for everything that records into them.

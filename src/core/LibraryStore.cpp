@@ -232,12 +232,20 @@ void LibraryStore::keepUnreadableFile() {
           " and started with an empty library");
 }
 
+namespace {
+// The parser reads the file into its own buffer, and both the buffer and the
+// parsed document's memory are kept for the next load on this thread: fresh
+// memory costs more than the parse itself. An application that loads once
+// lets it go (releaseLoadMemory).
+thread_local std::unique_ptr<simdjson::dom::parser> keptParser;
+}  // namespace
+
+void LibraryStore::releaseLoadMemory() { keptParser.reset(); }
+
 void LibraryStore::load() {
   removeInterruptedWrites(fileURL_);
-  // The parser reads the file into its own buffer, and both the buffer and
-  // the parsed document's memory are kept for the next load on this thread:
-  // fresh memory costs more than the parse itself.
-  thread_local simdjson::dom::parser parser;
+  if (!keptParser) keptParser = std::make_unique<simdjson::dom::parser>();
+  simdjson::dom::parser& parser = *keptParser;
   element doc;
   const auto error = parser.load(fileURL_).get(doc);
   if (error == simdjson::IO_ERROR) return;  // no file

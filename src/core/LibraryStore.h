@@ -48,6 +48,9 @@ class LibraryStore : public QObject {
 
   // Loads `fileURL` synchronously; a missing or bad file gives an empty store.
   LibraryStore(std::string fileURL, Clock& clock);
+  // Frees what loading keeps for the next load on this thread (the parser's
+  // buffers, about three times the file).
+  static void releaseLoadMemory();
 
   // Titles in insertion order.
   size_t size() const { return records_.size(); }

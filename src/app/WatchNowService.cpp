@@ -182,6 +182,8 @@ void WatchNowService::start(Press press) {
 QCoro::Task<> WatchNowService::body(Press press, std::string uuid, CancelToken token) {
   const std::string id = press.id;
   const bool episode = press.kind == Kind::episode;
+  // Read after each suspension before anything of this: the service may have gone.
+  const auto alive = alive_;
   if (!p_.config->controlURL()) {
     jobs_.erase(id);
     emit jobsChanged();
@@ -225,7 +227,7 @@ QCoro::Task<> WatchNowService::body(Press press, std::string uuid, CancelToken t
     outcome = co_await p_.resolveFilm(press.imdbId, token);
   }
   if (token.isCancelled()) {
-    if (*alive_) undoAfterCancel(press, undoFiling);
+    if (*alive) undoAfterCancel(press, undoFiling);
     co_return;
   }
 
@@ -240,7 +242,7 @@ QCoro::Task<> WatchNowService::body(Press press, std::string uuid, CancelToken t
   }
   const Failure failure = co_await failureFor(std::move(outcome), episode, token);
   if (token.isCancelled()) {
-    if (*alive_) undoAfterCancel(press, undoFiling);
+    if (*alive) undoAfterCancel(press, undoFiling);
     co_return;
   }
   fail(id, uuid, failure, press.displayName);
@@ -280,6 +282,7 @@ QCoro::Task<> WatchNowService::finish(Press press, LibraryTitle title, std::stri
                                       std::function<void()> undoFiling, CancelToken token) {
   const std::string id = press.id;
   const bool tv = title.season.has_value() || press.kind == Kind::episode;
+  const auto alive = alive_;
   setPhase(id, Phase{Phase::Kind::publishing, {}});
   if (p_.applyToEngine) p_.applyToEngine();
 
@@ -323,7 +326,7 @@ QCoro::Task<> WatchNowService::finish(Press press, LibraryTitle title, std::stri
     if (!co_await p_.clock->sleep(kIndexPoll, token)) break;
   }
   if (token.isCancelled()) {
-    if (*alive_) undoAfterCancel(press, undoFiling);
+    if (*alive) undoAfterCancel(press, undoFiling);
     co_return;
   }
   if (!ratingKey) {

@@ -13,6 +13,10 @@
 #include "plex/PlexLibrarySetup.h"
 #include "plex/PlexSyncCoordinator.h"
 #include "sources/StreamProviders.h"
+#include "sources/providers/ProviderRegistry.h"
+#include "sources/ranking/RankingSettings.h"
+#include "sources/rd/RDClient.h"
+#include "catalog/CollectionResolve.h"
 
 namespace vt {
 
@@ -86,6 +90,63 @@ void wireStandardParts(AppWiring& wiring, StandardParts parts) {
                                                           .plex = &app.plexClients(),
                                                           .releaseWords = &app.releaseWords(),
                                                           .dataDirectory = paths.dataDirectory});
+  };
+
+  // The watch button: the film's resolve with the user's picks, the engine's
+  // prewarm, and Plex's index through the application's one door to Plex.
+  wiring.makeWatchNow = [paths, parts](VantoryApp& app) -> std::unique_ptr<WatchNowService> {
+    auto* engine = dynamic_cast<EngineSupervisor*>(&app.engine());
+    auto* catalog = dynamic_cast<CatalogStore*>(&app.catalog());
+    auto* publishing = dynamic_cast<Publishing*>(app.publishing());
+    if (!engine || !catalog || !publishing) return nullptr;
+    AppConfig* config = &app.config();
+    PickHistory* history = &app.pickHistory();
+    HttpClient* http = parts.http;
+    auto status = std::make_shared<EngineStatusClient>(*http);
+    WatchNowService::Parts p{.clock = parts.clock,
+                             .config = config,
+                             .store = &app.library(),
+                             .catalog = catalog,
+                             .plex = &app.plexClients(),
+                             .notifier = &app.notifier(),
+                             .gate = &app.connectGate(),
+                             .dataDirectory = paths.dataDirectory,
+                             .webAppBase = endpoints().plexWebApp};
+    p.applyToEngine = [engine] { engine->kickPlexSync(); };
+    p.movieControlURL = [engine] { return engine->movie().paths.controlURL; };
+    p.tvControlURL = [engine]() -> std::optional<QUrl> {
+      auto* tv = engine->tvInstanceIfAny();
+      return tv ? tv->paths.controlURL : std::nullopt;
+    };
+    p.prewarm = [status](QUrl control, std::string name, CancelToken token) -> QCoro::Task<> {
+      std::vector<std::string> names{std::move(name)};
+      co_await status->prewarm(control, std::move(names), {}, token);
+    };
+    p.resolveFilm = [config, history, publishing](std::string id, CancelToken token) -> QCoro::Task<ResolveOutcome> {
+      const auto addon = addonURL(*config);
+      if (!addon) co_return ResolveOutcome::transient();
+      const StreamRanker ranker = rankerFor(config->quality(), history->chosenGroups());
+      auto outcome = co_await publishing->resolver().resolveMovie(id, *addon, ranker, config->allowTS(), false, token);
+      co_return outcome;
+    };
+    // Until the series layer's on-demand resolver lands, an episode resolves
+    // straight through the resolver with the same picks.
+    p.resolveEpisode = [config, history, publishing](WatchNowService::Episode e,
+                                                     CancelToken token) -> QCoro::Task<ResolveOutcome> {
+      const auto addon = addonURL(*config);
+      if (!addon) co_return ResolveOutcome::transient();
+      const StreamRanker ranker = rankerFor(config->quality(), history->chosenGroups());
+      auto outcome = co_await publishing->resolver().resolveEpisode(e.series.imdbId, e.number.season, e.number.episode,
+                                                                    *addon, ranker, config->allowTS(), token);
+      co_return outcome;
+    };
+    p.account = [config, http](CancelToken token) -> QCoro::Task<Result<RDUserInfo, RDError>> {
+      const RDClient client(*http, config->rdKey());
+      auto user = co_await client.user(token);
+      co_return user;
+    };
+    p.linkIsDead = [](const LibraryTitle& title) { return hasStaleKey(title, StreamProviderRegistry::shared().key()); };
+    return std::make_unique<WatchNowService>(std::move(p));
   };
 }
 

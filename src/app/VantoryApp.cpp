@@ -1,5 +1,7 @@
 #include "app/VantoryApp.h"
 
+#include <QPointer>
+
 #include "app/Absent.h"
 #include "core/LibraryFolders.h"
 #include "plex/PlexServerProbe.h"
@@ -68,16 +70,51 @@ VantoryApp::VantoryApp(AppWiring wiring)
       std::make_unique<BridgeViewModel>(*config_, clock_, wiring_.plexAccess, wiring_.plexDiscovery, wiring_.console);
   viewModel_->setEngine(engine_.get());
 
-  // 8. The connect gate. The watch-now service and the poster actions plug
-  // in after it when their subsystems land.
+  // 8. The connect gate.
   connectGate_ = std::make_unique<ConnectGate>();
   connectGate_->mustShowConnect = !config_->isConfigured();
+
+  // 9. The watch button, told what the play watcher sees playing. The poster
+  // actions plug in after it when their subsystem lands.
+  notifier_ = wiring_.notifier;
+  if (!notifier_) {
+    ownNotifier_ = std::make_unique<DesktopNotifier>(DesktopNotifier::Hooks{
+        .unavailable =
+            [activity = activity_.get()](const Notification& n) {
+              // No notification service: the activity list and the log carry it.
+              activity->record(ActivityLog::Kind::finished, n.title, n.body);
+              logLine("[Vantory] " + n.title + ": " + n.body + (n.openURL ? " " + *n.openURL : std::string()));
+            },
+        .opener = {}});
+    notifier_ = ownNotifier_.get();
+  }
+  if (wiring_.makeWatchNow) watchNow_ = wiring_.makeWatchNow(*this);
+  if (watchNow_) {
+    engine_->onWatching = [service = QPointer<WatchNowService>(watchNow_.get())](const std::set<std::string>& names) {
+      if (service) service->onWatching(names);
+    };
+  }
+
+  // vantory-cli reaches the running application through its data folder.
+  if (wiring_.controlSocket) {
+    controlRequests_ = std::make_unique<ControlRequests>(*this);
+    controlServer_ = std::make_unique<ControlServer>(
+        wiring_.paths.controlSocket(), [requests = controlRequests_.get()](const Json& request, ControlReply reply) {
+          requests->handle(request, reply);
+        });
+  }
 }
+
+HttpClient& VantoryApp::http() { return wiring_.http ? *wiring_.http : sharedHttpClient(); }
 
 VantoryApp::~VantoryApp() {
   // The engine supervision, with the Plex sync it owns, goes before the
   // catalog it reads.
+  controlServer_.reset();
+  controlRequests_.reset();
   viewModel_.reset();
+  if (engine_) engine_->onWatching = {};
+  watchNow_.reset();
   publishing_.reset();
   engine_.reset();
   catalog_.reset();

@@ -8,6 +8,8 @@
 #include <qcoro/qcorotask.h>
 
 #include "app/BridgeViewModel.h"
+#include "app/ControlSocket.h"
+#include "app/WatchNowService.h"
 #include "core/CatalogPort.h"
 #include "core/EnginePort.h"
 #include "core/PlexPort.h"
@@ -16,6 +18,7 @@
 #include "core/EngineLog.h"
 #include "core/LibraryStore.h"
 #include "platform/Job.h"
+#include "platform/Notifier.h"
 #include "platform/Paths.h"
 #include "platform/Settings.h"
 #include "plex/PMSClient.h"
@@ -52,6 +55,14 @@ struct AppWiring {
   // The start-up's view of the Plex server; by default a probe over the
   // application's Plex clients.
   PlexAccessFactory plexAccess;
+  // The watch button, over the engine, catalog and publishing made above;
+  // none leaves the application without it.
+  std::function<std::unique_ptr<WatchNowService>(VantoryApp&)> makeWatchNow;
+  // Where notifications go; none: the desktop's notification service, and
+  // where none answers, the activity list and the log.
+  Notifier* notifier = nullptr;
+  // Takes vantory-cli's requests on the socket in the data folder.
+  bool controlSocket = true;
   PlexDiscovery plexDiscovery;
   std::function<void(const std::string&)> console;
 };
@@ -76,6 +87,10 @@ class VantoryApp {
   PublishPort* publishing() { return publishing_.get(); }
   BridgeViewModel& viewModel() { return *viewModel_; }
   ConnectGate& connectGate() { return *connectGate_; }
+  WatchNowService* watchNow() { return watchNow_.get(); }
+  Notifier& notifier() { return *notifier_; }
+  Clock& clock() { return clock_; }
+  HttpClient& http();
   const PMSClientFactory& plexClients() const { return *plexClients_; }
   EngineLog& engineLog() { return engineLog_; }
   ActivityLog& activity() { return *activity_; }
@@ -101,6 +116,11 @@ class VantoryApp {
   std::unique_ptr<PublishPort> publishing_;
   std::unique_ptr<BridgeViewModel> viewModel_;
   std::unique_ptr<ConnectGate> connectGate_;
+  std::unique_ptr<Notifier> ownNotifier_;
+  Notifier* notifier_ = nullptr;
+  std::unique_ptr<WatchNowService> watchNow_;
+  std::unique_ptr<ControlRequests> controlRequests_;
+  std::unique_ptr<ControlServer> controlServer_;
   EngineLog engineLog_;
   bool terminated_ = false;
   JobScope jobs_;  // last: its jobs end before anything else here goes

@@ -8,6 +8,10 @@ namespace vt {
 // Where the application keeps its files. Normally the XDG folders; under a
 // test home (VT_UITEST_HOME) everything lies inside that folder, so that a
 // test run never touches the user's data.
+// The local socket on which the running application takes requests from
+// vantory-cli, in the data folder.
+inline constexpr const char* kControlSocketFileName = "control.sock";
+
 struct AppPaths {
   std::optional<std::string> homeOverride;
   std::string dataDirectory;  // $XDG_DATA_HOME/Vantory, or the test home
@@ -25,6 +29,7 @@ struct AppPaths {
   bool ensureDataDirectory() const;
   // A path inside the data folder.
   std::string data(const std::string& relative) const;
+  std::string controlSocket() const { return data(kControlSocketFileName); }
 };
 
 // The process-wide paths, read from the environment once.

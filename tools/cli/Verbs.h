@@ -85,6 +85,13 @@ int listCatalog(const std::string& directory, std::ostream& out);
 QCoro::Task<int> fetchCatalog(StremioCatalogClient& client, QUrl base, std::string type, std::string catalogId,
                               std::optional<std::string> genre, int limit, std::ostream& out);
 
+// Sends one request to the running application on its control socket and
+// hands each answer line to `onLine` until it returns false (0) or the
+// application closes the connection (1). 2, with the reason on `io.err`,
+// when nothing answers on the socket.
+int askRunningApplication(const std::string& socketPath, const Json& request,
+                          const std::function<bool(const Json& line)>& onLine, Io& io, const std::string& verb);
+
 // The verb table entries.
 Verb releaseVerb();
 Verb rankVerb();
@@ -94,5 +101,9 @@ Verb setupMountVerb();
 Verb subtitleVerb();
 Verb catalogVerb();
 Verb plexLinkVerb();
+Verb watchVerb();
+Verb statusVerb();
+Verb subscribeVerb();
+Verb unsubscribeVerb();
 
 }  // namespace vt::cli

@@ -9,6 +9,7 @@
 #include "engine/EngineSupervisor.h"
 #include "platform/Endpoints.h"
 #include "platform/FolderAccess.h"
+#include "platform/Http.h"
 #include "platform/Log.h"
 #include "plex/PlexLibrarySetup.h"
 #include "plex/PlexSyncCoordinator.h"
@@ -16,6 +17,7 @@
 #include "sources/providers/ProviderRegistry.h"
 #include "sources/ranking/RankingSettings.h"
 #include "sources/rd/RDClient.h"
+#include "sources/resolve/SeriesSkeletonCache.h"
 #include "catalog/CollectionResolve.h"
 
 namespace vt {
@@ -146,6 +148,16 @@ void wireStandardParts(AppWiring& wiring, StandardParts parts) {
       co_return user;
     };
     p.linkIsDead = [](const LibraryTitle& title) { return hasStaleKey(title, StreamProviderRegistry::shared().key()); };
+    p.airedEpisodes = [publishing](std::string seriesId,
+                                   CancelToken token) -> QCoro::Task<std::optional<std::vector<EpisodeNumber>>> {
+      const ResolverServices& services = publishing->resolver().services();
+      auto loaded = co_await services.skeletonCache().skeleton(seriesId, services.cinemeta, services.http, token);
+      if (!loaded) co_return std::nullopt;
+      std::vector<EpisodeNumber> aired;
+      for (const auto& e : loaded->airedEpisodes(services.http.clock().now()))
+        aired.push_back(EpisodeNumber{e.season, e.episode});
+      co_return aired;
+    };
     return std::make_unique<WatchNowService>(std::move(p));
   };
 }

@@ -286,8 +286,7 @@ QCoro::Task<CollectionResolve::SeriesOutcome> CollectionResolve::resolveSeries(s
   const auto outcome = co_await series.run(token);
   switch (outcome.kind) {
     case SeriesResolve::Outcome::Kind::done:
-      // Walked once per run: a show cut short waits for the next run, not the next pass.
-      resolvedIds_.insert(id);
+      // Not complete (it would rest otherwise): the next pass walks it again.
       co_return SeriesOutcome::done;
     case SeriesResolve::Outcome::Kind::noProgress:
       co_return SeriesOutcome::noProgress;

@@ -66,10 +66,9 @@ struct WatchWorld : World {
       reply.json(Json{{"ok", true}});
     });
     test::serveGenerated(cdn, "/films/film.mkv", kFilm);
-    torrentio.onPrefix("GET", "/" + QString::fromStdString(torrentio.config) + "/resolve/",
-                       [this](const auto&, auto& reply) {
-                         reply.send(302, {}, {{"Location", cdn.url("/films/film.mkv").toEncoded()}});
-                       });
+    torrentio.onPrefix("GET", "/resolve/", [this](const auto&, auto& reply) {
+      reply.send(302, {}, {{"Location", cdn.url("/films/film.mkv").toEncoded()}});
+    });
     cinemeta.addMovie(kFilmId, kFilmName, "1994", "142 min");
     torrentio.setReleases("movie", kFilmId,
                           {{"The.Shawshank.Redemption.1994.1080p.BluRay.x264-GRP.mkv", kFilm, kHashA}});

@@ -44,10 +44,9 @@ struct Pass : World {
 
   Pass() {
     test::serveGenerated(cdn, "/films/film.mkv", kFilm);
-    torrentio.onPrefix("GET", "/" + QString::fromStdString(torrentio.config) + "/resolve/",
-                       [this](const auto&, auto& reply) {
-                         reply.send(302, {}, {{"Location", cdn.url("/films/film.mkv").toEncoded()}});
-                       });
+    torrentio.onPrefix("GET", "/resolve/", [this](const auto&, auto& reply) {
+      reply.send(302, {}, {{"Location", cdn.url("/films/film.mkv").toEncoded()}});
+    });
   }
 
   // A film Cinemeta knows; with streams unless told otherwise.

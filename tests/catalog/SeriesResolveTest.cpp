@@ -31,10 +31,9 @@ struct Shows : World {
 
   Shows() {
     test::serveGenerated(cdn, "/films/film.mkv", kFilm);
-    torrentio.onPrefix("GET", "/" + QString::fromStdString(torrentio.config) + "/resolve/",
-                       [this](const auto&, auto& reply) {
-                         reply.send(302, {}, {{"Location", cdn.url("/films/film.mkv").toEncoded()}});
-                       });
+    torrentio.onPrefix("GET", "/resolve/", [this](const auto&, auto& reply) {
+      reply.send(302, {}, {{"Location", cdn.url("/films/film.mkv").toEncoded()}});
+    });
     list = CatalogCollection{.id = newCollectionId(),
                              .name = "Shows",
                              .source = CollectionSource::stremioCatalog("http://127.0.0.1:9/", "series", "top"),

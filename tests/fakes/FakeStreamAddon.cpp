@@ -53,6 +53,11 @@ void FakeStreamAddon::setFault(const std::string& type, const std::string& id, F
   faults_[type + "/" + id] = fault;
 }
 
+std::string FakeStreamAddon::configuredKey() const {
+  const auto equals = config.find('=');
+  return equals == std::string::npos ? config : config.substr(equals + 1);
+}
+
 Json FakeStreamAddon::row(const Release& r) const {
   const std::string host = baseUrl().toString().toStdString() + "/" + config + "/";
   const std::string size = sizeText(r.bytes);
@@ -61,7 +66,9 @@ Json FakeStreamAddon::row(const Release& r) const {
     case Family::torrentio:
       j["name"] = std::string(r.cached ? "[RD+] Torrentio" : "[RD download] Torrentio") + "\n" + r.resolution;
       j["title"] = r.filename + "\n👤 " + std::to_string(r.seeders) + " 💾 " + size + " ⚙️ " + r.origin;
-      j["url"] = host + "resolve/realdebrid/" + r.infoHash + "/null/0/" + encoded(r.filename);
+      // As Torrentio's own: the key of the configuration, then the torrent.
+      j["url"] = baseUrl().toString().toStdString() + "/resolve/realdebrid/" + configuredKey() + "/" + r.infoHash +
+                 "/null/0/" + encoded(r.filename);
       j["behaviorHints"] = Json{{"bingeGroup", "torrentio|" + r.resolution + "|BluRay"}, {"filename", r.filename}};
       break;
     case Family::comet:

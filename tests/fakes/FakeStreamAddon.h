@@ -46,6 +46,7 @@ class FakeStreamAddon : public FakeHttpServer {
 
   Family family;
   std::string config = "realdebrid=addon-cfg";  // the configuration path segment of `base()`
+  std::string configuredKey() const;            // what follows "realdebrid=" in it
   int slowMs = 1500;
 
   // The add-on address the user would paste, without "manifest.json":

@@ -46,10 +46,9 @@ struct OnDemand : World {
 
   OnDemand() {
     test::serveGenerated(cdn, "/films/film.mkv", kFilm);
-    torrentio.onPrefix("GET", "/" + QString::fromStdString(torrentio.config) + "/resolve/",
-                       [this](const auto&, auto& reply) {
-                         reply.send(302, {}, {{"Location", cdn.url("/films/film.mkv").toEncoded()}});
-                       });
+    torrentio.onPrefix("GET", "/resolve/", [this](const auto&, auto& reply) {
+      reply.send(302, {}, {{"Location", cdn.url("/films/film.mkv").toEncoded()}});
+    });
     config.setStreamAddonOverride(torrentio.base().toString().toStdString());
     Json videos = Json::array();
     for (const auto& [s, e, date] : std::vector<std::tuple<int, int, std::string>>{{1, 1, "2020-01-01T00:00:00.000Z"},

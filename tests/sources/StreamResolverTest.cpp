@@ -27,14 +27,13 @@ struct Titles : World {
     test::serveGenerated(cdn, "/films/film.mkv", kFilm);
     test::serveGenerated(cdn, "/videos/slate.mp4", kFilm);
     cdn.on("*", "/down", [](const auto&, auto& reply) { reply.send(503, "busy"); });
-    torrentio.onPrefix("GET", "/" + QString::fromStdString(torrentio.config) + "/resolve/",
-                       [this](const auto& request, auto& reply) {
-                         const auto parts = request.path.split('/');
-                         const std::string hash = parts.size() > 4 ? parts[4].toStdString() : "";
-                         ++linkRequests[hash];
-                         const QString path = linkTargets.count(hash) ? linkTargets[hash] : "/films/film.mkv";
-                         reply.send(302, {}, {{"Location", cdn.url(path).toEncoded()}});
-                       });
+    torrentio.onPrefix("GET", "/resolve/", [this](const auto& request, auto& reply) {
+      const auto parts = request.path.split('/');
+      const std::string hash = parts.size() > 4 ? parts[4].toStdString() : "";
+      ++linkRequests[hash];
+      const QString path = linkTargets.count(hash) ? linkTargets[hash] : "/films/film.mkv";
+      reply.send(302, {}, {{"Location", cdn.url(path).toEncoded()}});
+    });
   }
 
   ResolveOutcome film(const std::string& id, bool allowTS = false, bool uncachedFallback = false,

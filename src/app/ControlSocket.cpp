@@ -3,6 +3,7 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QPointer>
+#include <algorithm>
 
 #include "app/Publishing.h"
 #include "app/VantoryApp.h"
@@ -15,6 +16,10 @@
 #include "platform/Log.h"
 
 namespace vt {
+
+// A request line longer than this is refused, so that a client can't make
+// the application hold what it sends without end.
+constexpr qsizetype kMaxRequestBytes = 64 << 10;
 
 // One connection --------------------------------------------------------------
 
@@ -77,6 +82,13 @@ ControlServer::ControlServer(std::string path, Handler handler)
                          buffer->append(socket->readAll());
                          // One request a connection: the first full line.
                          const auto newline = buffer->indexOf('\n');
+                         if (newline < 0 && buffer->size() > kMaxRequestBytes) {
+                           QObject::disconnect(socket, &QLocalSocket::readyRead, nullptr, nullptr);
+                           const ControlReply reply(socket);
+                           reply.send(Json{{"ok", false}, {"error", "the request is too long"}});
+                           reply.end();
+                           return;
+                         }
                          if (newline < 0) return;
                          const auto line = buffer->left(newline).toStdString();
                          QObject::disconnect(socket, &QLocalSocket::readyRead, nullptr, nullptr);
@@ -87,7 +99,12 @@ ControlServer::ControlServer(std::string path, Handler handler)
                            reply.end();
                            return;
                          }
-                         handler(*request, reply);
+                         try {
+                           handler(*request, reply);
+                         } catch (const std::exception& e) {
+                           reply.send(Json{{"ok", false}, {"error", std::string("the request failed: ") + e.what()}});
+                           reply.end();
+                         }
                        });
                      }
                    });
@@ -140,6 +157,12 @@ bool isDigits(std::string_view s) {
   return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// A request's text field; empty when it is missing or not text.
+std::string textOf(const Json& request, const char* key) {
+  const auto it = request.find(key);
+  return it != request.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
 // A film's IMDb id, or an episode key with unpadded numbers.
 struct WatchId {
   std::string imdb;
@@ -174,16 +197,16 @@ ControlRequests::~ControlRequests() {
 }
 
 void ControlRequests::handle(const Json& request, ControlReply reply) {
-  const std::string verb = request.value("verb", std::string());
+  const std::string verb = textOf(request, "verb");
   if (verb == "watch") {
-    watch(request.value("id", std::string()), reply);
+    watch(textOf(request, "id"), reply);
   } else if (verb == "status") {
     reply.send(Json{{"ok", true}, {"status", status()}});
     reply.end();
   } else if (verb == "subscribe") {
     subscribe(request, reply);
   } else if (verb == "unsubscribe") {
-    unsubscribe(request.value("collection", std::string()), reply);
+    unsubscribe(textOf(request, "collection"), reply);
   } else {
     reply.send(failure("unknown request '" + verb + "'"));
     reply.end();
@@ -240,7 +263,8 @@ void ControlRequests::followJob(const std::string& id, ControlReply reply) {
   auto report = [service, id, reply, seen] {
     const auto* job = service->job(id);
     if (!job) {
-      reply.send(Json{{"stage", "failed"}, {"text", "the press was dropped: the engine has no control address"}});
+      reply.send(Json{{"stage", "failed"},
+                      {"text", "the press was dropped (no engine to publish through, or it was removed)"}});
       reply.end();
     } else if (!seen->phase || *seen->phase != job->phase) {
       seen->phase = job->phase;
@@ -324,9 +348,9 @@ void ControlRequests::subscribe(const Json& request, ControlReply reply) {
     reply.end();
     return;
   }
-  const std::string addon = request.value("addon", std::string());
-  const std::string type = request.value("type", std::string());
-  const std::string catalogId = request.value("catalog", std::string());
+  const std::string addon = textOf(request, "addon");
+  const std::string type = textOf(request, "type");
+  const std::string catalogId = textOf(request, "catalog");
   if (addon.empty() || type.empty() || catalogId.empty()) {
     reply.send(failure("a subscription needs the add-on's address, the type and the catalog id"));
     reply.end();
@@ -335,7 +359,8 @@ void ControlRequests::subscribe(const Json& request, ControlReply reply) {
   std::optional<std::string> genre;
   if (request.contains("genre") && request["genre"].is_string()) genre = request["genre"].get<std::string>();
   int maxItems = CatalogCollection{}.maxItems;
-  if (request.contains("max") && request["max"].is_number_integer()) maxItems = request["max"].get<int>();
+  if (request.contains("max") && request["max"].is_number_integer())
+    maxItems = static_cast<int>(std::clamp<int64_t>(request["max"].get<int64_t>(), 0, 100000));
   if (maxItems < 1) {
     reply.send(failure("--max must be at least 1"));
     reply.end();

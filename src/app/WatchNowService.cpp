@@ -70,7 +70,7 @@ int leadingYear(const std::string& year) {
   const std::string_view head = std::string_view(year).substr(0, 4);
   int v = 0;
   const auto r = std::from_chars(head.data(), head.data() + head.size(), v);
-  if (head.empty() || r.ec != std::errc()) return std::numeric_limits<int>::max();
+  if (head.empty() || r.ec != std::errc() || r.ptr != head.data() + head.size()) return std::numeric_limits<int>::max();
   return v;
 }
 
@@ -256,7 +256,9 @@ QCoro::Task<WatchNowService::Failure> WatchNowService::failureFor(ResolveOutcome
     if (p_.account) {
       const auto user = co_await p_.account(token);
       if (user) {
-        if (user.value().type != "premium" || user.value().premium <= 0) accountProblem = accountExpiredText();
+        // Premium days, whole: less than a day left counts as run out.
+        const int64_t days = user.value().premium / 86400;
+        if (user.value().type != "premium" || days <= 0) accountProblem = accountExpiredText();
       } else if (user.error().kind == RDError::Kind::http &&
                  (user.error().status == 401 || user.error().status == 403)) {
         accountProblem = accountRefusedText();
@@ -340,12 +342,18 @@ QCoro::Task<> WatchNowService::finish(Press press, LibraryTitle title, std::stri
                           : (p_.movieControlURL ? p_.movieControlURL() : std::nullopt);
   if (control && p_.prewarm) {
     co_await p_.prewarm(*control, title.name, token);
-    if (token.isCancelled()) co_return;
+    if (token.isCancelled()) {
+      if (*alive) undoAfterCancel(press, undoFiling);
+      co_return;
+    }
   }
 
   std::optional<std::string> openURL;
   const auto machine = co_await client.machineInfo();
-  if (token.isCancelled()) co_return;
+  if (token.isCancelled()) {
+    if (*alive) undoAfterCancel(press, undoFiling);
+    co_return;
+  }
   if (machine && !machine.value().first.empty() && machine.value().first != "—")
     openURL = plexWebAddress(p_.webAppBase, machine.value().first, *ratingKey);
 
@@ -431,13 +439,18 @@ void WatchNowService::open(const std::string& id) {
 }
 
 void WatchNowService::remove(const std::string& id) {
+  // Everything of the job goes before its run is cancelled: a cancel resumes
+  // the run at once, and its undo must find no job of this id left.
+  std::optional<vt::Job> task;
   if (const auto it = tasks_.find(id); it != tasks_.end()) {
-    it->second.cancel();
+    task = it->second;
     tasks_.erase(it);
   }
   runs_.erase(id);
   dropRemovalJob(id);
-  if (jobs_.erase(id)) emit jobsChanged();
+  const bool removed = jobs_.erase(id) > 0;
+  if (task) task->cancel();
+  if (removed) emit jobsChanged();
 }
 
 void WatchNowService::clear(const std::string& id) {

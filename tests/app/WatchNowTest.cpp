@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QLocalSocket>
+
 #include "app/ControlSocket.h"
 #include "app/VantoryApp.h"
 #include "app/WatchNowService.h"
@@ -303,6 +305,24 @@ TEST(WatchNow, ACancelledPressTakesOutOnlyWhatItFiled) {
   EXPECT_TRUE(w.inLibraryCollection(kFilmId));
 }
 
+TEST(WatchNow, RemovingAJobWhileItWaitsForPlexUndoesItsFiling) {
+  WatchWorld w;
+  w.plex.scanDelay = 100000;  // Plex never gets round to the file
+  LibraryTitle t{.name = "The Shawshank Redemption (1994) {imdb-tt0111161}.mkv", .url = "http://cdn.invalid/x"};
+  t.resolvedAt = w.clock.now();
+  w.library.upsert(t);
+  w.service->watch(WatchNowService::Film{kFilmId, kFilmName});
+  ASSERT_TRUE(w.service->isFiledByPress(kFilmId));
+  // The 3-second wait between looks at Plex's index: a cancel resumes the run at once.
+  ASSERT_TRUE(test::spinUntil([&] { return w.clock.sleeping().has_value(); }, 5000));
+  w.service->remove(kFilmId);
+  EXPECT_EQ(w.job(), nullptr);
+  EXPECT_TRUE(test::spinUntil([&] { return !w.inLibraryCollection(kFilmId); }, 3000))
+      << "the press filed it, so its cancel takes it out";
+  EXPECT_FALSE(w.service->isFiledByPress(kFilmId));
+  EXPECT_TRUE(w.notifier.posted.empty());
+}
+
 TEST(WatchNow, APressWithoutAConnectionAsksToConnectAndRepeatsAfterwards) {
   WatchWorld w;
   w.config.setPlexServerName("");
@@ -391,4 +411,29 @@ TEST(ControlSocket, ARefusedRequestExitsNonZeroWithItsReason) {
   EXPECT_NE(err.str().find("system collection"), std::string::npos) << err.str();
   EXPECT_EQ(cli::run({"watch", "--home", home.path(), kFilmId}, io), 1);
   EXPECT_NE(out.str().find("No source found"), std::string::npos);
+}
+
+TEST(ControlSocket, MalformedOrEndlessRequestsAreAnsweredAndTheApplicationGoesOn) {
+  test::TestHome home;
+  ControlServer server(home.paths().controlSocket(), [](const Json& request, ControlReply reply) {
+    // What the application's handler does with a field of the wrong type.
+    reply.send(Json{{"ok", true}, {"verb", request.at("verb").get<std::string>()}});
+    reply.end();
+  });
+  const auto ask = [&](const QByteArray& bytes) {
+    QLocalSocket socket;
+    socket.connectToServer(QString::fromStdString(home.paths().controlSocket()));
+    if (!socket.waitForConnected(2000)) return QByteArray("not connected");
+    socket.write(bytes);
+    QByteArray answer;
+    test::spinUntil([&] {
+      answer += socket.readAll();
+      return answer.endsWith('\n') || socket.state() != QLocalSocket::ConnectedState;
+    });
+    return answer;
+  };
+  EXPECT_TRUE(ask("{\"verb\":5}\n").contains("\"ok\":false")) << "a handler that throws answers a failure";
+  EXPECT_TRUE(ask("[1,2]\n").contains("not a JSON object"));
+  EXPECT_TRUE(ask(QByteArray(100 << 10, 'x')).contains("too long"));
+  EXPECT_TRUE(ask("{\"verb\":\"status\"}\n").contains("\"ok\":true")) << "and it still answers";
 }

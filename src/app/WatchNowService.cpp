@@ -367,7 +367,8 @@ QCoro::Task<> WatchNowService::finish(Press press, LibraryTitle title, std::stri
   p_.notifier->post(Notification{.title = "Ready in Plex",
                                  .body = press.displayName + " is ready to watch.",
                                  .identifier = "watchnow-ready-" + uuid,
-                                 .openURL = openURL});
+                                 .openURL = openURL,
+                                 .sound = true});
 
   // A ready job goes away after a while, unless pressed again.
   dropRemovalJob(id);

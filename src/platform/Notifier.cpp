@@ -98,6 +98,7 @@ void DesktopNotifier::post(const Notification& n) {
   if (n.openURL) actions << kDefaultAction << "Open" << kOpenAction << "Open";
   QVariantMap hints;
   hints.insert("desktop-entry", QStringLiteral("vantory"));
+  if (n.sound) hints.insert("sound-name", QStringLiteral("message-new-instant"));
   const auto previous = state_->idByIdentifier.find(n.identifier);
   const uint replaces = previous == state_->idByIdentifier.end() ? 0u : previous->second;
   auto call = QDBusMessage::createMethodCall(kService, kPath, kService, "Notify");

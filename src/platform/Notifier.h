@@ -18,6 +18,8 @@ struct Notification {
   std::string identifier;
   // Opened when the user clicks the notification; none: a click does nothing.
   std::optional<std::string> openURL;
+  // With the desktop's usual notification sound.
+  bool sound = false;
   bool operator==(const Notification&) const = default;
 };
 

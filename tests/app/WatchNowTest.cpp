@@ -176,7 +176,8 @@ TEST(WatchNow, AFilmNotInTheLibraryEndsReadyWithThePlexWebLinkAndAPrewarmedEngin
   EXPECT_EQ(w.notifier.posted[0], (Notification{.title = "Ready in Plex",
                                                 .body = kFilmName + " is ready to watch.",
                                                 .identifier = "watchnow-ready-" + *uuid,
-                                                .openURL = link}));
+                                                .openURL = link,
+                                                .sound = true}));
   ASSERT_EQ(w.prewarms.size(), 1u);
   EXPECT_EQ(w.prewarms[0]["names"], Json::array({title->name}));
 

@@ -306,24 +306,6 @@ TEST(WatchNow, ACancelledPressTakesOutOnlyWhatItFiled) {
   EXPECT_TRUE(w.inLibraryCollection(kFilmId));
 }
 
-TEST(WatchNow, RemovingAJobWhileItWaitsForPlexUndoesItsFiling) {
-  WatchWorld w;
-  w.plex.scanDelay = 100000;  // Plex never gets round to the file
-  LibraryTitle t{.name = "The Shawshank Redemption (1994) {imdb-tt0111161}.mkv", .url = "http://cdn.invalid/x"};
-  t.resolvedAt = w.clock.now();
-  w.library.upsert(t);
-  w.service->watch(WatchNowService::Film{kFilmId, kFilmName});
-  ASSERT_TRUE(w.service->isFiledByPress(kFilmId));
-  // The 3-second wait between looks at Plex's index: a cancel resumes the run at once.
-  ASSERT_TRUE(test::spinUntil([&] { return w.clock.sleeping().has_value(); }, 5000));
-  w.service->remove(kFilmId);
-  EXPECT_EQ(w.job(), nullptr);
-  EXPECT_TRUE(test::spinUntil([&] { return !w.inLibraryCollection(kFilmId); }, 3000))
-      << "the press filed it, so its cancel takes it out";
-  EXPECT_FALSE(w.service->isFiledByPress(kFilmId));
-  EXPECT_TRUE(w.notifier.posted.empty());
-}
-
 TEST(WatchNow, APressWithoutAConnectionAsksToConnectAndRepeatsAfterwards) {
   WatchWorld w;
   w.config.setPlexServerName("");

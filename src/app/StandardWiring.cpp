@@ -19,6 +19,8 @@
 #include "sources/rd/RDClient.h"
 #include "sources/resolve/SeriesSkeletonCache.h"
 #include "catalog/CollectionResolve.h"
+#include "catalog/SeriesResolve.h"
+#include "sources/resolve/EpisodeOnDemandResolver.h"
 
 namespace vt {
 
@@ -131,16 +133,21 @@ void wireStandardParts(AppWiring& wiring, StandardParts parts) {
       auto outcome = co_await publishing->resolver().resolveMovie(id, *addon, ranker, config->allowTS(), false, token);
       co_return outcome;
     };
-    // Until the series layer's on-demand resolver lands, an episode resolves
-    // straight through the resolver with the same picks.
-    p.resolveEpisode = [config, history, publishing](WatchNowService::Episode e,
-                                                     CancelToken token) -> QCoro::Task<ResolveOutcome> {
-      const auto addon = addonURL(*config);
-      if (!addon) co_return ResolveOutcome::transient();
-      const StreamRanker ranker = rankerFor(config->quality(), history->chosenGroups());
-      auto outcome = co_await publishing->resolver().resolveEpisode(e.series.imdbId, e.number.season, e.number.episode,
-                                                                    *addon, ranker, config->allowTS(), token);
-      co_return outcome;
+    // An episode goes through the on-demand resolver, as a play intent would,
+    // so its library entry, cooling and log lines are the intent's own. Its
+    // outcome folds "not aired yet" into "busy"; the press reads the
+    // resolver's own verdict for its texts.
+    auto episodes = std::make_shared<EpisodeOnDemandResolver>(EpisodeOnDemandResolver::Parts{
+        .config = config,
+        .store = &app.library(),
+        .resolver = &publishing->resolver(),
+        .catalogStore = [catalog]() -> std::optional<EpisodeCatalogView> { return episodeCatalogView(*catalog); },
+        .applyLibrary = [engine] { engine->kickPlexSync(); },
+        .log = {}});
+    p.resolveEpisode = [episodes](WatchNowService::Episode e, CancelToken token) -> QCoro::Task<ResolveOutcome> {
+      const std::string key = episodeKey(e.series.imdbId, e.number.season, e.number.episode);
+      auto outcome = co_await episodes->resolve(key, EpisodeOnDemandResolver::Reason::watchPress, token);
+      co_return outcome.asResolveOutcome();
     };
     p.account = [config, http](CancelToken token) -> QCoro::Task<Result<RDUserInfo, RDError>> {
       const RDClient client(*http, config->rdKey());

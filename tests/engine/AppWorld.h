@@ -18,6 +18,7 @@
 #include "platform/Clock.h"
 #include "platform/Http.h"
 #include "platform/Mounts.h"
+#include "platform/Notifier.h"
 #include "platform/Settings.h"
 #include "support/TestKit.h"
 
@@ -50,6 +51,7 @@ struct AppWorld {
     http = std::make_unique<HttpClient>(clock, HttpClient::Session::ephemeral);
     AppWiring wiring;
     wiring.paths = AppPaths::forTestHome(home.path());
+    wiring.notifier = &notifier;
     wiring.installHttpCache = false;
     wireStandardParts(wiring, {.clock = &clock,
                                .http = http.get(),
@@ -65,6 +67,7 @@ struct AppWorld {
   ~AppWorld() { app->willTerminate(); }
 
   std::string movies;
+  RecordingNotifier notifier;
   std::unique_ptr<LinuxLibraryMounter> mounter;
   std::unique_ptr<HttpClient> http;
   std::unique_ptr<VantoryApp> app;

@@ -35,6 +35,7 @@
 #include "platform/Settings.h"
 #include "sources/resolve/StreamResolver.h"
 #include "engine/AppWorld.h"
+#include "engine/FilmSources.h"
 #include "support/TestKit.h"
 
 using namespace vt;
@@ -43,7 +44,6 @@ namespace {
 
 constexpr int kCatalogSize = 100;
 constexpr int kListSize = 60;
-constexpr int64_t kFilmBytes = 4'200'000'000;  // far above the probe's floor
 const std::string kListName = "Top Films";
 
 std::string tt(int n) { return "tt" + std::to_string(2000000 + n); }
@@ -53,47 +53,6 @@ std::string hashOf(int n) {
   const std::string digits = std::to_string(n);
   return std::string(40 - digits.size(), 'a') + digits;
 }
-
-std::string withoutTrailingSlash(QUrl url) {
-  std::string s = url.toString().toStdString();
-  while (!s.empty() && s.back() == '/') s.pop_back();
-  return s;
-}
-
-// The stream add-ons, Real-Debrid and its file host as the resolver meets
-// them: Torrentio rows whose links carry the account key, each link
-// redirecting to the film's bytes on the debrid file host; Comet, asked
-// too, has nothing cached.
-struct Sources {
-  test::FakeRealDebrid rd;
-  test::FakeStreamAddon torrentio{test::FakeStreamAddon::Family::torrentio};
-  test::FakeStreamAddon comet{test::FakeStreamAddon::Family::comet};
-  test::FakeCinemeta cinemeta;
-
-  Sources() {
-    torrentio.config = "realdebrid=" + rd.key;
-    torrentio.onPrefix("GET", "/resolve/realdebrid/", [this](const auto& request, auto& reply) {
-      const auto parts = request.path.split('/');
-      const QString hash = parts.size() > 4 ? parts[4] : QString();
-      reply.send(302, {}, {{"Location", rd.fileHost().url("/d/" + hash).toEncoded()}});
-    });
-  }
-
-  void film(const std::string& id, const std::string& name, const std::string& year, const std::string& hash,
-            bool withStream = true) {
-    cinemeta.addMovie(id, name, year, "100 min", year + "-03-01T00:00:00.000Z");
-    if (!withStream) return;  // the add-on answers with an empty list
-    std::string release = name + "." + year + ".1080p.BluRay.x264-GRP.mkv";
-    std::replace(release.begin(), release.end(), ' ', '.');
-    const test::FakeStreamAddon::Release r{release, kFilmBytes, hash};
-    Json row = torrentio.row(r);
-    // Torrentio's links name the account they were made for.
-    row["url"] =
-        withoutTrailingSlash(torrentio.baseUrl()) + "/resolve/realdebrid/" + rd.key + "/" + hash + "/null/0/" + release;
-    torrentio.setRows("movie", id, Json::array({row}));
-    test::serveGenerated(rd.fileHost(), QString::fromStdString("/d/" + hash), kFilmBytes);
-  }
-};
 
 }  // namespace
 
@@ -117,7 +76,7 @@ TEST(PublishList, ASubscribedListOfSixtyReachesPlexInWavesWithBackfillForFilmsWi
     }
   } showLog{lines};
 
-  Sources sources;
+  test::FilmSources sources;
   sources.torrentio.setFault(test::FakeStreamAddon::Fault::slow);
   // A busy public add-on's pace; the other services answer at once.
   sources.torrentio.slowMs = 350;
@@ -134,11 +93,7 @@ TEST(PublishList, ASubscribedListOfSixtyReachesPlexInWavesWithBackfillForFilmsWi
   }
   addon.setCatalog("movie", "top", std::nullopt, rows);
 
-  // The endpoint table is read once per process, from the environment.
-  qputenv("VT_ENDPOINT_CINEMETA", QByteArray::fromStdString(withoutTrailingSlash(sources.cinemeta.baseUrl())));
-  qputenv("VT_ENDPOINT_RD_API", QByteArray::fromStdString(withoutTrailingSlash(sources.rd.baseUrl())));
-  qputenv("VT_ENDPOINT_COMET", QByteArray::fromStdString(withoutTrailingSlash(sources.comet.baseUrl())));
-  ASSERT_EQ(endpoints().cinemeta, withoutTrailingSlash(sources.cinemeta.baseUrl()))
+  ASSERT_TRUE(sources.becomeEndpoints())
       << "the endpoint table was read before this test: run it in a process of its own (ctest does)";
 
   test::FakePlexServer plex("plex-token", clock);

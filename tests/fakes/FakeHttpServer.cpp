@@ -4,6 +4,7 @@
 #include <QHttpServerResponder>
 #include <QIODevice>
 #include <QTcpSocket>
+#include <QTimer>
 #include <QUrlQuery>
 #include <stdexcept>
 
@@ -101,12 +102,8 @@ FakeHttpServer::FakeHttpServer() {
         if (auto state = weak.lock(); state && !state->answered) ++*abandoned;
       });
     }
-    dispatch(r, reply);
-    if (reply.state_->held && !reply.answered()) {
-      held_.push_back(reply);
-    } else if (!reply.answered() && reply.state_.use_count() == 1) {
-      reply.send(404, "no route");
-    }
+    if (latencyMs <= 0) return answer(r, reply);
+    QTimer::singleShot(latencyMs, &server_, [this, r, reply]() mutable { answer(r, reply); });
   });
   port_ = server_.listen(QHostAddress::LocalHost, 0);
   if (port_ == 0) throw std::runtime_error("fake server could not listen on 127.0.0.1");
@@ -133,6 +130,15 @@ std::vector<FakeHttpServer::Request> FakeHttpServer::requestsTo(const QString& p
   for (const auto& r : requests_)
     if (r.path == path) out.push_back(r);
   return out;
+}
+
+void FakeHttpServer::answer(const Request& request, Reply& reply) {
+  dispatch(request, reply);
+  if (reply.state_->held && !reply.answered()) {
+    held_.push_back(reply);
+  } else if (!reply.answered() && reply.state_.use_count() == 1) {
+    reply.send(404, "no route");
+  }
 }
 
 void FakeHttpServer::dispatch(const Request& request, Reply& reply) {

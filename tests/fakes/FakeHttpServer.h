@@ -71,6 +71,10 @@ class FakeHttpServer {
   FakeHttpServer(const FakeHttpServer&) = delete;
   FakeHttpServer& operator=(const FakeHttpServer&) = delete;
 
+  // Real time every request waits before its route answers: a service at
+  // its usual distance.
+  int latencyMs = 0;
+
   quint16 port() const { return port_; }
   QUrl baseUrl() const;
   QUrl url(const QString& pathAndQuery) const;
@@ -92,6 +96,7 @@ class FakeHttpServer {
     bool prefix;
     Handler handler;
   };
+  void answer(const Request& request, Reply& reply);
   void dispatch(const Request& request, Reply& reply);
 
   QHttpServer server_;

@@ -168,3 +168,31 @@ TEST(EpisodeOnDemand, OneKeyResolvesOnceAtATimeAndThePrewarmTakesTheNextEpisode)
   EXPECT_EQ(EpisodeOnDemandResolver::nextEpisode(*show, 1, 1)->episode, 2);
   EXPECT_FALSE(EpisodeOnDemandResolver::nextEpisode(*show, 2, 2));
 }
+
+TEST(EpisodeOnDemand, AWatchPressResolvesAfreshTriesACoolingKeyAndKeepsTheResolversVerdict) {
+  OnDemand w;
+  w.rows(1, 2);
+  const std::string key = kShow + ":1:2";
+  ASSERT_EQ(w.ask(key).kind, OK::resolved);
+  // The press has judged the held title stale: it resolves again (rows
+  // from the resolver's cache, links proved afresh).
+  w.said.clear();
+  const auto pressed = w.ask(key, Reason::watchPress);
+  ASSERT_EQ(pressed.kind, OK::resolved);
+  EXPECT_TRUE(w.heard("[intent] resolving " + key + " on play intent"));
+  EXPECT_EQ(pressed.asResolveOutcome().kind, ResolveOutcome::Kind::resolved);
+
+  // A cooling key is tried all the same when a person asks for it.
+  w.cooling.insert(key);
+  EXPECT_EQ(w.ask(key, Reason::watchPress).kind, OK::resolved);
+
+  // Not aired yet: the intent's word is "busy", the verdict keeps the date
+  // that the press shows.
+  const auto later = w.ask(kShow + ":2:2", Reason::watchPress);
+  EXPECT_EQ(later.kind, OK::transient);
+  const ResolveOutcome verdict = later.asResolveOutcome();
+  ASSERT_EQ(verdict.kind, ResolveOutcome::Kind::unreleased);
+  EXPECT_EQ(verdict.released.value_or(""), "2099-01-01T00:00:00.000Z");
+  // Given up without a resolve: a passing failure.
+  EXPECT_EQ(w.ask("tt0000501:x:1", Reason::watchPress).asResolveOutcome().kind, ResolveOutcome::Kind::transient);
+}

@@ -30,6 +30,12 @@ std::string sizeText(int64_t bytes) {
 
 }  // namespace
 
+ResolveOutcome EpisodeOnDemandResolver::Outcome::asResolveOutcome() const {
+  if (kind == Kind::resolved && title) return ResolveOutcome::resolved(*title);
+  if (verdict) return *verdict;
+  return ResolveOutcome::transient();
+}
+
 EpisodeOnDemandResolver::EpisodeOnDemandResolver(Parts parts) : parts_(std::move(parts)) {}
 
 void EpisodeOnDemandResolver::say(const std::string& line) const {
@@ -63,12 +69,13 @@ QCoro::Task<EpisodeOnDemandResolver::Outcome> EpisodeOnDemandResolver::resolve(s
                                                                                CancelToken token) {
   const auto parsed = parseKey(key);
   if (!parsed) co_return outcomeOf(Kind::giveUp);
-  if (const LibraryTitle* held = parts_.store->titleByEpisodeKey(key); held && !held->url.empty()) {
+  const bool pressed = reason == Reason::watchPress;
+  if (const LibraryTitle* held = parts_.store->titleByEpisodeKey(key); held && !held->url.empty() && !pressed) {
     LibraryTitle copy = *held;
     co_return outcomeOf(Kind::resolved, std::move(copy));
   }
   const auto catalog = parts_.catalogStore ? parts_.catalogStore() : std::nullopt;
-  if (catalog && catalog->isCooling && catalog->isCooling(key)) co_return outcomeOf(Kind::giveUp);
+  if (!pressed && catalog && catalog->isCooling && catalog->isCooling(key)) co_return outcomeOf(Kind::giveUp);
   if (inFlight_.count(key)) co_return outcomeOf(Kind::giveUp);
   if (!addonURL(*parts_.config)) co_return outcomeOf(Kind::giveUp);
 
@@ -103,6 +110,10 @@ QCoro::Task<EpisodeOnDemandResolver::Outcome> EpisodeOnDemandResolver::work(std:
                                                std::move(ranker), config.allowTS(), std::move(existing), token);
   }
   if (token.isCancelled() && outcome.kind != ResolveOutcome::Kind::resolved) co_return outcomeOf(Kind::transient);
+  const auto withVerdict = [&outcome](Outcome o) {
+    o.verdict = outcome;
+    return o;
+  };
 
   const auto catalog = parts_.catalogStore ? parts_.catalogStore() : std::nullopt;
   switch (outcome.kind) {
@@ -119,11 +130,11 @@ QCoro::Task<EpisodeOnDemandResolver::Outcome> EpisodeOnDemandResolver::work(std:
     case ResolveOutcome::Kind::noStream:
       if (catalog && catalog->markFailed) catalog->markFailed(key);
       say("[intent] no playable source for " + key + " — cooling down");
-      co_return outcomeOf(Kind::noStream);
+      co_return withVerdict(outcomeOf(Kind::noStream));
     case ResolveOutcome::Kind::unreleased:
     case ResolveOutcome::Kind::transient:
       say("[intent] stream catalog busy for " + key + " — will retry on next play");
-      co_return outcomeOf(Kind::transient);
+      co_return withVerdict(outcomeOf(Kind::transient));
   }
   co_return outcomeOf(Kind::transient);
 }

@@ -10,12 +10,12 @@
 #include "core/LibraryTitle.h"
 #include "platform/Cancellation.h"
 #include "sources/resolve/SeriesSkeleton.h"
+#include "sources/resolve/StreamResolver.h"
 
 namespace vt {
 
 class AppConfig;
 class LibraryStore;
-class StreamResolver;
 
 // What resolving an episode on demand needs of the catalog of followed
 // lists, as plain functions: the catalog lives above the sources.
@@ -37,8 +37,18 @@ class EpisodeOnDemandResolver {
     enum class Kind { resolved, noStream, transient, giveUp };
     Kind kind = Kind::giveUp;
     std::optional<LibraryTitle> title;  // resolved
+    // The resolver's own verdict when a resolve ran: the watch button tells
+    // "not aired yet (airs …)" from "no source", which this outcome folds.
+    std::optional<ResolveOutcome> verdict;
+
+    // In the resolver's four words: the verdict where there is one; a key
+    // given up on without a resolve is a passing failure.
+    ResolveOutcome asResolveOutcome() const;
   };
-  enum class Reason { playIntent, nextEpisodePrewarm };
+  // A press of the watch button is a play intent that a person asked for in
+  // so many words: it has already judged the library's title stale or dead,
+  // so it resolves afresh, and a cooling key is tried all the same.
+  enum class Reason { playIntent, nextEpisodePrewarm, watchPress };
 
   struct Parts {
     AppConfig* config = nullptr;
@@ -54,7 +64,8 @@ class EpisodeOnDemandResolver {
 
   // Resolves the episode "seriesId:season:episode". An episode the library
   // already holds with a link is served as it is; a cooling key, a key
-  // already being resolved, a bad key or no add-on address give up.
+  // already being resolved, a bad key or no add-on address give up (a
+  // watch press skips the first two of these).
   QCoro::Task<Outcome> resolve(std::string key, Reason reason, CancelToken token = CancelToken::none());
   // The episode after `currentKey` in the show's season and episode order,
   // resolved as a next-episode prewarm; gives up at the show's last episode.

@@ -1,13 +1,20 @@
-// The watch button in the application as main() wires it: the press resolves
-// through the stream add-on and Real-Debrid, the real engine publishes the
-// file in its mounted folder, the local Plex server indexes it from there,
-// and the ready notification carries the Plex web link.
+// The watch button in the application as main() wires it, pressed from
+// vantory-cli over the application's socket: the press resolves through the
+// stream add-on and Real-Debrid, the real engine publishes the file in its
+// mounted folder, the local Plex server indexes it from there, and the ready
+// notification carries the Plex web link. The socket's other verbs (status,
+// subscribe, unsubscribe) run against the same application.
 
 #include <QElapsedTimer>
+#include <atomic>
+#include <sstream>
+#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "app/WatchNowService.h"
+#include "cli/Verbs.h"
+#include "fakes/FakeCatalogAddon.h"
 #include "engine/AppWorld.h"
 #include "engine/FilmSources.h"
 #include "platform/Log.h"
@@ -21,9 +28,33 @@ namespace {
 const std::string kFilm = "tt0111161";
 const std::string kShow = "tt0944947";
 
+// vantory-cli on a thread of its own, since the application it talks to runs
+// on this one.
+struct CliRun {
+  std::istringstream in;
+  std::ostringstream out, err;
+  cli::Io io{in, out, err};
+  std::atomic<bool> done = false;
+  int code = -1;
+  std::thread thread;
+
+  explicit CliRun(std::vector<std::string> args)
+      : thread([this, args] {
+          code = cli::run(args, io);
+          done = true;
+        }) {}
+  ~CliRun() { thread.join(); }
+  std::vector<Json> lines() const {
+    std::vector<Json> out;
+    std::istringstream text(this->out.str());
+    for (std::string line; std::getline(text, line);) out.push_back(json::parse(line).value_or(Json()));
+    return out;
+  }
+};
+
 }  // namespace
 
-TEST(WatchPress, AFilmNotInTheLibraryIsReadyInPlexFromTheMountAndAnUnairedEpisodeSaysWhenItAirs) {
+TEST(WatchPress, FromTheCommandLineAFilmIsReadyInPlexFromTheMountAnUnairedEpisodeSaysWhenAndListsComeAndGo) {
   if (!test::canMountWithFuse()) GTEST_SKIP() << "no FUSE on this machine";
   test::TestHome home;
   ManualClock clock;
@@ -62,12 +93,34 @@ TEST(WatchPress, AFilmNotInTheLibraryIsReadyInPlexFromTheMountAndAnUnairedEpisod
   WatchNowService* watch = app.watchNow();
   ASSERT_NE(watch, nullptr);
 
-  watch->watch(WatchNowService::Film{kFilm, "The Shawshank Redemption"});
+  const auto cli = [&](std::vector<std::string> args) {
+    args.insert(args.begin() + 1, {"--home", home.path()});
+    auto run = std::make_unique<CliRun>(std::move(args));
+    EXPECT_TRUE(drive([&] { return run->done.load(); })) << "vantory-cli " << run->out.str();
+    return run;
+  };
+
+  // The status names the engines, Plex's view and the collections.
+  auto status = cli({"status"});
+  ASSERT_EQ(status->code, 0) << status->err.str();
+  const Json state = status->lines().at(0).at("status");
+  EXPECT_EQ(state.at("engines").at(0).at("state"), "running");
+  EXPECT_TRUE(state.at("engines").at(0).contains("plexCanRead"));
+
+  // The press from the command line: progress lines until ready, with the link.
+  CliRun press({"watch", "--home", home.path(), kFilm});
+  ASSERT_TRUE(drive([&] { return watch->job(kFilm) != nullptr; }));
   const auto firstRun = watch->run(kFilm);
   watch->watch(WatchNowService::Film{kFilm, "The Shawshank Redemption"});
   EXPECT_EQ(watch->run(kFilm), firstRun) << "a second press during the first changes nothing";
-  ASSERT_TRUE(drive([&] { return watch->job(kFilm) && !watch->job(kFilm)->phase.isActive(); }));
+  ASSERT_TRUE(drive([&] { return press.done.load(); }));
+  EXPECT_EQ(press.code, 0) << press.err.str() << press.out.str();
   ASSERT_EQ(watch->job(kFilm)->phase.kind, Phase::Kind::ready) << message(watch->job(kFilm)->phase);
+  const auto progress = press.lines();
+  ASSERT_GE(progress.size(), 2u);
+  EXPECT_EQ(progress.front().at("stage"), "resolving");
+  EXPECT_EQ(progress.back().at("stage"), "ready");
+  EXPECT_EQ(progress.back().at("text"), "The Shawshank Redemption is ready to watch.");
 
   const LibraryTitle* title = app.library().titleByImdb(kFilm);
   ASSERT_NE(title, nullptr);
@@ -81,6 +134,7 @@ TEST(WatchPress, AFilmNotInTheLibraryIsReadyInPlexFromTheMountAndAnUnairedEpisod
   EXPECT_EQ(ready.openURL.value_or(""), endpoints().plexWebApp + "/desktop/#!/server/" + plex.machineIdentifier +
                                             "/details?key=%2Flibrary%2Fmetadata%2F" + item->ratingKey);
   EXPECT_EQ(watch->job(kFilm)->openURL, ready.openURL);
+  EXPECT_EQ(progress.back().value("url", ""), ready.openURL.value_or("-"));
 
   // An episode goes through the on-demand resolver; one that hasn't aired
   // fails with its date, and nothing is published for it.
@@ -93,4 +147,29 @@ TEST(WatchPress, AFilmNotInTheLibraryIsReadyInPlexFromTheMountAndAnUnairedEpisod
   EXPECT_EQ(world.notifier.posted[1].body, "Not aired yet (airs 2099-06-01).");
   EXPECT_EQ(app.library().titleByEpisodeKey(later), nullptr);
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "[intent] resolving " + later + " on play intent"), 1);
+
+  // A catalog row, subscribed and published as the window does it; the
+  // system collections can't be removed, a subscription can.
+  test::FakeCatalogAddon addon;
+  addon.setCatalog("movie", "top", std::nullopt,
+                   Json::array({Json{{"id", kFilm}, {"type", "movie"}, {"name", "The Shawshank Redemption"}}}));
+  auto subscribed = cli({"subscribe", addon.base().toString().toStdString(), "movie", "top", "--max", "10"});
+  ASSERT_EQ(subscribed->code, 0) << subscribed->err.str();
+  const Json made = subscribed->lines().at(0);
+  EXPECT_EQ(made.at("items"), 1);
+  const std::string listId = made.at("id");
+  ASSERT_NE(world.catalog->collection(listId), nullptr);
+  EXPECT_TRUE(world.catalog->isMaterialised(listId));
+  EXPECT_EQ(cli({"subscribe", addon.base().toString().toStdString(), "movie", "top"})->code, 1) << "already";
+  status = cli({"status"});
+  const Json lists = status->lines().at(0).at("status").at("collections");
+  EXPECT_TRUE(std::any_of(lists.begin(), lists.end(), [&](const Json& c) {
+    return c.at("id") == listId && c.at("items") == 1 && c.at("source").at("catalog") == "top";
+  })) << lists.dump();
+
+  auto refused = cli({"unsubscribe", "All titles"});
+  EXPECT_EQ(refused->code, 1);
+  EXPECT_NE(refused->err.str().find("system collection"), std::string::npos) << refused->err.str();
+  EXPECT_EQ(cli({"unsubscribe", made.at("name").get<std::string>()})->code, 0);
+  EXPECT_EQ(world.catalog->collection(listId), nullptr);
 }

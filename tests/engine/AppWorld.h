@@ -4,6 +4,7 @@
 // and its FUSE mount, in front of a local Plex server that scans the mounted
 // films' folder.
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QStandardPaths>
 #include <functional>
@@ -26,6 +27,19 @@ namespace vt::test {
 
 inline bool canMountWithFuse() {
   return !QStandardPaths::findExecutable("fusermount3").isEmpty() && QFile::exists("/dev/fuse");
+}
+
+// Lets the services and the engine answer in real time, then moves the
+// application's clock on by `step`, until `done` or `limitMs` of real time.
+inline bool drive(ManualClock& clock, const std::function<bool()>& done, int limitMs = 60000, double step = 0.1) {
+  QElapsedTimer t;
+  t.start();
+  while (!done()) {
+    if (t.elapsed() > limitMs) return false;
+    settle(2);
+    if (!done()) clock.advance(step);
+  }
+  return true;
 }
 
 struct AppWorld {

@@ -48,16 +48,8 @@ TEST(PlexFollowsLibrary, PublishedTitlesReachPlexWithTheirListAndRemovedOnesLeav
   auto& catalog = *world.catalog;
   const std::string& movies = world.movies;
 
-  auto drive = [&](const std::function<bool()>& done) {
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-      if (t.elapsed() > 60000) return false;
-      test::settle(2);
-      if (!done()) clock.advance(0.1);
-    }
-    return true;
-  };
+  auto drive = [&](const std::function<bool()>& done) { return test::drive(clock, done); };
+
   Job::start([&](CancelToken) { return app.bootstrap(); });
   ASSERT_TRUE(drive([&] { return supervisor.state() == EngineState::running; }));
   if (!mountedFileSystem(movies)) GTEST_SKIP() << "the library folder could not be mounted here";

@@ -114,15 +114,8 @@ TEST(PublishList, ASubscribedListOfSixtyReachesPlexInWavesWithBackfillForFilmsWi
   // slow enough that no request of a service at its own pace times out.
   std::function<void()> watch = [] {};
   auto drive = [&](const std::function<bool()>& done, int limitMs) {
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-      if (t.elapsed() > limitMs) return false;
-      test::settle(2);
-      watch();
-      if (!done()) clock.advance(0.025);
-    }
-    return true;
+    return test::drive(
+        clock, [&] { return watch(), done(); }, limitMs, 0.025);
   };
   Job::start([&](CancelToken) { return app.bootstrap(); });
   ASSERT_TRUE(drive([&] { return supervisor.state() == EngineState::running; }, 30000));

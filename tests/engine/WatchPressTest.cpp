@@ -75,18 +75,8 @@ TEST(WatchPress, FromTheCommandLineAFilmIsReadyInPlexFromTheMountAnUnairedEpisod
     config.setStreamAddonOverride(sources.torrentio.base().toString().toStdString());
   });
   auto& app = *world.app;
-  // Real time for the services and the engine, then the application's clock
-  // on by its own pauses (3 s polls at most).
-  auto drive = [&](const std::function<bool()>& done) {
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-      if (t.elapsed() > 60000) return false;
-      test::settle(2);
-      if (!done()) clock.advance(0.1);
-    }
-    return true;
-  };
+  auto drive = [&](const std::function<bool()>& done) { return test::drive(clock, done); };
+
   Job::start([&](CancelToken) { return app.bootstrap(); });
   ASSERT_TRUE(drive([&] { return world.supervisor->state() == EngineState::running; }));
   if (!mountedFileSystem(world.movies)) GTEST_SKIP() << "the library folder could not be mounted here";

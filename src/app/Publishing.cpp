@@ -1,9 +1,12 @@
 #include "app/Publishing.h"
 
+#include "catalog/SeriesResolve.h"
+
 #include <algorithm>
 
 #include "catalog/CatalogStore.h"
 #include "catalog/CollectionResolve.h"
+#include "catalog/SeriesResolve.h"
 #include "core/AppConfig.h"
 #include "core/LibraryStore.h"
 #include "engine/EngineSupervisor.h"
@@ -21,6 +24,14 @@ Publishing::Publishing(Parts parts)
       services_(ResolverServices::standard(*p_.http, cache_, ProviderHealth::shared(), StreamProviderRegistry::shared(),
                                            p_.releaseWords)),
       resolver_(services_),
+      episodes_({.config = p_.config,
+                 .store = p_.library,
+                 .resolver = &resolver_,
+                 .catalogStore = [catalog = p_.catalog]() -> std::optional<EpisodeCatalogView> {
+                   return episodeCatalogView(*catalog);
+                 },
+                 .applyLibrary = [engine = p_.engine] { engine->kickPlexSync(); },
+                 .log = {}}),
       catalogClient_(*p_.http, QUrl(QString::fromStdString(endpoints().cinemeta))),
       engineStatus_(*p_.http) {
   PublishPassesEnvironment env;

@@ -11,6 +11,7 @@
 #include "core/EnginePort.h"
 #include "engine/EngineStatusClient.h"
 #include "platform/Job.h"
+#include "sources/resolve/EpisodeOnDemandResolver.h"
 #include "sources/resolve/ResolveCache.h"
 #include "sources/resolve/StreamResolver.h"
 
@@ -63,6 +64,10 @@ class Publishing : public PublishPort {
 
   PublishPasses& passes() { return *passes_; }
   StreamResolver& resolver() { return resolver_; }
+  // Single episodes someone is about to watch: the watch button's, and
+  // later the play intents' and the next-episode prewarm. One for the
+  // application, so that one key is never resolved twice at once.
+  EpisodeOnDemandResolver& episodes() { return episodes_; }
 
  private:
   bool hasCoolingIds(const CatalogCollection& collection) const;
@@ -73,6 +78,7 @@ class Publishing : public PublishPort {
   ResolveCache cache_;
   ResolverServices services_;
   StreamResolver resolver_;
+  EpisodeOnDemandResolver episodes_;
   StremioCatalogClient catalogClient_;
   EngineStatusClient engineStatus_;
   std::unique_ptr<PublishPasses> passes_;

@@ -19,8 +19,6 @@
 #include "sources/rd/RDClient.h"
 #include "sources/resolve/SeriesSkeletonCache.h"
 #include "catalog/CollectionResolve.h"
-#include "catalog/SeriesResolve.h"
-#include "sources/resolve/EpisodeOnDemandResolver.h"
 
 namespace vt {
 
@@ -137,16 +135,9 @@ void wireStandardParts(AppWiring& wiring, StandardParts parts) {
     // so its library entry, cooling and log lines are the intent's own. Its
     // outcome folds "not aired yet" into "busy"; the press reads the
     // resolver's own verdict for its texts.
-    auto episodes = std::make_shared<EpisodeOnDemandResolver>(EpisodeOnDemandResolver::Parts{
-        .config = config,
-        .store = &app.library(),
-        .resolver = &publishing->resolver(),
-        .catalogStore = [catalog]() -> std::optional<EpisodeCatalogView> { return episodeCatalogView(*catalog); },
-        .applyLibrary = [engine] { engine->kickPlexSync(); },
-        .log = {}});
-    p.resolveEpisode = [episodes](WatchNowService::Episode e, CancelToken token) -> QCoro::Task<ResolveOutcome> {
+    p.resolveEpisode = [publishing](WatchNowService::Episode e, CancelToken token) -> QCoro::Task<ResolveOutcome> {
       const std::string key = episodeKey(e.series.imdbId, e.number.season, e.number.episode);
-      auto outcome = co_await episodes->resolve(key, EpisodeOnDemandResolver::Reason::watchPress, token);
+      auto outcome = co_await publishing->episodes().resolve(key, EpisodeOnDemandResolver::Reason::watchPress, token);
       co_return outcome.asResolveOutcome();
     };
     p.account = [config, http](CancelToken token) -> QCoro::Task<Result<RDUserInfo, RDError>> {

@@ -18,6 +18,7 @@
 #include "platform/Settings.h"
 #include "plex/PMSClient.h"
 #include "plex/PlexWebLink.h"
+#include "sources/resolve/SeriesSkeleton.h"
 
 namespace vt {
 
@@ -75,10 +76,8 @@ int leadingYear(const std::string& year) {
 }
 
 // A release date as a person reads it: the day of an ISO date, else the text.
-std::string releaseDay(const std::string& released) {
-  if (released.size() >= 10 && released[4] == '-' && released[7] == '-') return released.substr(0, 10);
-  return released;
-}
+// The date as the rest of the application shows dates ("Jun 1, 2099").
+std::string releaseDay(const std::string& released) { return shortDateText(released).value_or(released); }
 
 }  // namespace
 
@@ -394,7 +393,6 @@ void WatchNowService::fail(const std::string& id, const std::string& uuid, const
   if (it == jobs_.end() || run(id) != uuid) return;
   it->second.phase = Phase::failed(failure.jobText);
   it->second.openURL.reset();
-  filedByPress_.erase(id);
   emit jobsChanged();
   logLine("[plex] watch-now: couldn't prepare " + displayName + ": " + failure.jobText);
   p_.notifier->post(Notification{.title = "Couldn't prepare " + displayName,

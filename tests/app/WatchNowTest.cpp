@@ -231,6 +231,8 @@ TEST(WatchNow, AnExpiredOrRefusedRealDebridAccountFailsWithItsTextAndAFailedNoti
                                                 .body = "Your Real-Debrid subscription has run out.",
                                                 .identifier = "watchnow-failed-" + *uuid,
                                                 .openURL = std::nullopt}));
+  // Filed by this press still: a cancelled press after it takes the title out.
+  EXPECT_TRUE(w.service->isFiledByPress(kFilmId));
 
   w.rd.premiumSeconds = 86400;
   w.rdKey = "not-the-key";

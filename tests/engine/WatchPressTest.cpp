@@ -131,10 +131,10 @@ TEST(WatchPress, FromTheCommandLineAFilmIsReadyInPlexFromTheMountAnUnairedEpisod
   const std::string later = kShow + ":9:1";
   watch->watch(WatchNowService::Episode{{kShow, "Game of Thrones"}, {9, 1}});
   ASSERT_TRUE(drive([&] { return watch->job(later) && !watch->job(later)->phase.isActive(); }));
-  EXPECT_EQ(watch->job(later)->phase, Phase::failed("Not aired yet (airs 2099-06-01)"));
+  EXPECT_EQ(watch->job(later)->phase, Phase::failed("Not aired yet (airs Jun 1, 2099)"));
   ASSERT_EQ(world.notifier.posted.size(), 2u);
   EXPECT_EQ(world.notifier.posted[1].title, "Couldn't prepare Game of Thrones S9E1");
-  EXPECT_EQ(world.notifier.posted[1].body, "Not aired yet (airs 2099-06-01).");
+  EXPECT_EQ(world.notifier.posted[1].body, "Not aired yet (airs Jun 1, 2099).");
   EXPECT_EQ(app.library().titleByEpisodeKey(later), nullptr);
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "[intent] resolving " + later + " on play intent"), 1);
 

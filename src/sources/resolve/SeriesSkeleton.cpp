@@ -51,9 +51,8 @@ std::string episodeKey(const std::string& seriesId, int season, int episode) {
 
 std::string seasonKey(const std::string& seriesId, int season) { return seriesId + ":s" + std::to_string(season); }
 
-std::optional<std::string> EpisodeMeta::airDateText() const {
-  if (!released) return std::nullopt;
-  const auto date = parseIsoDate(trimmedView(*released, " \t\r\n"));
+std::optional<std::string> shortDateText(std::string_view isoDate) {
+  const auto date = parseIsoDate(trimmedView(isoDate, " \t\r\n"));
   if (!date) return std::nullopt;
   static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -62,6 +61,11 @@ std::optional<std::string> EpisodeMeta::airDateText() const {
   if (!gmtime_r(&unix, &parts)) return std::nullopt;
   return std::string(kMonths[parts.tm_mon]) + " " + std::to_string(parts.tm_mday) + ", " +
          std::to_string(parts.tm_year + 1900);
+}
+
+std::optional<std::string> EpisodeMeta::airDateText() const {
+  if (!released) return std::nullopt;
+  return shortDateText(*released);
 }
 
 Json toJson(const EpisodeMeta& e) {

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/Date.h"
@@ -60,6 +61,10 @@ struct SeriesSkeleton {
 
 // "seriesId:season:episode", numbers unpadded.
 std::string episodeKey(const std::string& seriesId, int season, int episode);
+
+// An ISO date as a short date without time ("Jan 20, 2008", UTC); none when
+// the text doesn't read as a date.
+std::optional<std::string> shortDateText(std::string_view isoDate);
 // "seriesId:s<season>": a season in the vetting.
 std::string seasonKey(const std::string& seriesId, int season);
 

@@ -18,6 +18,13 @@ LibraryTitle film(const std::string& name, const std::string& url = "http://cdn/
   return test::sampleTitle(name, url);
 }
 
+LibraryTitle episode(const std::string& series, int season, int number) {
+  auto t = film(episodeFileName("Show", "2010", series, season, number));
+  t.season = season;
+  t.episode = number;
+  return t;
+}
+
 struct Fixture {
   test::TestHome home;
   ManualClock clock{5000};
@@ -176,13 +183,7 @@ TEST(LibraryStore, EpisodeIndexesAndFileNames) {
             "Show - Part-2 (2010) {imdb-tt9}/Season 01/Show - Part-2 (2010) - s01e02.mkv");
   Fixture f;
   auto store = f.open();
-  auto ep = [](int s, int e) {
-    auto t = film(episodeFileName("Show", "2010", "tt9", s, e));
-    t.season = s;
-    t.episode = e;
-    return t;
-  };
-  for (auto [s, e] : {std::pair{2, 1}, std::pair{1, 10}, std::pair{1, 2}}) store->upsert(ep(s, e));
+  for (auto [s, e] : {std::pair{2, 1}, std::pair{1, 10}, std::pair{1, 2}}) store->upsert(episode("tt9", s, e));
   auto single = film("Show (2010) {imdb-tt9}/Season 1/Show - s1e5.mkv");
   store->upsert(single);
   EXPECT_EQ(store->titleByImdb("tt9")->name, single.name) << "a single-digit episode is a film of its series id";
@@ -221,20 +222,14 @@ TEST(LibraryStore, AStoreThatGoesHasFinishedItsSaves) {
 TEST(LibraryStore, ReplacementsKeepTheIndexesARebuildWouldMake) {
   Fixture f;
   auto store = f.open();
-  auto ep = [](const std::string& series, int s, int e) {
-    auto t = film(episodeFileName("Show", "2010", series, s, e));
-    t.season = s;
-    t.episode = e;
-    return t;
-  };
   auto filmNamed = [](int i) {
     return "F" + std::to_string(i) + " (2000) {imdb-tt" + std::to_string(100000 + i) + "}.mkv";
   };
   // More titles than one chunk of the list holds; the series come last, tt2's in the order e3, e1.
   for (int i = 0; i < 1500; ++i) store->upsert(film(filmNamed(i)));
-  for (int e = 1; e <= 4; ++e) store->upsert(ep("tt1", 1, e));
-  store->upsert(ep("tt2", 1, 3));
-  store->upsert(ep("tt2", 1, 1));
+  for (int e = 1; e <= 4; ++e) store->upsert(episode("tt1", 1, e));
+  store->upsert(episode("tt2", 1, 3));
+  store->upsert(episode("tt2", 1, 1));
   auto seriesNames = [&](const std::string& id) {
     std::vector<std::string> names;
     for (const auto* t : store->titlesBySeries(id)) names.push_back(t->name.substr(t->name.size() - 12));
@@ -252,7 +247,7 @@ TEST(LibraryStore, ReplacementsKeepTheIndexesARebuildWouldMake) {
   EXPECT_EQ(store->size(), 1506u);
   EXPECT_TRUE(store->indexesMatchRebuild());
 
-  auto later = ep("tt1", 1, 2);
+  auto later = episode("tt1", 1, 2);
   later.season = 2;
   later.episode = 1;
   store->upsert(later);
@@ -261,20 +256,20 @@ TEST(LibraryStore, ReplacementsKeepTheIndexesARebuildWouldMake) {
   EXPECT_TRUE(store->indexesMatchRebuild());
 
   // A tie keeps list order, whatever order the series held before.
-  auto tie = ep("tt2", 1, 3);
+  auto tie = episode("tt2", 1, 3);
   tie.episode = 1;
   store->upsert(tie);
   EXPECT_EQ(seriesNames("tt2"), (std::vector<std::string>{"- s01e03.mkv", "- s01e01.mkv"}));
   EXPECT_TRUE(store->indexesMatchRebuild());
 
-  auto moved = ep("tt2", 1, 1);
+  auto moved = episode("tt2", 1, 1);
   moved.seriesImdbId = "tt3";
   store->upsert(moved);
   EXPECT_EQ(seriesNames("tt2"), (std::vector<std::string>{"- s01e03.mkv"}));
   EXPECT_EQ(seriesNames("tt3"), (std::vector<std::string>{"- s01e01.mkv"}));
   EXPECT_TRUE(store->indexesMatchRebuild());
 
-  EXPECT_TRUE(store->applyVerifiedSizes({{filmNamed(1200), 5}, {ep("tt1", 1, 4).name, 6}}));
+  EXPECT_TRUE(store->applyVerifiedSizes({{filmNamed(1200), 5}, {episode("tt1", 1, 4).name, 6}}));
   EXPECT_EQ(store->titleByEpisodeKey("tt1:1:4")->size, 6);
   EXPECT_TRUE(store->indexesMatchRebuild());
 

@@ -32,15 +32,8 @@ struct FakeEngine {
   explicit FakeEngine(Clock& clock) {
     server.on("GET", "/status", [this](const auto&, auto& reply) {
       Json entries = Json::array();
-      for (const auto& n : ready) {
-        Json e;
-        e["name"] = n;
-        e["probe_ready"] = true;
-        entries.push_back(e);
-      }
-      Json body;
-      body["entries"] = entries;
-      reply.json(body);
+      for (const auto& n : ready) entries.push_back(Json{{"name", n}, {"probe_ready", true}});
+      reply.json(Json{{"entries", entries}});
     });
     server.on("POST", "/control/warm-pending", [this, &clock](const auto& request, auto& reply) {
       const auto body = json::parse(std::string_view(request.body.constData(), request.body.size()));

@@ -21,11 +21,8 @@ using vt::test::FakePlexServer;
 
 namespace {
 
-std::string filmName(int i) {
-  const std::string id = "tt" + std::to_string(1000000 + i);
-  return "Film " + std::to_string(i) + " (2000) {imdb-" + id + "}.mkv";
-}
 std::string imdb(int i) { return "tt" + std::to_string(1000000 + i); }
+std::string filmName(int i) { return "Film " + std::to_string(i) + " (2000) {imdb-" + imdb(i) + "}.mkv"; }
 
 struct Rig {
   test::TestHome home;

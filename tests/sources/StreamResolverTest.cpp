@@ -204,9 +204,7 @@ TEST(StreamResolver, OutcomesOfErrorsAndThePaceBounds) {
   pace.note(O::unreleased);
   EXPECT_EQ(pace.delay, 8.0);
   pace.note(O::noStream);
-  EXPECT_DOUBLE_EQ(pace.delay, 8.0 * 0.92);
-  for (int i = 0; i < 100; ++i) pace.note(O::resolved);
-  EXPECT_EQ(pace.delay, 0.45);
+  EXPECT_DOUBLE_EQ(pace.delay, 8.0 * 0.92);  // the floor is the batch test's
   EXPECT_EQ(ResolvePace(-1).pause(), 0);
 }
 

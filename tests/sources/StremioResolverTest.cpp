@@ -39,13 +39,7 @@ struct BareHost {
   std::string url() const { return "http://127.0.0.1:" + std::to_string(server.serverPort()) + "/film.mkv"; }
 };
 
-StremioResolver::Resolution inception() {
-  StremioResolver::Resolution res;
-  res.title = "Inception";
-  res.year = "2010";
-  res.id = "tt1375666";
-  return res;
-}
+StremioResolver::Resolution inception() { return {.title = "Inception", .year = "2010", .id = "tt1375666"}; }
 
 StreamCandidate candidate(std::string file, std::string url, bool cached, std::string hash, PK kind) {
   return {"1", std::move(file), std::move(url), std::nullopt, cached, std::move(hash), kind, std::nullopt};
@@ -210,10 +204,8 @@ TEST(StremioResolver, CandidatesDropJunkRecordingsAndOtherYears) {
                                      row("[RD+] T", "New.2024.1080p-EEE.mkv")};
   auto e = w.resolver(true).candidates(early, std::nullopt, std::nullopt);
   EXPECT_TRUE(e.earlyRelease);
-  StremioResolver::Resolution res;
-  res.streams = e.streams;
-  res.earlyRelease = e.earlyRelease;
-  res.recordingGroups = e.recordingGroups;
+  const StremioResolver::Resolution res{
+      .streams = e.streams, .earlyRelease = e.earlyRelease, .recordingGroups = e.recordingGroups};
   ASSERT_EQ(res.pickable().size(), 1u);
   EXPECT_EQ(res.pickable()[0].filename, "New.2024.1080p-EEE.mkv");
   early.push_back(row("[RD+] T", "New.2024.1080p.WEB-DL-CCC.mkv"));
@@ -327,10 +319,8 @@ TEST(StremioResolver, AProvedLinkIsKeptAsTheHostEncodedItAndRefreshKeepsTheTitle
   EXPECT_EQ(fresh->url, landed) << "with its %20, as the host gave it";
   EXPECT_EQ(fresh->rdLink, "https://real-debrid.com/d/URL") << "the download link matches before the file name";
   EXPECT_EQ(fresh->size, kFilm);
-  EXPECT_EQ(fresh->name, old.name);
-  EXPECT_EQ(fresh->seriesImdbId, old.seriesImdbId);
-  EXPECT_EQ(fresh->season, 1);
-  EXPECT_EQ(fresh->episode, 2);
+  EXPECT_EQ(std::tie(fresh->name, fresh->seriesImdbId, fresh->season, fresh->episode),
+            std::tie(old.name, old.seriesImdbId, old.season, old.episode));
 
   // A cancel while the downloads list is asked ends the resolve without a title.
   w.rd.hang("downloads");

@@ -147,13 +147,11 @@ void wireStandardParts(AppWiring& wiring, StandardParts parts) {
     };
     p.linkIsDead = [](const LibraryTitle& title) { return hasStaleKey(title, StreamProviderRegistry::shared().key()); };
     p.airedEpisodes = [publishing](std::string seriesId,
-                                   CancelToken token) -> QCoro::Task<std::optional<std::vector<EpisodeNumber>>> {
+                                   CancelToken token) -> QCoro::Task<std::optional<std::vector<EpisodeMeta>>> {
       const ResolverServices& services = publishing->resolver().services();
       auto loaded = co_await services.skeletonCache().skeleton(seriesId, services.cinemeta, services.http, token);
       if (!loaded) co_return std::nullopt;
-      std::vector<EpisodeNumber> aired;
-      for (const auto& e : loaded->airedEpisodes(services.http.clock().now()))
-        aired.push_back(EpisodeNumber{e.season, e.episode});
+      std::optional<std::vector<EpisodeMeta>> aired = loaded->airedEpisodes(services.http.clock().now());
       co_return aired;
     };
     return std::make_unique<WatchNowService>(std::move(p));

@@ -18,7 +18,6 @@
 #include "platform/Settings.h"
 #include "plex/PMSClient.h"
 #include "plex/PlexWebLink.h"
-#include "sources/resolve/SeriesSkeleton.h"
 
 namespace vt {
 
@@ -44,6 +43,8 @@ std::string episodeKey(const std::string& seriesId, EpisodeNumber n) {
 }
 
 // "<season>:<episode>", exactly two integers.
+EpisodeNumber numberOf(const EpisodeMeta& e) { return EpisodeNumber{e.season, e.episode}; }
+
 std::optional<EpisodeNumber> parseEpisodeNumber(const std::string& text) {
   const auto colon = text.find(':');
   if (colon == std::string::npos || text.find(':', colon + 1) != std::string::npos) return std::nullopt;
@@ -465,11 +466,11 @@ void WatchNowService::clear(const std::string& id) {
 // Series ---------------------------------------------------------------------------
 
 std::optional<WatchNowService::ContinueTarget> WatchNowService::continueTarget(
-    const std::string& imdbId, const std::vector<EpisodeNumber>& aired) const {
+    const std::string& imdbId, const std::vector<EpisodeMeta>& aired) const {
   if (aired.empty()) return std::nullopt;
   auto lastWith = [&](auto predicate) -> std::optional<ContinueTarget> {
     for (auto it = aired.rbegin(); it != aired.rend(); ++it) {
-      const Job* j = job(episodeKey(imdbId, *it));
+      const Job* j = job(episodeKey(imdbId, numberOf(*it)));
       if (j && predicate(j->phase)) return ContinueTarget{*it, j->phase, false};
     }
     return std::nullopt;
@@ -479,7 +480,8 @@ std::optional<WatchNowService::ContinueTarget> WatchNowService::continueTarget(
   if (auto t = lastWith([](const Phase& p) { return p.kind == Phase::Kind::failed; })) return t;
   const auto last = lastStarted_.find(imdbId);
   if (last != lastStarted_.end()) {
-    const auto at = std::find(aired.begin(), aired.end(), last->second);
+    const auto at =
+        std::find_if(aired.begin(), aired.end(), [&](const EpisodeMeta& e) { return numberOf(e) == last->second; });
     if (at != aired.end()) {
       if (std::next(at) == aired.end()) return std::nullopt;
       return ContinueTarget{*std::next(at), std::nullopt, false};
@@ -513,15 +515,15 @@ void WatchNowService::continueSeries(const Series& series) {
     if (const auto target = continueTarget(series.imdbId, *aired)) {
       if (target->phase && target->phase->isActive()) co_return;
       if (target->phase && target->phase->kind == Phase::Kind::ready) {
-        open(episodeKey(series.imdbId, target->episode));
+        open(episodeKey(series.imdbId, numberOf(target->episode)));
         co_return;
       }
-      watch(Episode{series, target->episode});
+      watch(Episode{series, numberOf(target->episode)});
       co_return;
     }
     // Every aired episode was started: round again from the first.
     if (!aired->empty()) {
-      watch(Episode{series, aired->front()});
+      watch(Episode{series, numberOf(aired->front())});
       co_return;
     }
     failWith("No aired episodes");

@@ -17,6 +17,7 @@
 #include "platform/Notifier.h"
 #include "platform/Result.h"
 #include "sources/rd/RDClient.h"
+#include "sources/resolve/SeriesSkeleton.h"
 #include "sources/resolve/StreamResolver.h"
 
 namespace vt {
@@ -83,7 +84,7 @@ class WatchNowService : public QObject {
   };
 
   struct ContinueTarget {
-    EpisodeNumber episode;
+    EpisodeMeta episode;         // the skeleton's record
     std::optional<Phase> phase;  // of a job for this episode, if one exists
     bool isPilotStart = false;
   };
@@ -119,7 +120,7 @@ class WatchNowService : public QObject {
     std::function<bool(const LibraryTitle&)> linkIsDead;
     // The aired episodes of a series in order, from its skeleton; none when
     // it couldn't be loaded (the series skeleton cache supplies it).
-    std::function<QCoro::Task<std::optional<std::vector<EpisodeNumber>>>(std::string seriesId, CancelToken)>
+    std::function<QCoro::Task<std::optional<std::vector<EpisodeMeta>>>(std::string seriesId, CancelToken)>
         airedEpisodes;
   };
 
@@ -142,7 +143,7 @@ class WatchNowService : public QObject {
   void clear(const std::string& id);
   void remove(const std::string& id);
   std::optional<ContinueTarget> continueTarget(const std::string& imdbId,
-                                               const std::vector<EpisodeNumber>& airedEpisodes) const;
+                                               const std::vector<EpisodeMeta>& airedEpisodes) const;
   // Names of library titles being played: "continue" follows what plays.
   void onWatching(const std::set<std::string>& names);
 

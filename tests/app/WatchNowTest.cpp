@@ -303,10 +303,11 @@ TEST(WatchNow, APressWithoutAConnectionAsksToConnectAndRepeatsAfterwards) {
 
 TEST(WatchNow, ContinueFollowsJobsThenTheLastStartedEpisodeWhichOutlivesTheService) {
   WatchWorld w;
-  const std::vector<EpisodeNumber> aired = {{1, 1}, {1, 2}, {2, 1}};
+  const std::vector<EpisodeMeta> aired = {
+      {.season = 1, .episode = 1, .title = "Pilot"}, {.season = 1, .episode = 2}, {.season = 2, .episode = 1}};
   auto target = w.service->continueTarget("tt0944947", aired);
   ASSERT_TRUE(target);
-  EXPECT_EQ(target->episode, (EpisodeNumber{1, 1}));
+  EXPECT_EQ(target->episode, aired[0]) << "the skeleton's record, title and all";
   EXPECT_TRUE(target->isPilotStart);
 
   // Plex plays S01E02: continue moves on to S02E01, and the next service knows it.
@@ -318,7 +319,7 @@ TEST(WatchNow, ContinueFollowsJobsThenTheLastStartedEpisodeWhichOutlivesTheServi
   w.service->onWatching({ep.name});
   target = w.service->continueTarget("tt0944947", aired);
   ASSERT_TRUE(target);
-  EXPECT_EQ(target->episode, (EpisodeNumber{2, 1}));
+  EXPECT_EQ(target->episode, aired[2]);
   EXPECT_FALSE(target->isPilotStart);
   w.makeService();
   EXPECT_EQ(w.service->lastStartedEpisode().at("tt0944947"), (EpisodeNumber{1, 2}));

@@ -136,6 +136,9 @@ int main(int argc, char** argv) {
   started.start();
 
   std::error_code ec;
+  if (fs::exists(options.home, ec) && !fs::is_empty(options.home, ec) &&
+      !fs::exists(fs::path(options.home) / kMarker, ec))
+    return fail(options.home + " holds files that are not the lab's; give another --home");
   // One lab per data folder: a second would empty the first one's folder.
   fs::create_directories(fs::path(options.home).parent_path(), ec);
   QLockFile lock(QString::fromStdString(options.home + ".lock"));

@@ -7,6 +7,7 @@
 #include <QTimer>
 #include <QUrlQuery>
 #include <stdexcept>
+#include <string>
 
 namespace vt::test {
 
@@ -105,11 +106,18 @@ FakeHttpServer::FakeHttpServer() {
     if (latencyMs <= 0) return answer(r, reply);
     QTimer::singleShot(latencyMs, &server_, [this, r, reply]() mutable { answer(r, reply); });
   });
-  port_ = server_.listen(QHostAddress::LocalHost, 0);
-  if (port_ == 0) throw std::runtime_error("fake server could not listen on 127.0.0.1");
+  const quint16 wanted = nextPort_ ? nextPort_++ : 0;
+  port_ = server_.listen(QHostAddress::LocalHost, wanted);
+  if (port_ == 0)
+    throw std::runtime_error("fake server could not listen on 127.0.0.1" +
+                             (wanted ? ":" + std::to_string(wanted) : std::string()));
 }
 
 FakeHttpServer::~FakeHttpServer() = default;
+
+std::atomic<quint16> FakeHttpServer::nextPort_{0};
+
+void FakeHttpServer::listenFrom(quint16 first) { nextPort_ = first; }
 
 QUrl FakeHttpServer::baseUrl() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port_)); }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -75,6 +76,11 @@ class FakeHttpServer {
   // its usual distance.
   int latencyMs = 0;
 
+  // Servers made after this listen on `first`, `first` + 1, ... instead of
+  // free ports (a lab with addresses that stay the same between starts);
+  // 0 goes back to free ports.
+  static void listenFrom(quint16 first);
+
   quint16 port() const { return port_; }
   QUrl baseUrl() const;
   QUrl url(const QString& pathAndQuery) const;
@@ -105,6 +111,7 @@ class FakeHttpServer {
   std::vector<Request> requests_;
   std::vector<Reply> held_;
   std::shared_ptr<int> abandoned_ = std::make_shared<int>(0);
+  static std::atomic<quint16> nextPort_;
 };
 
 }  // namespace vt::test

@@ -273,7 +273,10 @@ void FakeRealDebrid::handle(const Request& r, Reply& reply) {
           const std::string name = baseName(f.path);
           const std::string code = nextCode("D");
           const QString filePath = QString::fromStdString("/d/" + code + "/" + name);
-          serveGenerated(files_, filePath, f.bytes);
+          if (serveFile)
+            serveFile(files_, filePath, f);
+          else
+            serveGenerated(files_, filePath, f.bytes);
           const std::string download = files_.baseUrl().toString().toStdString() + "/d/" + code + "/" +
                                        QUrl::toPercentEncoding(QString::fromStdString(name)).toStdString();
           Json j;

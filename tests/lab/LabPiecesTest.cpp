@@ -386,6 +386,8 @@ TEST(LabPlexPages, ListWhatPlexIndexedAndPlayItsFilesWithRanges) {
   EXPECT_TRUE(html.body.contains("Fox &amp; Hound &lt;Redux&gt;")) << "names are escaped";
   EXPECT_TRUE(html.body.contains("href=\"/lab/file/" + QByteArray::fromStdString(item.ratingKey) + "\""));
   EXPECT_FALSE(html.body.contains("secret-token"));
+  // The watch button's link, made with the lab's page as the Plex web app, lands on the page.
+  EXPECT_EQ(fetch(http, base + "/lab/desktop/").status, 200);
 
   const std::string file = base + "/lab/file/" + item.ratingKey;
   const auto whole = fetch(http, file);

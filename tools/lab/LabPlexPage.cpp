@@ -201,10 +201,14 @@ std::vector<std::string> collectionMembers(const FakePlexServer& plex, const Fak
 }
 
 void addLabPages(FakePlexServer& plex) {
-  plex.on("GET", "/lab", [&plex](const FakeHttpServer::Request&, FakeHttpServer::Reply& reply) {
+  const auto showPage = [&plex](const FakeHttpServer::Request&, FakeHttpServer::Reply& reply) {
     plex.completeDueScans();
     reply.send(200, QByteArray::fromStdString(page(plex)), {}, "text/html; charset=utf-8");
-  });
+  };
+  plex.on("GET", "/lab", showPage);
+  // The lab stands in for the Plex web app: the links of the watch button's
+  // notifications ("<web app>/desktop/#!/server/...") open this page.
+  plex.onPrefix("GET", "/lab/desktop", showPage);
   plex.on("GET", "/lab.json", [&plex](const FakeHttpServer::Request&, FakeHttpServer::Reply& reply) {
     plex.completeDueScans();
     reply.json(state(plex));

@@ -473,6 +473,7 @@ TEST(LabHome, TheEnvironmentFileNamesEveryServiceAndNoSecret) {
   a.relay = "http://127.0.0.1:1007/subtitles";
   a.rdKey = "rd-secret-key";
   a.plexToken = "plex-secret-token";
+  a.nfsPort = 1008;
   const auto text = labEnvironment("/tmp/it's home", a);
   EXPECT_NE(text.find("export VT_UITEST_HOME='/tmp/it'\\''s home'\n"), std::string::npos) << text;
   for (const char* line :
@@ -480,7 +481,7 @@ TEST(LabHome, TheEnvironmentFileNamesEveryServiceAndNoSecret) {
         "export VT_ENDPOINT_TORRENTIO='http://127.0.0.1:1003'\n", "export VT_ENDPOINT_COMET='http://127.0.0.1:1004'\n",
         "export VT_ENDPOINT_PLEX_LOCAL='http://127.0.0.1:1005'\n",
         "export VT_ENDPOINT_PLEX_ACCOUNT='http://127.0.0.1:1006/api/v2'\n",
-        "export VT_ENDPOINT_SUBTITLE_SERVICE='http://127.0.0.1:1007/subtitles'\n"})
+        "export VT_ENDPOINT_SUBTITLE_SERVICE='http://127.0.0.1:1007/subtitles'\n", "export VT_TEST_NFS_PORT='1008'\n"})
     EXPECT_NE(text.find(line), std::string::npos) << line;
   EXPECT_EQ(text.find("secret"), std::string::npos) << text;
 }

@@ -48,7 +48,7 @@ QByteArray contentType(const std::string& filename) {
 }
 
 // A port on 127.0.0.1 that is free, with the one two above it free too
-// (the series engine's control port).
+// (the series engine's: control and NFS ports come in such pairs).
 int freeControlPort() {
   for (int tries = 0; tries < 50; ++tries) {
     QTcpServer first;
@@ -121,7 +121,7 @@ Lab::Lab(const LabWorld& world, std::map<std::string, QByteArray> clips, const s
   // With a port base the addresses stay the same from one start to the next,
   // in this order: Real-Debrid, its file host, Plex, the Plex account,
   // Cinemeta, the catalog add-on, Torrentio, Comet, MediaFusion, the relay,
-  // then the engines' control ports (base+10 and base+12).
+  // then the engines' control ports (base+10 and base+12) and NFS ports (base+14 and base+16).
   FakeHttpServer::listenFrom(static_cast<quint16>(options.portBase));
   addresses_.rdKey = "lab" + randomHex(16);
   addresses_.plexToken = "lab" + randomHex(12);
@@ -136,6 +136,8 @@ Lab::Lab(const LabWorld& world, std::map<std::string, QByteArray> clips, const s
   relay_ = std::make_unique<test::FakeRelay>();
   FakeHttpServer::listenFrom(0);
   addresses_.controlPort = options.portBase ? options.portBase + 10 : freeControlPort();
+  // Away from 12049 and 12051, where the user's own Vantory serves.
+  addresses_.nfsPort = options.portBase ? options.portBase + 14 : freeControlPort();
 
   torrentio_->config = "realdebrid=" + addresses_.rdKey;
   fillAddons();
@@ -322,6 +324,7 @@ std::string labEnvironment(const std::string& home, const LabAddresses& a) {
   };
   const std::vector<std::pair<const char*, std::string>> lines = {
       {"VT_UITEST_HOME", home},
+      {"VT_TEST_NFS_PORT", std::to_string(a.nfsPort)},
       {"VT_ENDPOINT_CINEMETA", a.cinemeta},
       {"VT_ENDPOINT_POSTERS", a.cinemeta},
       {"VT_ENDPOINT_RD_API", a.realDebrid},

@@ -56,6 +56,7 @@ struct LabAddresses {
   std::string plexAccount;  // the account API base
   std::string relay;        // the subtitle service base
   int controlPort = 0;      // the film engine's; the series engine's is two above
+  int nfsPort = 0;          // the same for the engines' NFS ports
   std::string rdKey;
   std::string plexToken;
   std::string serverName;

@@ -307,6 +307,13 @@ TEST(LabChain, AListGoesThroughTheMountIntoPlexAndTheApplicationStopsCleanly) {
       },
       60'000));
   const auto readyMs = restart.elapsed();
+  // Its servers answer once it says it is ready, and the file names this lab.
+  const auto second = readEnvironment(dir.path().toStdString() + "/second/lab.env");
+  EXPECT_EQ(second.count("VT_LAB_PID") ? second.at("VT_LAB_PID") : "", std::to_string(again.process.processId()));
+  const std::string cinemeta = second.count("VT_ENDPOINT_CINEMETA") ? second.at("VT_ENDPOINT_CINEMETA") : "";
+  const auto answer =
+      test::runTask(http.get(QUrl(QString::fromStdString(cinemeta + "/meta/movie/tt0111161.json")), 10));
+  EXPECT_EQ(answer.status, 200) << cinemeta;
   again.process.terminate();
   again.process.waitForFinished(15'000);
   EXPECT_EQ(again.output().find("making the clip"), std::string::npos) << again.output();

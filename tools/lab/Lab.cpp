@@ -1,5 +1,7 @@
 #include "lab/Lab.h"
 
+#include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <set>
 
@@ -40,19 +42,13 @@ std::string randomHex(int bytes) {
   return out;
 }
 
-QByteArray contentType(const std::string& filename) {
-  const auto ext = fs::path(filename).extension().string();
-  if (ext == ".mkv") return "video/x-matroska";
-  if (ext == ".mp4") return "video/mp4";
-  return "application/octet-stream";
-}
-
 // A port on 127.0.0.1 that is free, with the one two above it free too
 // (the series engine's: control and NFS ports come in such pairs).
-int freeControlPort() {
+int freeControlPort(int besides = 0) {
   for (int tries = 0; tries < 50; ++tries) {
     QTcpServer first;
     if (!first.listen(QHostAddress::LocalHost, 0)) continue;
+    if (besides && std::abs(first.serverPort() - besides) <= 2) continue;
     QTcpServer second;
     if (second.listen(QHostAddress::LocalHost, first.serverPort() + 2)) return first.serverPort();
   }
@@ -108,8 +104,19 @@ ServerThread::~ServerThread() {
 }
 
 void ServerThread::run(const std::function<void()>& work) {
+  // A server that can't listen throws: the caller hears of it, the thread goes on.
+  std::exception_ptr failure;
   QMetaObject::invokeMethod(
-      context_.get(), [&work] { work(); }, Qt::BlockingQueuedConnection);
+      context_.get(),
+      [&] {
+        try {
+          work();
+        } catch (...) {
+          failure = std::current_exception();
+        }
+      },
+      Qt::BlockingQueuedConnection);
+  if (failure) std::rethrow_exception(failure);
 }
 
 // --- Lab ----------------------------------------------------------------------
@@ -137,7 +144,7 @@ Lab::Lab(const LabWorld& world, std::map<std::string, QByteArray> clips, const s
   FakeHttpServer::listenFrom(0);
   addresses_.controlPort = options.portBase ? options.portBase + 10 : freeControlPort();
   // Away from 12049 and 12051, where the user's own Vantory serves.
-  addresses_.nfsPort = options.portBase ? options.portBase + 14 : freeControlPort();
+  addresses_.nfsPort = options.portBase ? options.portBase + 14 : freeControlPort(addresses_.controlPort);
 
   torrentio_->config = "realdebrid=" + addresses_.rdKey;
   fillAddons();
@@ -171,7 +178,7 @@ void Lab::startFiles() {
     auto& host = rd.fileHost();
     for (const auto* r : world_.releases()) {
       const QByteArray clip = r->clip.empty() ? QByteArray() : clips_.at(r->clip);
-      test::serveHeadThenFiller(host, QString::fromStdString(filePath(*r)), clip, r->bytes, contentType(r->filename));
+      test::serveHeadThenFiller(host, QString::fromStdString(filePath(*r)), clip, r->bytes, videoType(r->filename));
       // The torrent as Real-Debrid has it: a folder with the film, a sample
       // and the release's notes.
       const std::string folder = fs::path(r->filename).stem().string();
@@ -186,7 +193,7 @@ void Lab::startFiles() {
     // Unrestricted links serve the same bytes as the add-ons' links.
     std::map<std::string, std::pair<QByteArray, QByteArray>> heads;
     for (const auto& [name, r] : byName)
-      heads[name] = {r->clip.empty() ? QByteArray() : clips_.at(r->clip), contentType(name)};
+      heads[name] = {r->clip.empty() ? QByteArray() : clips_.at(r->clip), videoType(name)};
     rd.serveFile = [heads](FakeHttpServer& files, const QString& path, const test::FakeRealDebrid::File& file) {
       const auto name = fs::path(file.path).filename().string();
       const auto it = heads.find(name);

@@ -13,35 +13,7 @@ namespace {
 using test::FakeHttpServer;
 using test::FakePlexServer;
 
-std::string html(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
-QByteArray videoType(const std::string& path) {
-  const auto ext = std::filesystem::path(path).extension().string();
-  if (ext == ".mp4" || ext == ".m4v") return "video/mp4";
-  if (ext == ".mkv") return "video/x-matroska";
-  return "application/octet-stream";
-}
+std::string html(const std::string& text) { return QString::fromStdString(text).toHtmlEscaped().toStdString(); }
 
 // `count` bytes of a file from `first`, read as the client takes them.
 class FileSpanDevice final : public QIODevice {
@@ -198,6 +170,13 @@ std::vector<std::string> collectionMembers(const FakePlexServer& plex, const Fak
     if (labelled) out.push_back(item->ratingKey);
   }
   return out;
+}
+
+QByteArray videoType(const std::string& path) {
+  const auto ext = std::filesystem::path(path).extension().string();
+  if (ext == ".mp4" || ext == ".m4v") return "video/mp4";
+  if (ext == ".mkv") return "video/x-matroska";
+  return "application/octet-stream";
 }
 
 void addLabPages(FakePlexServer& plex) {

@@ -14,6 +14,9 @@ namespace vt::lab {
 // Call on the thread the server lives on.
 void addLabPages(test::FakePlexServer& plex);
 
+// The Content-Type of a video file by its name's extension.
+QByteArray videoType(const std::string& path);
+
 // The rating keys of the films a collection holds: a plain one its members,
 // a smart one the section's films that carry one of its labels.
 std::vector<std::string> collectionMembers(const test::FakePlexServer& plex,

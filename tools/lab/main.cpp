@@ -7,10 +7,13 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QLockFile>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "lab/Lab.h"
 #include "lab/LabClips.h"
@@ -54,6 +57,14 @@ struct Options {
   int listSize = 40;
   bool keepHome = false;
 };
+
+// The whole text as a decimal number, or none ("12x" is none).
+std::optional<int> wholeNumber(std::string_view text) {
+  int value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
 
 int say(const std::string& line) {
   std::printf("[lab] %s\n", line.c_str());
@@ -111,17 +122,18 @@ int main(int argc, char** argv) {
     if (arg == "--help" || arg == "-h") {
       std::fputs(kUsage, stdout);
       return 0;
-    } else if (arg == "--home" && hasValue) {
-      options.home = fs::absolute(argv[++i]).string();
-    } else if (arg == "--cache" && hasValue) {
-      options.cache = fs::absolute(argv[++i]).string();
+    } else if ((arg == "--home" || arg == "--cache") && hasValue) {
+      const std::string value = argv[++i];
+      if (value.empty()) return fail(arg + " takes a folder");
+      (arg == "--home" ? options.home : options.cache) = fs::absolute(value).string();
     } else if (arg == "--port-base" && hasValue) {
-      options.portBase = std::atoi(argv[++i]);
-      if (options.portBase < 1024 || options.portBase > 65000)
-        return fail("--port-base takes a port from 1024 to 65000");
+      const auto port = wholeNumber(argv[++i]);
+      if (!port || *port < 1024 || *port > 65000) return fail("--port-base takes a port from 1024 to 65000");
+      options.portBase = *port;
     } else if (arg == "--list-size" && hasValue) {
-      options.listSize = std::atoi(argv[++i]);
-      if (options.listSize < 1) return fail("--list-size takes a positive number");
+      const auto size = wholeNumber(argv[++i]);
+      if (!size || *size < 1 || *size > 100000) return fail("--list-size takes a number from 1 to 100000");
+      options.listSize = *size;
     } else if (arg == "--keep-home") {
       options.keepHome = true;
     } else {
@@ -166,7 +178,11 @@ int main(int argc, char** argv) {
   const auto& a = lab->addresses();
   if (auto seeded = vt::lab::seedHome(options.home, world, a, options.listSize); !seeded)
     return fail(message(seeded.error()));
-  if (!writeAtomically(env, vt::lab::labEnvironment(options.home, a))) return fail("cannot write " + env);
+  // The lab's own process id last: a script that started this lab waits for
+  // a file that names it, never for one an earlier lab left behind.
+  const std::string envText = vt::lab::labEnvironment(options.home, a) +
+                              "export VT_LAB_PID=" + std::to_string(QCoreApplication::applicationPid()) + "\n";
+  if (!writeAtomically(env, envText)) return fail("cannot write " + env);
 
   size_t episodes = 0;
   for (const auto& s : world.shows) episodes += s.episodes.size();

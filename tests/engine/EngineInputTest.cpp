@@ -133,7 +133,7 @@ TEST(EngineInput, ASourceThatIgnoresRangesIsReadOnlyForItsFirstChunk) {
   test::ReaderRig r;
   constexpr int64_t kSize = 512ll << 20;
   r.host.on("GET", "/whole", [](const auto&, auto& reply) {
-    reply.stream(200, new test::GeneratedBytesDevice(0, kSize), {"Accept-Ranges", "none"});
+    reply.stream(200, new test::HeadThenFillerDevice({}, 0, kSize), {"Accept-Ranges", "none"});
   });
   const auto entry = r.hosted("Whole.mkv", "/whole", kSize);
   std::vector<std::string> lines;

@@ -245,7 +245,7 @@ TEST(StremioResolver, ProbeFollowsTheHostsAnswers) {
   // A Range request answered with 200 and a whole film: read no further than needed.
   w.cdn.on("GET", "/whole.mkv", [](const auto& req, auto& reply) {
     if (req.method == "HEAD") return reply.send(405);
-    reply.stream(200, new test::GeneratedBytesDevice(0, 2'000'000'000), {"Content-Length", "2000000000"});
+    reply.stream(200, new test::HeadThenFillerDevice({}, 0, 2'000'000'000), {"Content-Length", "2000000000"});
   });
   auto whole = w.run(r.probe(w.cdn.url("/whole.mkv").toString().toStdString()));
   ASSERT_TRUE(whole) << why(whole);

@@ -6,6 +6,8 @@
 #include <QFile>
 #include <QIODevice>
 
+#include "fakes/FakeFileHost.h"
+
 namespace vt::lab {
 
 namespace {
@@ -48,35 +50,17 @@ void serveFile(const std::string& path, const FakeHttpServer::Request& request, 
   if (request.method == "HEAD")
     return reply.send(200, {}, {{"Content-Length", length}, {"Accept-Ranges", "bytes"}}, type);
   const QString file = QString::fromStdString(path);
-  const auto range = request.header("Range");
-  const QByteArray spec = range ? range->trimmed() : QByteArray();
-  const int dash = spec.indexOf('-');
-  if (!range || !spec.startsWith("bytes=") || dash < 0) {
-    auto* device = new FileSpanDevice(file, 0, size);
-    if (!device->isOpen()) {
-      delete device;
-      return reply.send(503, "the file cannot be opened");
-    }
-    return reply.stream(200, device, {"Accept-Ranges", "bytes"}, type);
-  }
-  const QByteArray firstText = spec.mid(6, dash - 6);
-  const QByteArray lastText = spec.mid(dash + 1);
-  int64_t first = firstText.toLongLong();
-  int64_t last = lastText.isEmpty() ? size - 1 : std::min<int64_t>(lastText.toLongLong(), size - 1);
-  if (firstText.isEmpty()) {  // "bytes=-N": the last N bytes
-    first = std::max<int64_t>(0, size - lastText.toLongLong());
-    last = size - 1;
-  }
-  if (first >= size || last < first) return reply.send(416, {}, {{"Content-Range", "bytes */" + length}});
-  auto* device = new FileSpanDevice(file, first, last - first + 1);
+  const auto range = test::requestedRange(request, size);
+  if (range && !range->satisfiable) return reply.send(416, {}, {{"Content-Range", test::contentRange(*range, size)}});
+  const int64_t first = range ? range->first : 0;
+  const int64_t count = range ? range->last - range->first + 1 : size;
+  auto* device = new FileSpanDevice(file, first, count);
   if (!device->isOpen()) {
     delete device;
     return reply.send(503, "the file cannot be opened");
   }
-  reply.stream(206, device,
-               {"Content-Range", "bytes " + QByteArray::number(static_cast<qlonglong>(first)) + "-" +
-                                     QByteArray::number(static_cast<qlonglong>(last)) + "/" + length},
-               type);
+  if (!range) return reply.stream(200, device, {"Accept-Ranges", "bytes"}, type);
+  reply.stream(206, device, {"Content-Range", test::contentRange(*range, size)}, type);
 }
 
 Json itemJson(const FakePlexServer::Item& item) {

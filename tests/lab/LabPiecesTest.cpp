@@ -185,6 +185,7 @@ TEST(LabWorld, ReleaseNamesClaimWhatTheirClipsAre) {
   for (const auto* r : world.releases()) {
     families.insert(std::to_string(static_cast<int>(r->family)));
     (r->cached ? cached : uncached)++;
+    EXPECT_EQ(r->filename.find(':'), std::string::npos) << r->filename << ": release groups drop ':'";
     const auto info = ReleaseParser::parse(r->filename);
     if (r->clip.empty()) {
       junk.insert(extensionOf(r->filename));

@@ -62,6 +62,15 @@ class Dice {
 };
 
 // "Fox & Hound: Part II" → "Fox.and.Hound.Part.II", as release groups write titles.
+// The title as names with spaces carry it: release groups drop what a
+// file name can't hold everywhere (":").
+std::string spaced(const std::string& title) {
+  std::string out;
+  for (char c : title)
+    if (c != ':') out += c;
+  return out;
+}
+
 std::string dotted(const std::string& title) {
   std::string out;
   for (size_t i = 0; i < title.size(); ++i) {
@@ -127,8 +136,8 @@ std::vector<LabRelease> filmReleases(Dice& dice, const std::string& title, const
         release(dice, t + "." + year + ".2160p.UHD.BluRay.x265.10bit.HDR.DTS-HD.MA.5.1-" + dice.pick(kGroups) + ".mkv",
                 "2160p", "2160p.mkv", Family::torrentio, true, 20, 65));
   if (dice.chance(30))
-    out.push_back(release(dice, title + " (" + year + ") [1080p] [BluRay] [5.1] [YTS.MX].mp4", "1080p", "1080p.mp4",
-                          Family::torrentio, true, 1.8, 3.2));
+    out.push_back(release(dice, spaced(title) + " (" + year + ") [1080p] [BluRay] [5.1] [YTS.MX].mp4", "1080p",
+                          "1080p.mp4", Family::torrentio, true, 1.8, 3.2));
   if (dice.chance(35))
     out.push_back(release(dice, t + "." + year + ".1080p.AMZN.WEB-DL.DDP5.1.H.264-" + dice.pick(kGroups) + ".mkv",
                           "1080p", "1080p.mkv", Family::torrentio, false, 4, 8));
@@ -159,7 +168,7 @@ std::vector<LabRelease> cinemaReleases(Dice& dice, const std::string& title, con
   const std::string t = dotted(title);
   return {release(dice, t + "." + year + ".1080p.HDCAM.x264-" + dice.pick(kCamGroups) + ".mkv", "1080p", "1080p.mkv",
                   Family::torrentio, true, 1.5, 3),
-          release(dice, title + " " + year + " 1080p HDTS x264 AAC-" + dice.pick(kCamGroups) + ".mp4", "1080p",
+          release(dice, spaced(title) + " " + year + " 1080p HDTS x264 AAC-" + dice.pick(kCamGroups) + ".mp4", "1080p",
                   "1080p.mp4", Family::torrentio, true, 1.2, 2.4)};
 }
 

@@ -52,8 +52,15 @@ Result<std::map<std::string, QByteArray>, LabError> ensureClips(const std::strin
       if (ffmpeg.isEmpty()) return Failure{LabError{"ffmpeg is needed once to make the lab's clips; install it"}};
       say("making the clip " + spec.name + " with ffmpeg (once)");
       const fs::path partial = fs::path(directory) / (".partial-" + spec.name);
+      // An mp4 is the same pictures and sound as its resolution's mkv, made
+      // before it: copied into the other container, not encoded again.
+      const fs::path mkv = fs::path(directory) / (std::to_string(spec.height) + "p.mkv");
+      const bool remux = spec.container == "mp4" && fs::is_regular_file(mkv, ec) && fs::file_size(mkv, ec) > 0;
       QStringList args;
-      for (const auto& a : clipArguments(spec.width, spec.height, spec.container, 10, partial.string()))
+      for (const auto& a :
+           remux ? std::vector<std::string>{"-hide_banner", "-loglevel", "error", "-y", "-i", mkv.string(), "-c",
+                                            "copy", "-movflags", "+faststart", "-f", "mp4", partial.string()}
+                 : clipArguments(spec.width, spec.height, spec.container, 10, partial.string()))
         args << QString::fromStdString(a);
       QProcess process;
       process.setProcessChannelMode(QProcess::MergedChannels);

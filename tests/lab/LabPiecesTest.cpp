@@ -452,15 +452,17 @@ TEST(LabHome, SettingsReachTheLabAndOneListIsSubscribedAndPublished) {
     EXPECT_EQ(catalog.meta(list.itemImdbIds[0])->name, world.catalogFilms()[0]->title);
   }
 
-  // A later start moves the list to the add-on's new address and keeps it.
+  // A later start moves the list to the add-on's new address and keeps it,
+  // at that start's size.
   a.catalogAddon = "http://127.0.0.1:2002/";
-  ASSERT_TRUE(seedHome(home.path(), world, a, 12));
+  ASSERT_TRUE(seedHome(home.path(), world, a, 20));
   const auto settings = SettingsStore::openForTestHome(home.path());
   AppConfig config(*settings);
   CatalogStore catalog(home.path(), systemClock(), &config, {.readOnly = true});
   ASSERT_EQ(catalog.publishedLists().size(), 1u);
   EXPECT_EQ(catalog.publishedLists().front().id, listId);
   EXPECT_EQ(catalog.publishedLists().front().source.addonBaseURL, a.catalogAddon);
+  EXPECT_EQ(catalog.publishedLists().front().maxItems, 20);
 }
 
 TEST(LabHome, TheEnvironmentFileNamesEveryServiceAndNoSecret) {

@@ -370,8 +370,9 @@ Result<void, LabError> seedHome(const std::string& home, const LabWorld& world, 
   for (const auto& c : catalog.collections())
     if (c.name == kLabListName) existing = c;
   if (existing) {
-    // The add-on's address changes with its port.
+    // The add-on's address changes with its port; the size is this start's.
     existing->source = source;
+    existing->maxItems = listSize;
     catalog.upsert(*existing);
   } else {
     CatalogCollection list;

@@ -1,7 +1,5 @@
 #include "app/Publishing.h"
 
-#include "catalog/SeriesResolve.h"
-
 #include <algorithm>
 
 #include "catalog/CatalogStore.h"
